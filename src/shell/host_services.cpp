@@ -42,15 +42,25 @@ namespace {
 
 constexpr size_t kTextBytes = 256;
 
+// Appends src to the text, cutting it at the buffer's end.
+void Append(char (&text)[kTextBytes], size_t& used, const char* src) {
+    while (*src && used + 1 < kTextBytes) text[used++] = *src++;
+    text[used] = '\0';
+}
+
 // prefix + ": " + the formatted part, bounded to the buffer.
+void ComposeFixed(char (&text)[kTextBytes], const char* prefix, const char* fixed) {
+    size_t used = 0;
+    text[0] = '\0';
+    Append(text, used, prefix ? prefix : "");
+    Append(text, used, ": ");
+    Append(text, used, fixed);
+}
+
 void Compose(char (&text)[kTextBytes], const char* prefix, const char* format, va_list args) {
     char formatted[kTextBytes];
     std::vsnprintf(formatted, sizeof formatted, format ? format : "", args);
-    std::snprintf(text, sizeof text, "%s: %s", prefix ? prefix : "", formatted);
-}
-
-void ComposeFixed(char (&text)[kTextBytes], const char* prefix, const char* fixed) {
-    std::snprintf(text, sizeof text, "%s: %s", prefix ? prefix : "", fixed);
+    ComposeFixed(text, prefix, formatted);
 }
 
 // The composed text goes to the host as its format argument with no further
@@ -120,7 +130,10 @@ void qvofx_log(OfxImageEffectHandle effect, ofxHost* host, int, const char* pref
     va_end(args);
     if (hostIsNuke(host)) {
         char line[kTextBytes + 1];
-        std::snprintf(line, sizeof line, "%s\n", text);
+        size_t length = std::strlen(text);
+        std::memcpy(line, text, length);
+        line[length] = '\n';
+        line[length + 1] = '\0';
         Send(nullptr, kOfxMessageLog, line);
     } else {
         Send(effect, kOfxMessageLog, text);

@@ -11,6 +11,7 @@
 #include "ofxMemory.h"
 #include "ofxMessage.h"
 #include "ofxMultiThread.h"
+#include "ofxOld.h"
 #include "ofxParam.h"
 #include "ofxProperty.h"
 #include "plerr.h"

@@ -1,0 +1,19 @@
+// Whole-image operations that the plug-in runs: scale, premultiply and
+// unpremultiply, invert, clear, copy a channel, copy an image or a rectangle.
+// Each is a driver plus a row worker over the thread layer. None normalises
+// between bit depths: a copy between types carries the numeric value.
+#pragma once
+
+#include <cstdint>
+
+#include "plimage.h"
+
+void PLScaleImage(float factor, PLImage* image);
+void PLPremultiply(PLImage* image);
+void PLUnpremultiply(PLImage* image);
+void PLInvertImage(PLImage* image);
+void PLClearImage(PLImage* image);
+void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
+void PLCopyImage(PLImage* dst, const PLImage* src);
+void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX, int32_t srcY,
+                     int32_t width, int32_t height);
