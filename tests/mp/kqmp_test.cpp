@@ -149,9 +149,9 @@ TEST(Kqmp, ThreadLimitOfTheSlots) {
     ASSERT_EQ(kqmp_threadcount, 0);
 
     JobRecord tooMany(2050, 1025);
-    EXPECT_THROW(RunRecorded(tooMany, 1025, 2050), PLErr);
     try {
         RunRecorded(tooMany, 1025, 2050);
+        ADD_FAILURE() << "1025 threads must be refused";
     } catch (PLErr e) {
         EXPECT_EQ(e, PLErrFailed);
     }
@@ -348,6 +348,7 @@ TEST(Kqmp, HostRunnerRunsTheJobOnItsThreads) {
 // registers kqmp_shutdown with atexit, as the shell does; one build has the
 // registration before the pool's construction and one after.
 TEST(Kqmp, UnloadJoinsThePoolThreads) {
+    std::thread([] {}).join();  // a thread sanitizer starts a helper thread with the first thread
     for (const char* path : {KQMP_MODULE_EARLY, KQMP_MODULE_LATE}) {
         for (int round = 0; round < 2; ++round) {
             const std::string what = std::string(path) + ", load " + std::to_string(round + 1);
