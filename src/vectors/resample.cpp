@@ -58,11 +58,13 @@ void FilterLine(const float* in, float* out, int32_t n, const float* w, int32_t 
         }
         out[i] = sum / norm;
     }
-    for (int32_t i = r; i < n - r; ++i) {
-        const float* p = in + (i - r);
-        float sum = 0.0f;
-        for (int32_t t = 0; t < taps; ++t) sum += p[t] * w[t];
-        out[i] = sum;
+    // Tap by tap over all interior outputs: each output still accumulates from
+    // 0 in tap order, but the inner loop runs across outputs and vectorises.
+    for (int32_t i = r; i < n - r; ++i) out[i] = 0.0f;
+    for (int32_t t = 0; t < taps; ++t) {
+        const float wt = w[t];
+        const float* p = in + t;
+        for (int32_t i = r; i < n - r; ++i) out[i] += p[i - r] * wt;
     }
 }
 
