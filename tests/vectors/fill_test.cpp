@@ -1,6 +1,6 @@
 // The pull-and-push hole fill: its pyramid, what it keeps exactly, how it
 // spreads known values, progress and abort, failure while building, and the
-// conversions and smoothing choices beside it.
+// channel conversion beside it.
 #include "fill.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,6 @@
 
 #include "flow_field.h"
 #include "image_helpers.h"
-#include "resample.h"
 
 namespace {
 
@@ -292,33 +291,6 @@ TEST(CopyChannelConverting, RoundsAndClampsIntoIntegers) {
     EXPECT_EQ(Get<float>(back.get(), 5, 0, 0), 65535.0f) << "no range scaling";
     PLCopyChannelConverting(back.get(), 0, floats.get(), 1);
     EXPECT_EQ(Bits(Get<float>(back.get(), 6, 0, 0)), Bits(in[6])) << "like types copy the bits";
-}
-
-TEST(SmoothLevel, StrengthAndVariantChooseTheKernel) {
-    ImagePtr base = MakeImage(30, 20, 1, PLPixelFloat);
-    uint32_t state = 9;
-    for (int32_t y = 0; y < 20; ++y)
-        for (int32_t x = 0; x < 30; ++x) Set<float>(base.get(), x, y, 0, Noise(state));
-    struct Choice {
-        int32_t variant, strength;
-        void (*direct)(PLImage*);
-    };
-    const Choice choices[] = {
-        {0, 0, [](PLImage* im) { PLBoxBlur(2.0f, im, 0); }},
-        {1, 0, [](PLImage* im) { PLBoxBlur(2.0f, im, 0); }},
-        {0, 1, [](PLImage* im) { PLGaussianBlur(5.0f, im, 0); }},
-        {1, 1, [](PLImage* im) { PLGaussianBlur(7.0f, im, 0); }},
-        {2, 2, [](PLImage* im) { PLGaussianBlur(3.0f, im, 0); }},
-        {1, 2, [](PLImage* im) { PLGaussianBlur(5.0f, im, 0); }},
-        {0, 3, [](PLImage*) {}},
-    };
-    for (const Choice& c : choices) {
-        ImagePtr viaLevel = CopyOf(base.get());
-        ImagePtr direct = CopyOf(base.get());
-        PLSmoothLevel(viaLevel.get(), c.variant, c.strength);
-        c.direct(direct.get());
-        EXPECT_TRUE(SameBytes(viaLevel.get(), direct.get())) << c.variant << "/" << c.strength;
-    }
 }
 
 }  // namespace
