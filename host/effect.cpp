@@ -58,10 +58,10 @@ void defineClipProperties(PropertySet& p, const std::string& name) {
 
 Clip::Clip(const std::string& name) : name_(name) {
     defineClipProperties(properties_, name);
-    registerHandle(this, HandleKind::Clip);
+    handle_ = static_cast<OfxImageClipHandle>(registerHandle(this, HandleKind::Clip));
 }
 Clip::~Clip() {
-    unregisterHandle(this);
+    unregisterHandle(handle_);
 }
 Clip* Clip::fromHandle(OfxImageClipHandle handle) {
     return ofxhost::fromHandle<Clip>(handle, HandleKind::Clip);
@@ -69,10 +69,10 @@ Clip* Clip::fromHandle(OfxImageClipHandle handle) {
 
 ImageEffect::ImageEffect() {
     defineEffectProperties(properties_);
-    registerHandle(this, HandleKind::ImageEffect);
+    handle_ = static_cast<OfxImageEffectHandle>(registerHandle(this, HandleKind::ImageEffect));
 }
 ImageEffect::~ImageEffect() {
-    unregisterHandle(this);
+    unregisterHandle(handle_);
 }
 ImageEffect* ImageEffect::fromHandle(OfxImageEffectHandle handle) {
     return ofxhost::fromHandle<ImageEffect>(handle, HandleKind::ImageEffect);

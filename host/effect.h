@@ -21,13 +21,14 @@ class Clip {
     Clip(const Clip&) = delete;
     Clip& operator=(const Clip&) = delete;
 
-    OfxImageClipHandle handle() { return reinterpret_cast<OfxImageClipHandle>(this); }
+    OfxImageClipHandle handle() const { return handle_; }
     static Clip* fromHandle(OfxImageClipHandle handle);
 
     const std::string& name() const { return name_; }
     PropertySet& properties() { return properties_; }
 
   private:
+    OfxImageClipHandle handle_;
     std::string name_;
     PropertySet properties_;
 };
@@ -39,7 +40,7 @@ class Param {
     Param(const Param&) = delete;
     Param& operator=(const Param&) = delete;
 
-    OfxParamHandle handle() { return reinterpret_cast<OfxParamHandle>(this); }
+    OfxParamHandle handle() const { return handle_; }
     static Param* fromHandle(OfxParamHandle handle);
 
     const std::string& type() const { return type_; }
@@ -47,6 +48,7 @@ class Param {
     PropertySet& properties() { return properties_; }
 
   private:
+    OfxParamHandle handle_;
     std::string type_;
     std::string name_;
     PropertySet properties_;
@@ -59,7 +61,7 @@ class ParamSet {
     ParamSet(const ParamSet&) = delete;
     ParamSet& operator=(const ParamSet&) = delete;
 
-    OfxParamSetHandle handle() { return reinterpret_cast<OfxParamSetHandle>(this); }
+    OfxParamSetHandle handle() const { return handle_; }
     static ParamSet* fromHandle(OfxParamSetHandle handle);
 
     PropertySet& properties() { return properties_; }
@@ -69,6 +71,7 @@ class ParamSet {
     const std::vector<std::unique_ptr<Param>>& params() const { return params_; }
 
   private:
+    OfxParamSetHandle handle_;
     PropertySet properties_;
     std::vector<std::unique_ptr<Param>> params_;
 };
@@ -80,7 +83,7 @@ class ImageEffect {
     ImageEffect(const ImageEffect&) = delete;
     ImageEffect& operator=(const ImageEffect&) = delete;
 
-    OfxImageEffectHandle handle() { return reinterpret_cast<OfxImageEffectHandle>(this); }
+    OfxImageEffectHandle handle() const { return handle_; }
     static ImageEffect* fromHandle(OfxImageEffectHandle handle);
 
     PropertySet& properties() { return properties_; }
@@ -90,6 +93,7 @@ class ImageEffect {
     const std::vector<std::unique_ptr<Clip>>& clips() const { return clips_; }
 
   private:
+    OfxImageEffectHandle handle_;
     PropertySet properties_;
     ParamSet params_;
     std::vector<std::unique_ptr<Clip>> clips_;

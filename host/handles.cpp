@@ -1,7 +1,8 @@
-// The live-handle registry: one map for all kinds, read far more often than
+// The handle registry: one map for all kinds, read far more often than
 // written, so readers share the lock.
 #include "handles.h"
 
+#include <cstdint>
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
@@ -9,9 +10,15 @@
 namespace ofxhost {
 namespace {
 
+struct Entry {
+    void* object;
+    HandleKind kind;
+};
+
 struct Registry {
     std::shared_mutex mutex;
-    std::unordered_map<const void*, HandleKind> live;
+    std::unordered_map<const void*, Entry> live;
+    uintptr_t next = 0x10000;  // aligned like a heap pointer, far from null
 };
 
 Registry& registry() {
@@ -21,21 +28,27 @@ Registry& registry() {
 
 }  // namespace
 
-void registerHandle(const void* object, HandleKind kind) {
-    std::unique_lock lock(registry().mutex);
-    registry().live[object] = kind;
+void* registerHandle(void* object, HandleKind kind) {
+    Registry& r = registry();
+    std::unique_lock lock(r.mutex);
+    void* handle = reinterpret_cast<void*>(r.next);
+    r.next += 16;
+    r.live[handle] = {object, kind};
+    return handle;
 }
 
-void unregisterHandle(const void* object) {
-    std::unique_lock lock(registry().mutex);
-    registry().live.erase(object);
+void unregisterHandle(const void* handle) {
+    Registry& r = registry();
+    std::unique_lock lock(r.mutex);
+    r.live.erase(handle);
 }
 
-bool isLiveHandle(const void* object, HandleKind kind) {
-    if (!object) return false;
-    std::shared_lock lock(registry().mutex);
-    auto it = registry().live.find(object);
-    return it != registry().live.end() && it->second == kind;
+void* lookupHandle(const void* handle, HandleKind kind) {
+    if (!handle) return nullptr;
+    Registry& r = registry();
+    std::shared_lock lock(r.mutex);
+    auto it = r.live.find(handle);
+    return it != r.live.end() && it->second.kind == kind ? it->second.object : nullptr;
 }
 
 }  // namespace ofxhost

@@ -1,21 +1,23 @@
-// A registry of the objects whose addresses the host hands to a plug-in as
-// opaque handles. Every suite entry checks a handle here before it touches
-// the object, so a null, stale or wrong-kind handle gives kOfxStatErrBadHandle
-// instead of a crash in the host.
+// The handles the host gives a plug-in for its objects. A handle is an opaque
+// token, never an object's address, and tokens are never reused: so a null,
+// stale or wrong-kind handle is recognised and gives kOfxStatErrBadHandle
+// instead of a crash, and a member object (the property set inside an
+// effect) never shares its handle with the object around it.
 #pragma once
 
 namespace ofxhost {
 
 enum class HandleKind { PropertySet, ImageEffect, Clip, ParamSet, Param, Mutex };
 
-void registerHandle(const void* object, HandleKind kind);
-void unregisterHandle(const void* object);
-bool isLiveHandle(const void* object, HandleKind kind);
+// Gives a new token for the object; withdraw it before the object goes.
+void* registerHandle(void* object, HandleKind kind);
+void unregisterHandle(const void* handle);
+// The object behind a live handle of that kind, or null.
+void* lookupHandle(const void* handle, HandleKind kind);
 
-// Looks a plug-in's handle up and gives the object, or null for a bad handle.
 template <typename T>
 T* fromHandle(const void* handle, HandleKind kind) {
-    return isLiveHandle(handle, kind) ? static_cast<T*>(const_cast<void*>(handle)) : nullptr;
+    return static_cast<T*>(lookupHandle(handle, kind));
 }
 
 }  // namespace ofxhost

@@ -96,20 +96,20 @@ void defineParamProperties(PropertySet& p, const std::string& type, const std::s
 
 Param::Param(const std::string& type, const std::string& name) : type_(type), name_(name) {
     defineParamProperties(properties_, type, name);
-    registerHandle(this, HandleKind::Param);
+    handle_ = static_cast<OfxParamHandle>(registerHandle(this, HandleKind::Param));
 }
 Param::~Param() {
-    unregisterHandle(this);
+    unregisterHandle(handle_);
 }
 Param* Param::fromHandle(OfxParamHandle handle) {
     return ofxhost::fromHandle<Param>(handle, HandleKind::Param);
 }
 
 ParamSet::ParamSet() {
-    registerHandle(this, HandleKind::ParamSet);
+    handle_ = static_cast<OfxParamSetHandle>(registerHandle(this, HandleKind::ParamSet));
 }
 ParamSet::~ParamSet() {
-    unregisterHandle(this);
+    unregisterHandle(handle_);
 }
 ParamSet* ParamSet::fromHandle(OfxParamSetHandle handle) {
     return ofxhost::fromHandle<ParamSet>(handle, HandleKind::ParamSet);

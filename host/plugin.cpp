@@ -20,6 +20,8 @@ std::string Bundle::binaryPath(const std::string& path) {
 
 std::unique_ptr<Bundle> Bundle::open(const std::string& path, std::string& error) {
     std::string binary = binaryPath(path);
+    // Without a slash dlopen would search the library path, not the folder we are in.
+    if (binary.find('/') == std::string::npos) binary = "./" + binary;
     void* module = dlopen(binary.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!module) {
         const char* why = dlerror();

@@ -74,10 +74,10 @@ PropertyValue zeroOf(PropertyType type) {
 }  // namespace
 
 PropertySet::PropertySet() {
-    registerHandle(this, HandleKind::PropertySet);
+    handle_ = static_cast<OfxPropertySetHandle>(registerHandle(this, HandleKind::PropertySet));
 }
 PropertySet::~PropertySet() {
-    unregisterHandle(this);
+    unregisterHandle(handle_);
 }
 
 PropertySet* PropertySet::fromHandle(OfxPropertySetHandle handle) {

@@ -43,7 +43,7 @@ class PropertySet {
     PropertySet(const PropertySet&) = delete;
     PropertySet& operator=(const PropertySet&) = delete;
 
-    OfxPropertySetHandle handle() { return reinterpret_cast<OfxPropertySetHandle>(this); }
+    OfxPropertySetHandle handle() const { return handle_; }
     static PropertySet* fromHandle(OfxPropertySetHandle handle);
 
     // Host side: define (or redefine) a property. dimension 0 means variable;
@@ -85,6 +85,7 @@ class PropertySet {
 
     const Property* find(const char* name, PropertyType type, OfxStatus* status) const;
 
+    OfxPropertySetHandle handle_;
     mutable std::shared_mutex mutex_;
     std::map<std::string, Property, std::less<>> properties_;
     std::vector<PropertyWrite> writes_;

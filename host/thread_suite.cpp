@@ -80,16 +80,15 @@ HostMutex* mutexOf(OfxMutexHandle handle) {
 OfxStatus mutexCreate(OfxMutexHandle* handle, int lockCount) {
     if (!handle) return kOfxStatErrValue;
     auto* m = new HostMutex;
-    registerHandle(m, HandleKind::Mutex);
     for (int i = 0; i < lockCount; ++i) m->mutex.lock();
-    *handle = reinterpret_cast<OfxMutexHandle>(m);
+    *handle = static_cast<OfxMutexHandle>(registerHandle(m, HandleKind::Mutex));
     return kOfxStatOK;
 }
 
 OfxStatus mutexDestroy(const OfxMutexHandle handle) {
     HostMutex* m = mutexOf(handle);
     if (!m) return kOfxStatErrBadHandle;
-    unregisterHandle(m);
+    unregisterHandle(handle);
     delete m;
     return kOfxStatOK;
 }
