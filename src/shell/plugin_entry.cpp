@@ -1,7 +1,6 @@
 // The exported entry points, the plug-in record, the shell's globals and the
 // actions that the shell answers itself: Describe, Load, Unload, DestroyInstance.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "kqmp.h"
@@ -57,14 +56,17 @@ void ExitRoutine() {
     }
 }
 
-// Before any action: clear the load flag and make good, at process end or
-// unload of the shared object, an Unload that the host never sent.
+// Before any action: clear the load flag. The destructor makes good, at
+// process end or unload of the shared object, an Unload that the host never
+// sent. A static destructor is bound to this module; std::atexit is not
+// everywhere (a sanitizer runtime's atexit outlives dlclose and then calls
+// into the unmapped module at exit).
 struct StaticStartUp {
     StaticStartUp() {
         functracker = 0;
         kqmp_sethostrunner(HostThreadRunner);
-        std::atexit(ExitRoutine);
     }
+    ~StaticStartUp() { ExitRoutine(); }
 } gStaticStartUp;
 
 OfxStatus Describe(OfxImageEffectHandle effect) {
