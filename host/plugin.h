@@ -53,7 +53,7 @@ class Plugin {
     OfxStatus action(const char* name, const void* handle = nullptr, OfxPropertySetHandle inArgs = nullptr,
                      OfxPropertySetHandle outArgs = nullptr);
 
-    // Describe on a fresh descriptor, which stays for inspection.
+    // Describe on a fresh descriptor, which stays for the caller to read.
     OfxStatus describe();
     OfxStatus load();
     OfxStatus unload();

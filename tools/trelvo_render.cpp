@@ -37,19 +37,19 @@ struct Options {
 };
 
 // One entry per option; an option with a value gets it as the argument.
-struct OptionSpec {
+struct OptionRule {
     const char* name;
     bool takesValue;
     std::function<void(Options&, const std::string&)> apply;
 };
 
-const std::vector<OptionSpec>& optionSpecs() {
-    static const std::vector<OptionSpec> specs = {
+const std::vector<OptionRule>& optionRules() {
+    static const std::vector<OptionRule> rules = {
         {"--describe", false, [](Options& o, const std::string&) { o.describe = true; }},
         {"--help", false, [](Options& o, const std::string&) { o.help = true; }},
         {"--plugin", true, [](Options& o, const std::string& v) { o.plugin = v; }},
     };
-    return specs;
+    return rules;
 }
 
 // Accepts "--name value" and "--name=value". Gives false with a message for
@@ -66,24 +66,24 @@ bool parseOptions(int argc, char** argv, Options& options, std::string& error) {
             value = arg.substr(equals + 1);
             inlineValue = true;
         }
-        const OptionSpec* spec = nullptr;
-        for (const OptionSpec& s : optionSpecs())
-            if (name == s.name) spec = &s;
-        if (!spec) {
+        const OptionRule* rule = nullptr;
+        for (const OptionRule& s : optionRules())
+            if (name == s.name) rule = &s;
+        if (!rule) {
             error = "unknown option '" + arg + "'";
             return false;
         }
-        if (spec->takesValue && !inlineValue) {
+        if (rule->takesValue && !inlineValue) {
             if (i + 1 >= argc) {
                 error = "option '" + name + "' needs a value";
                 return false;
             }
             value = argv[++i];
-        } else if (!spec->takesValue && inlineValue) {
+        } else if (!rule->takesValue && inlineValue) {
             error = "option '" + name + "' takes no value";
             return false;
         }
-        spec->apply(options, value);
+        rule->apply(options, value);
     }
     return true;
 }
