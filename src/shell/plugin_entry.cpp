@@ -1,16 +1,12 @@
 // The exported entry points, the plug-in record, the shell's globals and the
 // actions that the shell answers itself: Describe, Load, Unload, DestroyInstance.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "kqmp.h"
 #include "licence.h"
 #include "ofx_plugin.h"
 #include "qvmem.h"
-
-extern "C" int __cxa_atexit(void (*fn)(void*), void* arg, void* dso);
-extern "C" void* __dso_handle;
 
 OfxHost* gHost = nullptr;
 OfxImageEffectSuiteV1* gEffectHost = nullptr;
@@ -53,23 +49,24 @@ bool HostThreadRunner(kqmp_threadfunction* fn, unsigned int count, void* arg) {
     return true;
 }
 
-void ExitRoutine(void*) {
+void ExitRoutine() {
     if (functracker) {
         common_CleanUpQV();
         functracker = 0;
     }
 }
 
-// Before any action: clear the load flag and make good, at process end or
-// unload of the shared object, an Unload that the host never sent.
+// Before any action: clear the load flag. The destructor makes good, at
+// process end or unload of the shared object, an Unload that the host never
+// sent. A static destructor is bound to this module; std::atexit is not
+// everywhere (a sanitizer runtime's atexit outlives dlclose and then calls
+// into the unmapped module at exit).
 struct StaticStartUp {
     StaticStartUp() {
         functracker = 0;
         kqmp_sethostrunner(HostThreadRunner);
-        // Tied to this module, so that it also runs when the host unloads us
-        // with dlclose, not at process exit after our code is gone.
-        __cxa_atexit(ExitRoutine, nullptr, &__dso_handle);
     }
+    ~StaticStartUp() { ExitRoutine(); }
 } gStaticStartUp;
 
 OfxStatus Describe(OfxImageEffectHandle effect) {
@@ -138,8 +135,9 @@ OfxStatus Load() {
     }
     // Name and label are read also when a suite is missing.
     if (gPropHost) {
-        char* name = nullptr;
-        char* label = nullptr;
+        // Preset to what is held, so that an unanswered read leaves it.
+        char* name = const_cast<char*>(QVOfxHost.name);
+        char* label = const_cast<char*>(QVOfxHost.label);
         gPropHost->propGetString(gHost->host, kOfxPropName, 0, &name);
         gPropHost->propGetString(gHost->host, kOfxPropLabel, 0, &label);
         QVOfxHost.name = name;

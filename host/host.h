@@ -1,0 +1,112 @@
+// The embedded OFX host: its identity and property set, the suites it hands
+// out through fetchSuite, and what it records of a plug-in's calls (suite
+// fetches, memory, messages). A host can impersonate another by name and
+// label, and leave out chosen suites and host properties, so that tests can
+// see how a plug-in behaves on hosts other than ours.
+//
+// The suites are plain C function tables without a user pointer, so their
+// entries reach the host through Host::current(): one Host exists at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <set>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "ofxCore.h"
+#include "property_set.h"
+
+namespace ofxhost {
+
+struct HostConfig {
+    std::string name = "com.corvane.trelvo-render";
+    std::string label = "trelvo-render";
+    std::set<std::string> omittedSuites;      // fetchSuite answers null for these
+    std::set<std::string> omittedProperties;  // unknown to the host's property set
+    unsigned int numCPUs = 0;                 // multiThreadNumCPUs; 0 asks the machine
+    // multiThread runs share 0 on the calling thread; false spawns all n.
+    bool callerRunsShareZero = true;
+};
+
+// Host memory handed to the plug-in, counted; can be told to fail.
+class MemoryLedger {
+  public:
+    struct Counts {
+        uint64_t allocations = 0;  // successful ones
+        uint64_t frees = 0;
+        uint64_t failedAllocations = 0;
+        uint64_t badFrees = 0;  // pointers the ledger never handed out (or already took back)
+        size_t liveBytes = 0;
+        size_t peakBytes = 0;
+    };
+
+    ~MemoryLedger();
+    OfxStatus allocate(size_t bytes, void** block);
+    OfxStatus release(void* block);
+    Counts counts() const;
+    // Allocations after the first n successful ones fail; negative: never.
+    void failAfter(int64_t n);
+
+  private:
+    mutable std::mutex mutex_;
+    std::unordered_map<void*, size_t> live_;
+    Counts counts_;
+    int64_t failAfter_ = -1;
+};
+
+struct Message {
+    void* handle;
+    std::string type;
+    std::string id;
+    std::string text;    // the format expanded with its arguments
+    std::string format;  // as the plug-in passed it
+};
+
+class MessageLog {
+  public:
+    void add(Message message);
+    std::vector<Message> all() const;
+    void clear();
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<Message> messages_;
+};
+
+class Host {
+  public:
+    explicit Host(HostConfig config = {});
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // The running host, or null.
+    static Host* current();
+
+    const HostConfig& config() const { return config_; }
+    OfxHost* ofxHost() { return &ofxHost_; }
+    PropertySet& properties() { return properties_; }
+    MemoryLedger& memory() { return memory_; }
+    MessageLog& messages() { return messages_; }
+
+    // What the plug-in gets for a suite name and version; null if unknown or omitted.
+    const void* fetchSuite(const char* name, int version);
+    // "Name/version" of every fetch, in order.
+    std::vector<std::string> fetches() const;
+
+    unsigned int numCPUs() const;
+
+  private:
+    HostConfig config_;
+    PropertySet properties_;
+    OfxHost ofxHost_;
+    MemoryLedger memory_;
+    MessageLog messages_;
+    mutable std::mutex fetchMutex_;
+    std::vector<std::string> fetches_;
+};
+
+}  // namespace ofxhost

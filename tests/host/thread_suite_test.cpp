@@ -1,0 +1,80 @@
+// The host's multi-thread suite: every share runs once on a thread of the
+// promised kind, and the mutexes exclude across threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+#include "ofxMultiThread.h"
+
+namespace {
+
+const OfxMultiThreadSuiteV1* suiteOf(ofxhost::Host& host) {
+    return static_cast<const OfxMultiThreadSuiteV1*>(host.fetchSuite(kOfxMultiThreadSuite, 1));
+}
+
+struct Seen {
+    const OfxMultiThreadSuiteV1* suite;
+    std::atomic<int> runs[8];
+    std::atomic<int> spawned[8];
+    std::atomic<int> indexAgrees[8];
+    std::atomic<unsigned int> countSeen{0};
+};
+
+void share(unsigned int index, unsigned int count, void* arg) {
+    auto* seen = static_cast<Seen*>(arg);
+    seen->runs[index]++;
+    seen->spawned[index] += seen->suite->multiThreadIsSpawnedThread();
+    unsigned int asked = 99;
+    seen->suite->multiThreadIndex(&asked);
+    seen->indexAgrees[index] += asked == index;
+    seen->countSeen = count;
+}
+
+}  // namespace
+
+TEST(MultiThreadSuite, RunsEveryShareOnceOnTheRightThreads) {
+    for (bool callerRuns : {true, false}) {
+        ofxhost::HostConfig config;
+        config.numCPUs = 5;
+        config.callerRunsShareZero = callerRuns;
+        ofxhost::Host host(config);
+        const OfxMultiThreadSuiteV1* t = suiteOf(host);
+        unsigned int cpus = 0;
+        EXPECT_EQ(t->multiThreadNumCPUs(&cpus), kOfxStatOK);
+        EXPECT_EQ(cpus, 5u);
+
+        Seen seen{t, {}, {}, {}};
+        ASSERT_EQ(t->multiThread(share, 8, &seen), kOfxStatOK);
+        for (int i = 0; i < 8; ++i) {
+            EXPECT_EQ(seen.runs[i], 1) << "share " << i;
+            EXPECT_EQ(seen.indexAgrees[i], 1) << "share " << i;
+            EXPECT_EQ(seen.spawned[i], (i == 0 && callerRuns) ? 0 : 1) << "share " << i;
+        }
+        EXPECT_EQ(seen.countSeen, 8u);
+        EXPECT_EQ(t->multiThreadIsSpawnedThread(), 0);
+    }
+}
+
+TEST(MultiThreadSuite, MutexesExcludeOtherThreadsAndCheckHandles) {
+    ofxhost::Host host;
+    const OfxMultiThreadSuiteV1* t = suiteOf(host);
+    OfxMutexHandle m = nullptr;
+    ASSERT_EQ(t->mutexCreate(&m, 1), kOfxStatOK);  // created locked by this thread
+    OfxStatus other = kOfxStatOK;
+    std::thread([&] { other = t->mutexTryLock(m); }).join();
+    EXPECT_EQ(other, kOfxStatFailed);
+    EXPECT_EQ(t->mutexLock(m), kOfxStatOK) << "recursive for its owner";
+    EXPECT_EQ(t->mutexUnLock(m), kOfxStatOK);
+    EXPECT_EQ(t->mutexUnLock(m), kOfxStatOK);
+    std::thread([&] {
+        other = t->mutexTryLock(m);
+        if (other == kOfxStatOK) t->mutexUnLock(m);
+    }).join();
+    EXPECT_EQ(other, kOfxStatOK);
+    EXPECT_EQ(t->mutexDestroy(m), kOfxStatOK);
+    EXPECT_EQ(t->mutexLock(m), kOfxStatErrBadHandle) << "a destroyed mutex";
+    EXPECT_EQ(t->mutexLock(nullptr), kOfxStatErrBadHandle);
+}

@@ -1,0 +1,225 @@
+// The plug-in as a host sees it: the built module loaded with dlopen, driven
+// through its two exported functions and its main entry by the embedded host.
+// Every test loads the module afresh (fresh globals) and unloads it at the end.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host.h"
+#include "ofxImageEffect.h"
+#include "ofxOld.h"
+#include "plugin.h"
+
+using ofxhost::Bundle;
+using ofxhost::Host;
+using ofxhost::HostConfig;
+using ofxhost::Plugin;
+using ofxhost::PropertyWrite;
+
+namespace {
+
+// One host with one freshly loaded module; torn down in the safe order:
+// Unload, dlclose, then the host.
+class Session {
+  public:
+    explicit Session(HostConfig config = {}) : host_(std::move(config)) {
+        std::string error;
+        bundle_ = Bundle::open(TRELVO_PLUGIN_BINARY, error);
+        if (!bundle_) throw std::runtime_error(error);
+        plugin_ = std::make_unique<Plugin>(host_, *bundle_->plugin(0));
+    }
+    ~Session() {
+        plugin_->unload();
+        plugin_.reset();
+        bundle_.reset();
+    }
+    Host& host() { return host_; }
+    Bundle& bundle() { return *bundle_; }
+    Plugin& plugin() { return *plugin_; }
+
+  private:
+    Host host_;
+    std::unique_ptr<Bundle> bundle_;
+    std::unique_ptr<Plugin> plugin_;
+};
+
+HostConfig withoutSuite(const char* suite) {
+    HostConfig config;
+    config.omittedSuites = {suite};
+    return config;
+}
+
+const std::vector<std::string> kDescribeFetchOrder = {
+    "OfxImageEffectSuite/1", "OfxPropertySuite/1", "OfxParameterSuite/1", "OfxMemorySuite/1",
+    "OfxMultiThreadSuite/1", "OfxMessageSuite/1",  "OfxInteractSuite/1",
+};
+
+}  // namespace
+
+TEST(PluginModule, ExportsTheRecordAtIndexZeroOnly) {
+    Session s;
+    Bundle& b = s.bundle();
+    EXPECT_EQ(b.numberOfPlugins(), 1);
+    OfxPlugin* record = b.plugin(0);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(b.plugin(0), record) << "the record is one static object";
+    EXPECT_STREQ(record->pluginApi, "OfxImageEffectPluginAPI");
+    EXPECT_EQ(record->apiVersion, 1);
+    EXPECT_STREQ(record->pluginIdentifier, "com.corvane.Trelvo3_Vectors");
+    EXPECT_EQ(record->pluginVersionMajor, 3u);
+    EXPECT_EQ(record->pluginVersionMinor, 31200u) << "not the 3.3.12 of the description";
+    EXPECT_NE(record->setHost, nullptr);
+    EXPECT_NE(record->mainEntry, nullptr);
+    for (int nth : {1, -1, 2, INT_MAX, INT_MIN})
+        EXPECT_EQ(b.plugin(nth), nullptr) << "OfxGetPlugin(" << nth << ")";
+}
+
+TEST(PluginModule, UnloadsForRealSoTheNextLoadStartsWithoutHost) {
+    {
+        Session s;
+        s.plugin().setHost();
+        EXPECT_EQ(s.plugin().describe(), kOfxStatOK);
+    }
+    void* still = dlopen(TRELVO_PLUGIN_BINARY, RTLD_NOW | RTLD_NOLOAD);
+    EXPECT_EQ(still, nullptr) << "dlclose left the module in memory";
+    if (still) dlclose(still);
+
+    Session s;  // the previous session's setHost must be gone
+    EXPECT_EQ(s.plugin().describe(), kOfxStatErrMissingHostFeature);
+}
+
+TEST(PluginModule, DispatchMatchesWholeActionNamesOnly) {
+    Session s;  // no setHost: nothing that is reached by mistake can use a host
+    const char* actions[] = {
+        kOfxActionDescribe,
+        kOfxImageEffectActionDescribeInContext,
+        kOfxActionLoad,
+        kOfxActionUnload,
+        kOfxActionCreateInstance,
+        kOfxActionDestroyInstance,
+        kOfxImageEffectActionIsIdentity,
+        kOfxImageEffectActionRender,
+        kOfxImageEffectActionGetRegionOfDefinition,
+        kOfxImageEffectActionGetRegionsOfInterest,
+        kOfxImageEffectActionGetClipPreferences,
+        kOfxActionInstanceChanged,
+        kOfxImageEffectActionGetTimeDomain,
+        kOfxImageEffectActionGetFramesNeeded,
+        kOfxActionSyncPrivateData,
+    };
+    for (const char* action : actions) {
+        std::string name = action;
+        for (const std::string& variant :
+             {name.substr(0, name.size() - 1), name + "X", name + " ", "x" + name})
+            EXPECT_EQ(s.plugin().action(variant.c_str()), kOfxStatReplyDefault) << '"' << variant << '"';
+    }
+    for (const char* other : {"", "ofxactiondescribe", kOfxActionPurgeCaches, kOfxActionBeginInstanceChanged,
+                              kOfxImageEffectActionBeginSequenceRender, kOfxInteractActionDraw})
+        EXPECT_EQ(s.plugin().action(other), kOfxStatReplyDefault) << '"' << other << '"';
+}
+
+TEST(PluginModule, DescribeWritesItsTableInOrder) {
+    Session s;
+    s.plugin().setHost();
+    ASSERT_EQ(s.plugin().describe(), kOfxStatOK);
+    EXPECT_EQ(s.host().fetches(), kDescribeFetchOrder);
+
+    auto str = [](const char* name, const char* value, int index = 0) {
+        return PropertyWrite{name, index, std::string(value), kOfxStatOK};
+    };
+    auto num = [](const char* name, int value) { return PropertyWrite{name, 0, value, kOfxStatOK}; };
+    const std::vector<PropertyWrite> expected = {
+        str("OfxPropPluginDescription", "Trelvo3_Vectors 3.3.12"),
+        num("OfxImageEffectPluginPropFieldRenderTwiceAlways", 1),
+        num("OfxImageEffectPluginPropSingleInstance", 0),
+        str("OfxImageEffectPluginRenderThreadSafety", "OfxImageEffectRenderFullySafe"),
+        num("OfxImageEffectPropSupportsMultipleClipPARs", 0),
+        num("OfxImageEffectPropMultipleClipDepths", 1),
+        num("OfxImageEffectPropSupportsTiles", 0),
+        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthByte", 0),
+        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthShort", 1),
+        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthFloat", 2),
+        num("OfxImageEffectPropTemporalClipAccess", 0),
+        num("OfxImageEffectPropSupportsMultiResolution", 0),
+        num("OfxImageEffectPluginPropHostFrameThreading", 0),
+        num("OfxImageEffectInstancePropSequentialRender", 0),
+        str("OfxImageEffectPluginPropGrouping", "Trelvo"),
+        num("OfxImageEffectPropInAnalysis", 0),
+        str("OfxPropLabel", "Trelvo3_Vectors"),
+        str("OfxImageEffectPluginPropGrouping", "Corvane Effects"),
+        str("OfxImageEffectPropSupportedContexts", "OfxImageEffectContextGeneral"),
+    };
+    const ofxhost::PropertySet& props = s.plugin().descriptor()->properties();
+    EXPECT_EQ(props.writes(), expected);
+
+    using V = std::vector<ofxhost::PropertyValue>;
+    EXPECT_EQ(props.values("OfxImageEffectPluginPropGrouping"), V{std::string("Corvane Effects")})
+        << "the last write is the one kept";
+    EXPECT_EQ(props.values("OfxImageEffectPropSupportedContexts"),
+              V{std::string("OfxImageEffectContextGeneral")});
+    EXPECT_EQ(props.values("OfxImageEffectPropSupportedPixelDepths"),
+              (V{std::string("OfxBitDepthByte"), std::string("OfxBitDepthShort"),
+                 std::string("OfxBitDepthFloat")}));
+    EXPECT_TRUE(s.host().messages().all().empty());
+}
+
+TEST(PluginModule, DescribeNeedsAHostAndTheFiveRequiredSuites) {
+    {
+        Session s;  // setHost never called
+        EXPECT_EQ(s.plugin().describe(), kOfxStatErrMissingHostFeature);
+        EXPECT_TRUE(s.host().fetches().empty());
+        EXPECT_TRUE(s.plugin().descriptor()->properties().writes().empty());
+    }
+    for (const char* suite : {kOfxImageEffectSuite, kOfxPropertySuite, kOfxParameterSuite, kOfxMemorySuite,
+                              kOfxMultiThreadSuite}) {
+        Session s(withoutSuite(suite));
+        s.plugin().setHost();
+        EXPECT_EQ(s.plugin().describe(), kOfxStatErrMissingHostFeature) << "without " << suite;
+        EXPECT_EQ(s.host().fetches(), kDescribeFetchOrder) << "all are fetched before the check";
+        EXPECT_TRUE(s.plugin().descriptor()->properties().writes().empty()) << "without " << suite;
+    }
+    for (const char* suite : {kOfxMessageSuite, kOfxInteractSuite}) {
+        Session s(withoutSuite(suite));
+        s.plugin().setHost();
+        EXPECT_EQ(s.plugin().describe(), kOfxStatOK) << "without " << suite;
+        EXPECT_EQ(s.plugin().descriptor()->properties().writes().size(), 19u) << "without " << suite;
+    }
+}
+
+TEST(PluginModule, LoadNeedsSixSuitesAndFetchesInItsOwnOrder) {
+    {
+        Session s;
+        s.plugin().setHost();
+        EXPECT_EQ(s.plugin().load(), kOfxStatOK);
+        const std::vector<std::string> order = {
+            "OfxImageEffectSuite/1", "OfxPropertySuite/1", "OfxParameterSuite/1", "OfxMultiThreadSuite/1",
+            "OfxMessageSuite/1",     "OfxMemorySuite/1",   "OfxInteractSuite/1",
+        };
+        EXPECT_EQ(s.host().fetches(), order);
+    }
+    for (const char* suite : {kOfxImageEffectSuite, kOfxPropertySuite, kOfxParameterSuite,
+                              kOfxMultiThreadSuite, kOfxMessageSuite, kOfxMemorySuite}) {
+        Session s(withoutSuite(suite));
+        s.plugin().setHost();
+        EXPECT_EQ(s.plugin().load(), kOfxStatErrMissingHostFeature) << "without " << suite;
+        EXPECT_EQ(s.plugin().unload(), kOfxStatOK);
+    }
+    Session s(withoutSuite(kOfxInteractSuite));
+    s.plugin().setHost();
+    EXPECT_EQ(s.plugin().load(), kOfxStatOK) << "the interact suite is never required";
+}
+
+TEST(PluginModule, UnloadWithoutLoadAndDestroyInstanceSucceed) {
+    Session s;
+    EXPECT_EQ(s.plugin().unload(), kOfxStatOK);
+    EXPECT_EQ(s.plugin().action(kOfxActionDestroyInstance), kOfxStatOK);
+    s.plugin().setHost();
+    EXPECT_EQ(s.plugin().load(), kOfxStatOK);
+    EXPECT_EQ(s.plugin().unload(), kOfxStatOK);
+    EXPECT_EQ(s.plugin().unload(), kOfxStatOK) << "a second Unload finds nothing to clean";
+    EXPECT_EQ(s.host().memory().counts().liveBytes, 0u);
+}
