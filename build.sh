@@ -10,7 +10,8 @@ cd "$(dirname "$0")"
 job=${1:-demo}
 preset=${2:-release}
 
-packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev binutils)
+packages=(g++ cmake ninja-build pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
+          libopenimageio-dev openimageio-tools)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
