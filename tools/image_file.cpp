@@ -1,0 +1,223 @@
+#include "image_file.h"
+
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imagebufalgo.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+OIIO::TypeDesc typeOf(PixelDepth depth) {
+    switch (depth) {
+        case PixelDepth::Byte:
+            return OIIO::TypeDesc::UINT8;
+        case PixelDepth::Short:
+            return OIIO::TypeDesc::UINT16;
+        case PixelDepth::Float:
+            break;
+    }
+    return OIIO::TypeDesc::FLOAT;
+}
+
+PixelDepth depthOf(OIIO::TypeDesc format) {
+    if (format.basetype == OIIO::TypeDesc::UINT8) return PixelDepth::Byte;
+    if (format.basetype == OIIO::TypeDesc::UINT16) return PixelDepth::Short;
+    return PixelDepth::Float;
+}
+
+std::string channelList(const OIIO::ImageSpec& spec) {
+    std::string list;
+    for (int c = 0; c < spec.nchannels; ++c) {
+        if (c) list += ", ";
+        list += c < static_cast<int>(spec.channelnames.size()) ? spec.channelnames[c] : "?";
+    }
+    return list;
+}
+
+// Where each of R, G, B, A comes from in the file (-1: alpha filled with 1),
+// or false for a layout this tool doesn't take.
+bool channelOrder(const OIIO::ImageSpec& spec, int order[4], bool& hasAlpha) {
+    static const int rgba[4] = {0, 1, 2, 3}, rgb[4] = {0, 1, 2, -1}, y[4] = {0, 0, 0, -1},
+                     ya[4] = {0, 0, 0, 1};
+    const int* chosen = nullptr;
+    if (spec.nchannels == 4 && (spec.alpha_channel == 3 || spec.alpha_channel < 0))
+        chosen = rgba;
+    else if (spec.nchannels == 3 && spec.alpha_channel < 0)
+        chosen = rgb;
+    else if (spec.nchannels == 1 && spec.alpha_channel < 0)
+        chosen = y;
+    else if (spec.nchannels == 2 && spec.alpha_channel == 1)
+        chosen = ya;
+    if (!chosen) return false;
+    std::memcpy(order, chosen, sizeof rgba);
+    hasAlpha = chosen[3] >= 0;
+    return true;
+}
+
+std::string partialPath(const std::string& path) {
+    return path + "." + std::to_string(getpid()) + ".partial";
+}
+
+}  // namespace
+
+size_t HostPixels::bytesPerComponent() const {
+    return depth == PixelDepth::Byte ? 1 : depth == PixelDepth::Short ? 2 : 4;
+}
+
+float HostPixels::at(int x, int y, int c) const {
+    const unsigned char* p = data.data() + static_cast<size_t>(y) * rowBytes() +
+                             (static_cast<size_t>(x) * 4 + static_cast<size_t>(c)) * bytesPerComponent();
+    switch (depth) {
+        case PixelDepth::Byte:
+            return *p / 255.0f;
+        case PixelDepth::Short: {
+            uint16_t v;
+            std::memcpy(&v, p, sizeof v);
+            return v / 65535.0f;
+        }
+        case PixelDepth::Float:
+            break;
+    }
+    float v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+bool readHostPixels(const std::string& path, const ReadSettings& settings, HostPixels& image,
+                    std::string& error) {
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return false;
+    }
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path, &config);
+    if (!in) {
+        error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
+        return false;
+    }
+    const OIIO::ImageSpec spec = in->spec();
+    if (spec.deep || spec.depth > 1) {
+        error = path + ": deep and volume images are not supported";
+        return false;
+    }
+    int order[4];
+    bool hasAlpha = false;
+    if (!channelOrder(spec, order, hasAlpha)) {
+        error = path + ": channels " + channelList(spec) + " are not RGB, RGBA, Y or YA";
+        return false;
+    }
+    const PixelDepth depth = depthOf(spec.format);
+    const OIIO::TypeDesc type = typeOf(depth);
+    OIIO::ImageBuf file(OIIO::ImageSpec(spec.width, spec.height, spec.nchannels, type));
+    if (!in->read_image(0, 0, 0, spec.nchannels, type, file.localpixels())) {
+        error = path + ": " + in->geterror();
+        return false;
+    }
+    in->close();
+
+    if (settings.scale != 1.0) {
+        const int w = std::max(1, static_cast<int>(std::lround(spec.width * settings.scale)));
+        const int h = std::max(1, static_cast<int>(std::lround(spec.height * settings.scale)));
+        const OIIO::ROI roi(0, w, 0, h, 0, 1, 0, spec.nchannels);
+        OIIO::ImageBuf scaled = settings.nearest ? OIIO::ImageBufAlgo::resample(file, false, roi)
+                                                 : OIIO::ImageBufAlgo::resize(file, "", 0.0f, roi);
+        if (scaled.has_error()) {
+            error = path + ": cannot scale it (" + scaled.geterror() + ")";
+            return false;
+        }
+        file = std::move(scaled);
+    }
+    const float opaque[4] = {0.0f, 0.0f, 0.0f, 1.0f};
+    OIIO::ImageBuf rgba = OIIO::ImageBufAlgo::channels(file, 4, order, opaque);
+    if (rgba.has_error()) {
+        error = path + ": " + rgba.geterror();
+        return false;
+    }
+
+    image.width = rgba.spec().width;
+    image.height = rgba.spec().height;
+    image.depth = depth;
+    image.alpha = !hasAlpha                                          ? AlphaState::Opaque
+                  : spec.get_int_attribute("oiio:UnassociatedAlpha") ? AlphaState::Unpremultiplied
+                                                                     : AlphaState::Premultiplied;
+    image.fileSpec = spec;
+    image.data.assign(image.rowBytes() * static_cast<size_t>(image.height), 0);
+    // The top row of the file lands in the last row of memory.
+    const auto rowBytes = static_cast<OIIO::stride_t>(image.rowBytes());
+    if (!rgba.get_pixels(OIIO::ROI::All(), type, image.data.data() + (image.height - 1) * rowBytes,
+                         OIIO::AutoStride, -rowBytes)) {
+        error = path + ": " + rgba.geterror();
+        return false;
+    }
+    return true;
+}
+
+bool isOutputDepth(const std::string& depth) {
+    return depth.empty() || depth == "8" || depth == "16" || depth == "half" || depth == "float";
+}
+
+bool writeHostPixels(const std::string& path, const HostPixels& image, const WriteSettings& settings,
+                     std::string& error) {
+    std::unique_ptr<OIIO::ImageOutput> out = OIIO::ImageOutput::create(path);
+    if (!out) {
+        error = path + ": no image format for this file name (" + OIIO::geterror() + ")";
+        return false;
+    }
+    OIIO::TypeDesc format = typeOf(image.depth);
+    if (settings.depth == "8")
+        format = OIIO::TypeDesc::UINT8;
+    else if (settings.depth == "16")
+        format = OIIO::TypeDesc::UINT16;
+    else if (settings.depth == "half")
+        format = OIIO::TypeDesc::HALF;
+    else if (settings.depth == "float")
+        format = OIIO::TypeDesc::FLOAT;
+    else if (image.depth == PixelDepth::Float && image.fileSpec.format == OIIO::TypeDesc::HALF)
+        format = OIIO::TypeDesc::HALF;
+
+    // A format without alpha (JPEG) gets the colour channels alone.
+    const int channels = out->supports("alpha") ? 4 : 3;
+    OIIO::ImageSpec spec(image.width, image.height, channels, format);
+    spec.extra_attribs = image.fileSpec.extra_attribs;
+    if (image.width == image.fileSpec.width && image.height == image.fileSpec.height) {
+        spec.x = image.fileSpec.x;
+        spec.y = image.fileSpec.y;
+        spec.full_x = image.fileSpec.full_x;
+        spec.full_y = image.fileSpec.full_y;
+        spec.full_width = image.fileSpec.full_width;
+        spec.full_height = image.fileSpec.full_height;
+    }
+    if (format != image.fileSpec.format) spec.erase_attribute("oiio:BitsPerSample");
+    spec.erase_attribute("oiio:UnassociatedAlpha");
+    if (image.alpha == AlphaState::Unpremultiplied && channels == 4)
+        spec.attribute("oiio:UnassociatedAlpha", 1);
+    if (!settings.compression.empty()) spec.attribute("compression", settings.compression);
+
+    const std::string partial = partialPath(path);
+    const auto rowBytes = static_cast<OIIO::stride_t>(image.rowBytes());
+    const OIIO::stride_t pixelBytes = static_cast<OIIO::stride_t>(4 * image.bytesPerComponent());
+    bool written = out->open(partial, spec) &&
+                   out->write_image(typeOf(image.depth), image.data.data() + (image.height - 1) * rowBytes,
+                                    pixelBytes, -rowBytes) &&
+                   out->close();
+    if (!written) {
+        std::string why = out->geterror();
+        error = path + ": cannot write it (" + (why.empty() ? std::string("unknown error") : why) + ")";
+        std::remove(partial.c_str());
+        return false;
+    }
+    if (std::rename(partial.c_str(), path.c_str()) != 0) {
+        error = path + ": cannot move the finished file into place: " + std::strerror(errno);
+        std::remove(partial.c_str());
+        return false;
+    }
+    return true;
+}

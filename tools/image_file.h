@@ -1,0 +1,59 @@
+// Image files in and out of the layout an OFX host hands a plug-in: four
+// interleaved channels, red green blue alpha, rows from the bottom of the
+// picture up. Files store their rows from the top down, so every read and
+// write turns the rows over. OpenImageIO does the file formats.
+#pragma once
+
+#include <OpenImageIO/imageio.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+enum class PixelDepth { Byte, Short, Float };
+
+enum class AlphaState { Opaque, Premultiplied, Unpremultiplied };
+
+struct HostPixels {
+    int width = 0;
+    int height = 0;
+    PixelDepth depth = PixelDepth::Float;
+    AlphaState alpha = AlphaState::Opaque;
+    std::vector<unsigned char> data;  // bottom row first, rows packed
+    OIIO::ImageSpec fileSpec;         // what the file said, for its metadata
+
+    size_t bytesPerComponent() const;
+    size_t rowBytes() const { return static_cast<size_t>(width) * 4 * bytesPerComponent(); }
+    // Channel c of pixel (x, y), y counted from the bottom, scaled to 0..1 white.
+    float at(int x, int y, int c) const;
+};
+
+// How a file is read: at full size or scaled for a proxy render, filtered
+// (pictures) or by nearest pixel (vector fields, whose values must not mix
+// across an object's outline). Straight alpha is read as stored, never
+// multiplied by OpenImageIO.
+struct ReadSettings {
+    double scale = 1.0;
+    bool nearest = false;
+};
+
+// Reads RGBA, RGB (alpha 1), Y (grey, alpha 1) or YA. The depth follows the
+// file: 8 bits give Byte, 16 bits (10 and 12 too) Short, anything else Float.
+// Gives false with a message naming the file and the problem.
+bool readHostPixels(const std::string& path, const ReadSettings& settings, HostPixels& image,
+                    std::string& error);
+
+struct WriteSettings {
+    std::string depth;        // "", "8", "16", "half" or "float"; "" follows the image
+    std::string compression;  // "" keeps the input's where the format has one
+};
+
+// Writes under a temporary name in the same folder and renames it into place
+// once the file is complete, so a reader never sees half a frame and an
+// interrupted render leaves nothing behind. The metadata of `image.fileSpec`
+// carries over where the format can hold it.
+bool writeHostPixels(const std::string& path, const HostPixels& image, const WriteSettings& settings,
+                     std::string& error);
+
+// True if the text names a depth writeHostPixels knows.
+bool isOutputDepth(const std::string& depth);
