@@ -26,7 +26,12 @@ Disc DiscAt(const DemoShot& s, int frame) {
 
 Square SquareAt(const DemoShot& s, int frame) {
     const float t = static_cast<float>(frame);
-    return {s.width * 0.7f - 6.0f * t, s.height * 0.35f, s.height * 0.13f, t * (kPi / 24.0f), -6.0f, 3.0f,
+    return {s.width * 0.7f - 6.0f * t,
+            s.height * 0.35f,
+            s.height * 0.13f,
+            t * (kPi / 24.0f),
+            -6.0f,
+            3.0f,
             kPi / 24.0f};
 }
 
@@ -38,10 +43,13 @@ float SquareDistance(const Square& q, float x, float y) {
     return std::fmax(std::fabs(lx), std::fabs(ly)) - q.half;
 }
 
-float DiscDistance(const Disc& d, float x, float y) { return std::hypot(x - d.cx, y - d.cy) - d.r; }
+float DiscDistance(const Disc& d, float x, float y) {
+    return std::hypot(x - d.cx, y - d.cy) - d.r;
+}
 
 void Background(float u, float v, float* rgb) {
-    const bool check = (static_cast<int>(std::floor(u / 24.0f)) + static_cast<int>(std::floor(v / 24.0f))) & 1;
+    const bool check =
+        (static_cast<int>(std::floor(u / 24.0f)) + static_cast<int>(std::floor(v / 24.0f))) & 1;
     const float stripe = 0.5f + 0.5f * std::sin(u * 0.21f + v * 0.13f);
     const float base = check ? 0.55f : 0.25f;
     rgb[0] = base * (0.7f + 0.3f * stripe);

@@ -15,14 +15,13 @@ constexpr long kFrameLimit = 99999999;
 
 // A whole decimal integer within the frame limit, sign allowed.
 bool parseNumber(const std::string& text, int& value) {
-    if (text.empty()) return false;
+    const size_t digit = text[0] == '-' ? 1 : 0;
+    if (text.size() <= digit || !std::isdigit(static_cast<unsigned char>(text[digit]))) return false;
     const char* start = text.c_str();
     char* end = nullptr;
     errno = 0;
     long v = std::strtol(start, &end, 10);
-    if (errno || *end || end == start || !(std::isdigit(static_cast<unsigned char>(text.back()))) ||
-        v < -kFrameLimit || v > kFrameLimit)
-        return false;
+    if (errno || *end || v < -kFrameLimit || v > kFrameLimit) return false;
     value = static_cast<int>(v);
     return true;
 }

@@ -1,13 +1,13 @@
 // trelvo-makeshot: writes the demo shot, a short synthetic sequence of source
 // frames and their exact motion vectors in the plug-in's float encoding.
 #include <OpenImageIO/imageio.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <sys/stat.h>
 
 #include "demo_shot.h"
 
@@ -60,8 +60,8 @@ int main(int argc, char** argv) {
             }
         } else if (a == "--size") {
             const char* v = value("--size");
-            if (std::sscanf(v, "%dx%d", &shot.width, &shot.height) != 2 || shot.width < 16 || shot.height < 16 ||
-                shot.width > 8192 || shot.height > 8192) {
+            if (std::sscanf(v, "%dx%d", &shot.width, &shot.height) != 2 || shot.width < 16 ||
+                shot.height < 16 || shot.width > 8192 || shot.height > 8192) {
                 std::fprintf(stderr, "trelvo-makeshot: --size '%s' is not WxH within 16..8192\n", v);
                 return 2;
             }

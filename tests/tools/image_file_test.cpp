@@ -1,0 +1,190 @@
+// Image files to and from the host's layout: rows turned over, channels
+// completed to RGBA, depth kept, straight alpha left alone, and a write that
+// either lands whole or leaves nothing.
+#include "image_file.h"
+
+#include <OpenImageIO/imageio.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace {
+
+class ImageFileTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char folder[] = "/tmp/trelvo-image-file-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        dir_ = folder;
+    }
+    void TearDown() override {
+        for (const std::string& name : Listing()) std::remove((dir_ + "/" + name).c_str());
+        rmdir(dir_.c_str());
+    }
+    std::vector<std::string> Listing() const {
+        std::vector<std::string> names;
+        DIR* d = opendir(dir_.c_str());
+        while (dirent* e = d ? readdir(d) : nullptr)
+            if (e->d_name[0] != '.') names.push_back(e->d_name);
+        if (d) closedir(d);
+        return names;
+    }
+    // A file whose sample (x, y, c), y from the top, is code(x, y, c).
+    template <typename T>
+    std::string WriteFile(const std::string& name, int w, int h, int channels, OIIO::TypeDesc type,
+                          T (*code)(int, int, int)) {
+        std::vector<T> px(static_cast<size_t>(w) * h * channels);
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < channels; ++c)
+                    px[(static_cast<size_t>(y) * w + x) * channels + c] = code(x, y, c);
+        const std::string path = dir_ + "/" + name;
+        auto out = OIIO::ImageOutput::create(path);
+        OIIO::ImageSpec spec(w, h, channels, type);
+        if (channels == 2) spec.channelnames = {"Y", "A"}, spec.alpha_channel = 1;
+        // PNG stores straight alpha: the codes go in as they are, not divided by alpha.
+        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0)
+            spec.attribute("oiio:UnassociatedAlpha", 1);
+        spec.attribute("Artist", "trelvo test");
+        EXPECT_TRUE(out && out->open(path, spec) && out->write_image(type, px.data()) && out->close());
+        return path;
+    }
+    std::string dir_;
+};
+
+uint8_t Code8(int x, int y, int c) {
+    return static_cast<uint8_t>(10 * y + 3 * x + c);
+}
+uint16_t Code16(int x, int y, int c) {
+    return static_cast<uint16_t>(1000 * y + 7 * x + c + 1);
+}
+float CodeF(int x, int y, int c) {
+    return 0.25f * y - 0.5f * x + c + 0.125f;
+}
+
+template <typename T>
+T Sample(const HostPixels& im, int x, int yFromBottom, int c) {
+    T v;
+    std::memcpy(&v, im.data.data() + yFromBottom * im.rowBytes() + (x * 4 + c) * sizeof(T), sizeof v);
+    return v;
+}
+
+TEST_F(ImageFileTest, RowsTurnOverAndDepthFollowsTheFile) {
+    const int w = 5, h = 3;
+    std::string error;
+    HostPixels im;
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<uint8_t>("a.png", w, h, 4, OIIO::TypeDesc::UINT8, Code8), {}, im, error))
+        << error;
+    EXPECT_EQ(im.depth, PixelDepth::Byte);
+    ASSERT_EQ(im.data.size(), static_cast<size_t>(w * h * 4));
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c)
+                ASSERT_EQ(Sample<uint8_t>(im, x, h - 1 - y, c), Code8(x, y, c)) << x << y << c;
+
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<uint16_t>("b.tif", w, h, 4, OIIO::TypeDesc::UINT16, Code16), {}, im, error));
+    EXPECT_EQ(im.depth, PixelDepth::Short);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) ASSERT_EQ(Sample<uint16_t>(im, x, h - 1 - y, c), Code16(x, y, c));
+
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<float>("c.exr", w, h, 4, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
+    EXPECT_EQ(im.depth, PixelDepth::Float);
+    EXPECT_EQ(im.alpha, AlphaState::Premultiplied);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x)
+            for (int c = 0; c < 4; ++c) ASSERT_EQ(Sample<float>(im, x, h - 1 - y, c), CodeF(x, y, c));
+}
+
+TEST_F(ImageFileTest, ChannelsCompleteToRgbaOrAreRefusedByName) {
+    std::string error;
+    HostPixels im;
+    ASSERT_TRUE(readHostPixels(WriteFile<uint16_t>("rgb.tif", 2, 2, 3, OIIO::TypeDesc::UINT16, Code16), {},
+                               im, error));
+    EXPECT_EQ(im.alpha, AlphaState::Opaque);
+    EXPECT_EQ(Sample<uint16_t>(im, 1, 0, 2), Code16(1, 1, 2));
+    EXPECT_EQ(Sample<uint16_t>(im, 1, 0, 3), 65535);
+
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<uint8_t>("y.png", 2, 2, 1, OIIO::TypeDesc::UINT8, Code8), {}, im, error));
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(Sample<uint8_t>(im, 1, 1, c), Code8(1, 0, 0));
+    EXPECT_EQ(Sample<uint8_t>(im, 1, 1, 3), 255);
+
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<float>("ya.exr", 2, 2, 2, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
+    for (int c = 0; c < 3; ++c) EXPECT_EQ(Sample<float>(im, 0, 1, c), CodeF(0, 0, 0));
+    EXPECT_EQ(Sample<float>(im, 0, 1, 3), CodeF(0, 0, 1));
+
+    const std::string five = WriteFile<float>("five.exr", 2, 2, 5, OIIO::TypeDesc::FLOAT, CodeF);
+    EXPECT_FALSE(readHostPixels(five, {}, im, error));
+    EXPECT_NE(error.find(five), std::string::npos) << error;
+    EXPECT_NE(error.find("not RGB, RGBA, Y or YA"), std::string::npos) << error;
+
+    EXPECT_FALSE(readHostPixels(dir_ + "/none.exr", {}, im, error));
+    EXPECT_NE(error.find(dir_ + "/none.exr: No such file"), std::string::npos) << error;
+    std::FILE* junk = std::fopen((dir_ + "/junk.exr").c_str(), "w");
+    std::fputs("not an image", junk);
+    std::fclose(junk);
+    EXPECT_FALSE(readHostPixels(dir_ + "/junk.exr", {}, im, error));
+    EXPECT_NE(error.find("junk.exr: cannot read it"), std::string::npos) << error;
+}
+
+// A straight-alpha PNG keeps its stored colour (OpenImageIO would multiply
+// it by alpha on its own) and says so; writing it back stores the same codes.
+TEST_F(ImageFileTest, StraightAlphaPassesThroughUntouched) {
+    auto code = [](int x, int, int c) -> uint8_t { return c == 3 ? static_cast<uint8_t>(x * 60) : 200; };
+    std::string error;
+    HostPixels im;
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<uint8_t>("s.png", 4, 1, 4, OIIO::TypeDesc::UINT8, +code), {}, im, error));
+    EXPECT_EQ(im.alpha, AlphaState::Unpremultiplied);
+    EXPECT_EQ(Sample<uint8_t>(im, 1, 0, 0), 200);
+    ASSERT_TRUE(writeHostPixels(dir_ + "/t.png", im, {}, error)) << error;
+    HostPixels back;
+    ASSERT_TRUE(readHostPixels(dir_ + "/t.png", {}, back, error));
+    EXPECT_EQ(back.data, im.data);
+}
+
+TEST_F(ImageFileTest, WriteRoundTripsDepthAndMetadataAndLeavesNoPartialFile) {
+    std::string error;
+    HostPixels im;
+    ASSERT_TRUE(
+        readHostPixels(WriteFile<float>("in.exr", 3, 2, 4, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
+    ASSERT_TRUE(writeHostPixels(dir_ + "/out.exr", im, {"", "piz"}, error)) << error;
+    HostPixels back;
+    ASSERT_TRUE(readHostPixels(dir_ + "/out.exr", {}, back, error));
+    EXPECT_EQ(back.data, im.data);
+    EXPECT_EQ(back.fileSpec.get_string_attribute("compression"), "piz");
+    EXPECT_EQ(back.fileSpec.get_string_attribute("Artist"), "trelvo test");
+
+    ASSERT_TRUE(writeHostPixels(dir_ + "/half.exr", im, {"half", ""}, error)) << error;
+    ASSERT_TRUE(readHostPixels(dir_ + "/half.exr", {}, back, error));
+    EXPECT_EQ(back.fileSpec.format, OIIO::TypeDesc::HALF);
+    EXPECT_EQ(Sample<float>(back, 2, 0, 1), CodeF(2, 1, 1));  // exact in half
+    ASSERT_TRUE(writeHostPixels(dir_ + "/16.tif", im, {"16", ""}, error)) << error;
+    ASSERT_TRUE(readHostPixels(dir_ + "/16.tif", {}, back, error));
+    EXPECT_EQ(back.depth, PixelDepth::Short);
+
+    EXPECT_FALSE(writeHostPixels(dir_ + "/missing/out.exr", im, {}, error));
+    EXPECT_NE(error.find(dir_ + "/missing/out.exr"), std::string::npos) << error;
+    for (const std::string& name : Listing()) EXPECT_EQ(name.find("partial"), std::string::npos) << name;
+}
+
+TEST_F(ImageFileTest, ProxyScalesTheImage) {
+    std::string error;
+    HostPixels im;
+    const std::string path = WriteFile<uint8_t>("p.png", 10, 6, 4, OIIO::TypeDesc::UINT8, Code8);
+    ASSERT_TRUE(readHostPixels(path, {0.5, true}, im, error)) << error;
+    EXPECT_EQ(im.width, 5);
+    EXPECT_EQ(im.height, 3);
+    EXPECT_EQ(im.depth, PixelDepth::Byte);
+}
+
+}  // namespace
