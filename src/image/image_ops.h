@@ -17,3 +17,6 @@ void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* s
 void PLCopyImage(PLImage* dst, const PLImage* src);
 void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX, int32_t srcY,
                      int32_t width, int32_t height);
+// Paints every pixel with the colour's first numChannels values (0 to 1, scaled
+// to the pixel type's full range); images of other than 1 to 4 channels are left alone.
+void PLFillImage(PLImage* image, const float colour[4]);

@@ -208,7 +208,7 @@ void PLImage::GetChannel(int32_t x, int32_t y, float* out, int32_t channel) cons
     const uint8_t* p = Row(y) + PLMul32(x, pixelStride) + PLMul32(channel, bytesPerElement);
     if (pixelType == PLPixelFloat)
         *out = LoadAs<float>(p);
-    else
+    else if (elementToFloat)  // null for an unknown type: read nothing rather than jump to null
         elementToFloat(out, p);
 }
 

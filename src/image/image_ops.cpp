@@ -1,0 +1,375 @@
+// Whole-image operations: each public function is a driver that validates its
+// images once and hands rows to a file-static worker through the thread layer.
+// Per-type code sits only at the load/store edge (ElementTraits, ConvertElement);
+// the row loops are written once and instantiated per element type.
+#include "image_ops.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "kqmp.h"
+
+namespace {
+
+// Host rows need not be aligned for the element type, so every access is a memcpy
+// (which compiles to a plain load or store).
+template <typename T>
+T Load(const uint8_t* p) {
+    T v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+template <typename T>
+void Store(uint8_t* p, T v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
+template <typename T>
+struct ElementTraits;
+
+template <>
+struct ElementTraits<uint8_t> {
+    static constexpr float kInverseWhite = 0.003921569f;  // 1/255 rounded to a float
+    static constexpr double kWhite = 255.0;
+    static constexpr double kFillRounding = 0.5;
+    static uint8_t Invert(uint8_t v) { return static_cast<uint8_t>(~v); }
+};
+
+template <>
+struct ElementTraits<uint16_t> {
+    static constexpr float kInverseWhite = 1.5259022e-05f;  // 1/65535 rounded to a float
+    static constexpr double kWhite = 65535.0;
+    // Deliberately not 0.5: 65535.499 must still truncate to 65535.
+    static constexpr double kFillRounding = 0.499;
+    static uint16_t Invert(uint16_t v) { return static_cast<uint16_t>(~v); }
+};
+
+template <>
+struct ElementTraits<float> {
+    static float Invert(float v) { return 1.0f - v; }
+};
+
+// Calls f with a value of the C++ type of pixel types 0 to 2; false for the
+// types these operations leave alone.
+template <typename F>
+bool VisitElementType(int32_t pixelType, F&& f) {
+    switch (pixelType) {
+        case PLPixelUChar:
+            f(uint8_t{});
+            return true;
+        case PLPixelUShort:
+            f(uint16_t{});
+            return true;
+        case PLPixelFloat:
+            f(float{});
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Carries the numeric value across types without clamping: integers keep their
+// low bits, floats truncate to 32 bits first.
+template <typename Dst, typename Src>
+Dst ConvertElement(Src v) {
+    if constexpr (std::is_same_v<Dst, float>) {
+        return static_cast<float>(v);
+    } else if constexpr (std::is_same_v<Src, float>) {
+        return static_cast<Dst>(PLTruncI32(v));
+    } else {
+        return static_cast<Dst>(v);
+    }
+}
+
+template <typename Dst, typename Src>
+void CopyElement(uint8_t* dst, const uint8_t* src) {
+    if constexpr (std::is_same_v<Dst, Src>) {
+        std::memcpy(dst, src, sizeof(Dst));  // same type: the bits as they stand, NaN payloads included
+    } else {
+        Store<Dst>(dst, ConvertElement<Dst>(Load<Src>(src)));
+    }
+}
+
+bool HasPixels(const PLImage* image) {
+    return image && image->data && image->width > 0 && image->height > 0;
+}
+
+// True when the w x h rectangle at (x, y), whose rows are accessed over
+// rowLength bytes from pixel x, lies wholly inside the image.
+bool RectInside(const PLImage* image, int32_t x, int32_t y, int32_t w, int32_t h, int64_t rowLength) {
+    return x >= 0 && y >= 0 && w > 0 && h > 0 && static_cast<int64_t>(y) + h <= image->height &&
+           static_cast<int64_t>(x) * image->pixelStride + rowLength <=
+               static_cast<int64_t>(image->width) * image->pixelStride;
+}
+
+template <typename... Args>
+void DispatchRows(int32_t rows, kqmp_worker* worker, Args... args) {
+    kqmp_dispatch(kqmp_threadsfor(rows), rows, worker, args...);
+}
+
+// Treats the range as one contiguous run of floats from the lower of its two end
+// rows; exact only for packed rows, which is what its callers pass.
+void ScaleFloatRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const float factor = *args->next<const float*>();
+    uint8_t* first = image->Row(firstRow);
+    uint8_t* last = image->Row(lastRow);
+    uint8_t* run = first < last ? first : last;
+    const int64_t count = static_cast<int64_t>(lastRow - firstRow + 1) * image->width * image->numChannels;
+    for (int64_t i = 0; i < count; ++i) {
+        uint8_t* p = run + i * 4;
+        Store<float>(p, Load<float>(p) * factor);
+    }
+}
+
+template <typename T>
+void PremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const int32_t width = image->width;
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* p = image->Row(y);
+        for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
+            const T a = Load<T>(p + 3 * sizeof(T));
+            if constexpr (std::is_same_v<T, float>) {
+                for (int c = 0; c < 3; ++c) Store<T>(p + c * sizeof(T), Load<T>(p + c * sizeof(T)) * a);
+            } else {
+                const float f = static_cast<float>(a) * ElementTraits<T>::kInverseWhite;
+                for (int c = 0; c < 3; ++c) {
+                    const float v = static_cast<float>(Load<T>(p + c * sizeof(T))) * f;
+                    Store<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                }
+            }
+        }
+    }
+}
+
+template <typename T>
+void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const int32_t width = image->width;
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* p = image->Row(y);
+        for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
+            const T a = Load<T>(p + 3 * sizeof(T));
+            if (a == 0) continue;
+            if constexpr (std::is_same_v<T, float>) {
+                // No clamp: a float colour may come out above 1.0.
+                const float f = 1.0f / a;
+                for (int c = 0; c < 3; ++c) Store<T>(p + c * sizeof(T), Load<T>(p + c * sizeof(T)) * f);
+            } else {
+                const float f = static_cast<float>(ElementTraits<T>::kWhite / a);
+                for (int c = 0; c < 3; ++c) {
+                    float v = static_cast<float>(Load<T>(p + c * sizeof(T))) * f;
+                    if (v > ElementTraits<T>::kWhite) v = static_cast<float>(ElementTraits<T>::kWhite);
+                    Store<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                }
+            }
+        }
+    }
+}
+
+// Covers width elements of each row whatever numChannels is: the whole row of
+// the one-channel masks it is meant for.
+template <typename T>
+void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const int32_t width = image->width;
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* p = image->Row(y);
+        for (int32_t i = 0; i < width; ++i, p += sizeof(T)) Store<T>(p, ElementTraits<T>::Invert(Load<T>(p)));
+    }
+}
+
+void ClearRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const size_t length = static_cast<size_t>(image->pixelStride) * static_cast<size_t>(image->width);
+    for (int32_t y = firstRow; y <= lastRow; ++y) std::memset(image->Row(y), 0, length);
+}
+
+template <typename Dst, typename Src>
+void CopyChannelRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* dst = args->next<PLImage*>();
+    const int32_t dstChannel = *args->next<const int32_t*>();
+    const PLImage* src = args->next<const PLImage*>();
+    const int32_t srcChannel = *args->next<const int32_t*>();
+    const int32_t width = dst->width;
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* d = dst->Row(y) + dstChannel * sizeof(Dst);
+        const uint8_t* s = src->Row(y) + srcChannel * sizeof(Src);
+        for (int32_t x = 0; x < width; ++x, d += dst->pixelStride, s += src->pixelStride)
+            CopyElement<Dst, Src>(d, s);
+    }
+}
+
+void CopyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* dst = args->next<PLImage*>();
+    const PLImage* src = args->next<const PLImage*>();
+    const size_t length = static_cast<size_t>(dst->pixelStride) * static_cast<size_t>(dst->width);
+    for (int32_t y = firstRow; y <= lastRow; ++y) std::memcpy(dst->Row(y), src->Row(y), length);
+}
+
+// The rectangle copy between types: the first image of the list is read at its
+// origin and the second written at its own, element by element.
+template <typename Read, typename Write>
+void ConvertRectRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const PLImage* from = args->next<const PLImage*>();
+    PLImage* to = args->next<PLImage*>();
+    const int32_t fromX = *args->next<const int32_t*>();
+    const int32_t fromY = *args->next<const int32_t*>();
+    const int32_t toX = *args->next<const int32_t*>();
+    const int32_t toY = *args->next<const int32_t*>();
+    const int32_t width = *args->next<const int32_t*>();
+    const int32_t channels = from->numChannels;
+    for (int32_t row = firstRow; row <= lastRow; ++row) {
+        const uint8_t* s = from->Row(fromY + row) + PLMul32(fromX, from->pixelStride);
+        uint8_t* d = to->Row(toY + row) + PLMul32(toX, to->pixelStride);
+        for (int32_t x = 0; x < width; ++x, s += from->pixelStride, d += to->pixelStride) {
+            for (int32_t c = 0; c < channels; ++c)
+                CopyElement<Write, Read>(d + c * sizeof(Write), s + c * sizeof(Read));
+        }
+    }
+}
+
+void FillRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* image = args->next<PLImage*>();
+    const uint8_t* pixel = args->next<const uint8_t*>();
+    const int32_t stride = image->pixelStride;
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* p = image->Row(y);
+        for (int32_t x = 0; x < image->width; ++x, p += stride)
+            std::memcpy(p, pixel, static_cast<size_t>(stride));
+    }
+}
+
+bool PassesAlphaTest(const PLImage* image) {
+    if (!HasPixels(image) || image->numChannels != 4) return false;
+    if (image->pixelType == PLPixelFloat) return image->whitePoint == 1.0f;
+    return image->pixelType == PLPixelUChar || image->pixelType == PLPixelUShort;
+}
+
+}  // namespace
+
+void PLScaleImage(float factor, PLImage* image) {
+    if (std::fabs(static_cast<double>(factor) - 1.0) < 1e-06) return;
+    if (!HasPixels(image)) return;
+    if (image->pixelType == PLPixelFloat) {
+        DispatchRows(image->height, ScaleFloatRows, image, &factor);
+        return;
+    }
+    // GetPixel and SetPixel have no loops for the other types, so scaling them
+    // would write whatever the scratch array held.
+    if (image->pixelType != PLPixelUChar && image->pixelType != PLPixelUShort) return;
+    float* scratch = static_cast<float*>(QVMemNew(static_cast<size_t>(image->numChannels) * sizeof(float)));
+    for (int32_t y = 0; y < image->height; ++y) {
+        for (int32_t x = 0; x < image->width; ++x) {
+            image->GetPixel(x, y, scratch);
+            for (int32_t c = 0; c < image->numChannels; ++c) scratch[c] = scratch[c] * factor;
+            image->SetPixel(x, y, scratch);
+        }
+    }
+    QVMemFree(scratch);
+}
+
+void PLPremultiply(PLImage* image) {
+    if (!PassesAlphaTest(image)) return;
+    VisitElementType(image->pixelType,
+                     [&](auto tag) { DispatchRows(image->height, PremultiplyRows<decltype(tag)>, image); });
+}
+
+void PLUnpremultiply(PLImage* image) {
+    if (!PassesAlphaTest(image)) return;
+    VisitElementType(image->pixelType,
+                     [&](auto tag) { DispatchRows(image->height, UnpremultiplyRows<decltype(tag)>, image); });
+}
+
+void PLInvertImage(PLImage* image) {
+    if (!HasPixels(image)) return;
+    VisitElementType(image->pixelType,
+                     [&](auto tag) { DispatchRows(image->height, InvertRows<decltype(tag)>, image); });
+}
+
+void PLClearImage(PLImage* image) {
+    if (!HasPixels(image)) return;
+    DispatchRows(image->height, ClearRows, image);
+}
+
+void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
+    if (!dst || !src) return;
+    if (dst->width != src->width || dst->height != src->height) {
+        std::fprintf(stderr, "CopyCHannelIntoCHannel: incompatible images!\n");
+        return;
+    }
+    if (!HasPixels(dst) || !HasPixels(src)) return;
+    if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
+        return;
+    VisitElementType(dst->pixelType, [&](auto dstTag) {
+        VisitElementType(src->pixelType, [&](auto srcTag) {
+            DispatchRows(dst->height, CopyChannelRows<decltype(dstTag), decltype(srcTag)>, dst, &dstChannel,
+                         src, &srcChannel);
+        });
+    });
+}
+
+void PLCopyImage(PLImage* dst, const PLImage* src) {
+    if (!HasPixels(dst) || !HasPixels(src)) return;
+    // Only dst supplies the lengths; a src that is smaller would be read past its end.
+    if (src->height < dst->height || static_cast<int64_t>(src->width) * src->pixelStride <
+                                         static_cast<int64_t>(dst->width) * dst->pixelStride)
+        return;
+    DispatchRows(dst->height, CopyRows, dst, src);
+}
+
+void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX, int32_t srcY,
+                     int32_t width, int32_t height) {
+    if (!HasPixels(dst) || !HasPixels(src)) return;
+    if (dst->pixelType == src->pixelType) {
+        if (dstX == 0 && dstY == 0 && srcX == 0 && srcY == 0 && width == dst->width && width == src->width &&
+            height == dst->height && height == src->height) {
+            PLCopyImage(dst, src);
+            return;
+        }
+        const int64_t length = static_cast<int64_t>(width) * dst->pixelStride;
+        if (!RectInside(dst, dstX, dstY, width, height, length) ||
+            !RectInside(src, srcX, srcY, width, height, length))
+            return;
+        for (int32_t row = 0; row < height; ++row) {
+            std::memcpy(dst->Row(dstY + row) + PLMul32(dstX, dst->pixelStride),
+                        src->Row(srcY + row) + PLMul32(srcX, src->pixelStride), static_cast<size_t>(length));
+        }
+        return;
+    }
+    // Between types the data travels from dst at (dstX, dstY) into src at
+    // (srcX, srcY): the direction has always been so and callers rely on nothing else.
+    if (dst->numChannels != src->numChannels) return;
+    if (!RectInside(dst, dstX, dstY, width, height, static_cast<int64_t>(width) * dst->pixelStride) ||
+        !RectInside(src, srcX, srcY, width, height, static_cast<int64_t>(width) * src->pixelStride))
+        return;
+    VisitElementType(dst->pixelType, [&](auto readTag) {
+        VisitElementType(src->pixelType, [&](auto writeTag) {
+            DispatchRows(height, ConvertRectRows<decltype(readTag), decltype(writeTag)>, dst, src, &dstX,
+                         &dstY, &srcX, &srcY, &width);
+        });
+    });
+}
+
+void PLFillImage(PLImage* image, const float colour[4]) {
+    if (!HasPixels(image) || image->numChannels < 1 || image->numChannels > 4) return;
+    uint8_t pixel[4 * sizeof(float)];
+    const bool known = VisitElementType(image->pixelType, [&](auto tag) {
+        using T = decltype(tag);
+        for (int32_t c = 0; c < image->numChannels; ++c) {
+            T v;
+            if constexpr (std::is_same_v<T, float>) {
+                v = colour[c] * image->whitePoint;
+            } else {
+                v = static_cast<T>(PLTruncI32(static_cast<double>(colour[c]) * ElementTraits<T>::kWhite +
+                                              ElementTraits<T>::kFillRounding));
+            }
+            Store<T>(pixel + c * sizeof(T), v);
+        }
+    });
+    if (known) DispatchRows(image->height, FillRows, image, static_cast<const uint8_t*>(pixel));
+}
