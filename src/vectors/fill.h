@@ -1,0 +1,55 @@
+// Hole filling of one image channel by a coarse-to-fine pull and push over an
+// image pyramid: known samples and their weights are pulled down as Gaussian
+// pyramids of value times weight and of weight, and the result is pushed back
+// up, smoothed at every level, with the known values reimposed at the finest.
+// PLFillFlowHoles (flow_field.h) runs it channel by channel.
+#pragma once
+
+#include <cstdint>
+
+#include "plimage.h"
+#include "progress.h"
+#include "qvmem.h"
+
+class PLSingleChannelFill : public QVMem {
+  public:
+    // All level images are made here, allocated but not cleared. A failure
+    // leaves the object empty with `error` set, and is thrown if throwOnError is 1.
+    PLSingleChannelFill(int32_t throwOnError, int32_t width, int32_t height);
+    PLSingleChannelFill(int32_t width, int32_t height);
+    virtual ~PLSingleChannelFill();
+
+    PLSingleChannelFill(const PLSingleChannelFill&) = delete;
+    PLSingleChannelFill& operator=(const PLSingleChannelFill&) = delete;
+
+    // Takes one channel of `image` and builds the value and weight pyramids; a
+    // vector is known where `mask` is zero.
+    void load(const PLImage* image, int32_t channel, const PLImage* mask);
+    // The coarse-to-fine pass; the result is filled[0]. Mode 0 is the only one
+    // built: any other mode clears the top level and does nothing more.
+    void fill(QVIdleAndProgressClass* progress, int32_t mode);
+
+    int32_t passes = 1;
+    PLImage** filled = nullptr;
+    PLImage** values = nullptr;
+    PLImage** weights = nullptr;
+    PLImage** scratch = nullptr;
+    int32_t lastLevel = 0;
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t topLevel = 0;
+    int32_t error = 0;
+
+  private:
+    void build(int32_t throwOnError);
+    void release();
+};
+
+// Copies one channel with conversion: into an integer type rounded by adding
+// 0.5 and clamped to its range; from integer into float the number unchanged.
+void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
+
+// A smoothing of both axes chosen by strength: 0 a box of radius 2; 1 a
+// Gaussian of radius 5 (7 for variant 1); 2 a Gaussian of radius 3 (5 for
+// variant 1); any other strength nothing.
+void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength);
