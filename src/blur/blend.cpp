@@ -13,6 +13,8 @@
 
 namespace {
 
+using namespace plblur;
+
 constexpr int kRgba = 4;
 
 // c = s + (f - s) * t. For integer elements the difference is an integer,

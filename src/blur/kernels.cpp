@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace plblur;
+
 // Bilinear read at (fx, fy) with the fraction forced to 1.0 in the cell one
 // short of the last column or row, so the last column and row come out exact
 // without reading past them. Serves the flow (two floats) and the source.

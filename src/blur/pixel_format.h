@@ -10,6 +10,9 @@
 
 #include "plimage.h"
 
+// A namespace of its own: other libraries have element helpers of the same names.
+namespace plblur {
+
 template <typename T>
 struct PLElement;
 
@@ -125,3 +128,5 @@ bool PLVisitFormat(int32_t numChannels, int32_t pixelType, Fn&& fn) {
     }
     return true;
 }
+
+}  // namespace plblur
