@@ -9,6 +9,9 @@
 #include "ofx_plugin.h"
 #include "qvmem.h"
 
+extern "C" int __cxa_atexit(void (*fn)(void*), void* arg, void* dso);
+extern "C" void* __dso_handle;
+
 OfxHost* gHost = nullptr;
 OfxImageEffectSuiteV1* gEffectHost = nullptr;
 OfxPropertySuiteV1* gPropHost = nullptr;
@@ -50,7 +53,7 @@ bool HostThreadRunner(kqmp_threadfunction* fn, unsigned int count, void* arg) {
     return true;
 }
 
-void ExitRoutine() {
+void ExitRoutine(void*) {
     if (functracker) {
         common_CleanUpQV();
         functracker = 0;
@@ -63,7 +66,9 @@ struct StaticStartUp {
     StaticStartUp() {
         functracker = 0;
         kqmp_sethostrunner(HostThreadRunner);
-        std::atexit(ExitRoutine);
+        // Tied to this module, so that it also runs when the host unloads us
+        // with dlclose, not at process exit after our code is gone.
+        __cxa_atexit(ExitRoutine, nullptr, &__dso_handle);
     }
 } gStaticStartUp;
 

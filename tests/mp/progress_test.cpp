@@ -1,0 +1,168 @@
+// Tests of the progress chain: range mapping, abort, the per-worker objects,
+// and an abort that stops every worker of a running job.
+#include "progress.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <vector>
+
+#include "kqmp.h"
+
+namespace {
+
+// Top of a chain that counts the reports reaching it and, from the given one
+// on, throws the given error, as a host's abort answer does.
+class CountingTop : public QVIdleAndProgressClass {
+  public:
+    CountingTop(int throwAtReport, PLErr thrown)
+        : QVIdleAndProgressClass(nullptr), throwAt(throwAtReport), error(thrown) {}
+    void ProgressIdle(float fraction) override {
+        ++reports;
+        last = fraction;
+        if (reports >= throwAt) throw error;
+    }
+    int throwAt;
+    PLErr error;
+    int reports = 0;
+    float last = -1.0f;
+};
+
+TEST(Progress, FractionMapsIntoTheParentsRange) {
+    QVIdleAndProgressClass grand(nullptr);
+    QVIdleAndProgressClass parent(&grand);
+    QVIdleAndProgressClass child(&parent);
+    parent.setRange(0.2f, 0.6f);
+    child.ProgressIdle(0.5f);
+    // The parent's range, in single precision and this order.
+    const float expected = (0.6f - 0.2f) * 0.5f + 0.2f;
+    EXPECT_NEAR(expected, 0.4f, 1e-7f);
+    EXPECT_EQ(child.current, 0.5f);
+    EXPECT_EQ(parent.current, expected);
+    EXPECT_EQ(grand.current, parent.current) << "the default range 0..1 passes the fraction unchanged";
+
+    CountingTop top(1000, PLErrAborted);
+    QVIdleAndProgressClass stage(&top);
+    stage.setRange(0.2f, 0.6f);
+    QVIdleAndProgressClass leaf(&stage);
+    leaf.ProgressIdle(0.5f);
+    EXPECT_EQ(top.last, parent.current) << "a top of its own class gets the mapped fraction";
+
+    stage.ProgressIdle(0.3f);
+    stage.collapseRange();
+    for (float f : {0.0f, 0.25f, 1.0f}) {
+        leaf.ProgressIdle(f);
+        EXPECT_EQ(stage.current, 0.3f) << "a collapsed range maps " << f << " to the last report";
+    }
+}
+
+TEST(Progress, AbortAndNullParent) {
+    QVIdleAndProgressClass alone(nullptr);
+    alone.ProgressIdle(0.25f);
+    EXPECT_EQ(alone.current, 0.25f);
+
+    QVIdleAndProgressClass parent(nullptr);
+    QVIdleAndProgressClass child(&parent);
+    EXPECT_FALSE(child.getAbort());
+    child.setAbort(true);
+    EXPECT_TRUE(child.getAbort());
+    try {
+        child.ProgressIdle(0.8f);
+        ADD_FAILURE() << "setAbort(true) must make the next report throw";
+    } catch (PLErr e) {
+        EXPECT_EQ(e, PLErrAborted);
+    }
+    EXPECT_EQ(child.current, 0.8f) << "the fraction is stored before the abort";
+    EXPECT_EQ(parent.current, 0.0f) << "an aborting object doesn't reach its parent";
+    child.setAbort(false);
+    child.ProgressIdle(0.5f);
+    EXPECT_EQ(parent.current, 0.5f);
+}
+
+TEST(Progress, WorkerObjectsShareOneWord) {
+    CountingTop top(2, PLErrNoFrame);
+    int32_t word = 0;
+    QVIldeAndProgressMPInterruptible reporter(&top, true, &word);
+    QVIldeAndProgressMPInterruptible sister(&top, false, &word);
+
+    sister.ProgressIdle(0.5f);
+    EXPECT_EQ(top.reports, 0) << "a non-reporter never reaches its parent";
+    reporter.ProgressIdle(0.25f);
+    EXPECT_EQ(top.reports, 1);
+    EXPECT_EQ(top.last, 0.25f);
+    EXPECT_EQ(word, 0);
+
+    try {
+        reporter.ProgressIdle(0.5f);
+        ADD_FAILURE() << "the reporter must pass on the error from above";
+    } catch (PLErr e) {
+        EXPECT_EQ(e, PLErrNoFrame) << "the reporter passes on the value it was given";
+    }
+    EXPECT_EQ(word, 1) << "the reporter raises the shared word before rethrowing";
+
+    reporter.ProgressIdle(0.75f);  // quiet once the word is set
+    EXPECT_EQ(top.reports, 2);
+    try {
+        sister.ProgressIdle(0.75f);
+        ADD_FAILURE() << "a non-reporter must stop once the word is set";
+    } catch (PLErr e) {
+        EXPECT_EQ(e, PLErrAborted);
+    }
+}
+
+// The blur workers' pattern: each worker reports once per row through its own
+// object and stores any PLErr in the job's error word. Pool shares keep
+// reporting past their rows, so that they are still running when the abort
+// comes and must stop at a report.
+struct AbortJob {
+    QVIdleAndProgressClass* top;
+    int32_t interrupted = 0;
+    int32_t error = 0;
+    std::vector<int32_t> stoppedBy;
+    std::atomic<int> unstopped{0};
+};
+
+void AbortableWorker(int32_t threadIndex, bool isFirstWorker, int32_t firstRow, int32_t lastRow,
+                     kqmp_args* args) {
+    auto* job = args->next<AbortJob*>();
+    int32_t* errorWord = args->next<int32_t*>();
+    QVIldeAndProgressMPInterruptible progress(job->top, isFirstWorker, &job->interrupted);
+    try {
+        if (isFirstWorker) {
+            for (int32_t y = firstRow; y <= lastRow; ++y)
+                progress.ProgressIdle(static_cast<float>(y - firstRow) /
+                                      static_cast<float>(lastRow - firstRow));
+        } else {
+            // Bounded so that a missed abort fails the test instead of hanging it.
+            for (long i = 0; i < 200000000L; ++i) progress.ProgressIdle(0.5f);
+            ++job->unstopped;
+        }
+    } catch (PLErr e) {
+        job->stoppedBy[threadIndex] = e;
+        __atomic_store_n(errorWord, static_cast<int32_t>(e), __ATOMIC_RELAXED);
+    }
+}
+
+TEST(Progress, AbortStopsEveryWorkerOfAJob) {
+    constexpr int32_t kThreads = 4, kRows = 4 * 100;
+    constexpr int kAbortAt = 30;
+    CountingTop top(kAbortAt, PLErrAborted);
+    QVIdleAndProgressClass engine(&top);
+    AbortJob job;
+    job.top = &engine;
+    job.stoppedBy.assign(kThreads, PLErrNone);
+
+    try {
+        kqmp_dispatch(kThreads, kRows, AbortableWorker, &job, &job.error);
+        if (job.error != 0) throw static_cast<PLErr>(job.error);
+        ADD_FAILURE() << "the abort must reach the caller";
+    } catch (PLErr e) {
+        EXPECT_EQ(e, PLErrAborted);
+    }
+    EXPECT_EQ(top.reports, kAbortAt) << "only the first worker reports, and it stops at the abort";
+    EXPECT_EQ(job.interrupted, 1);
+    EXPECT_EQ(job.unstopped.load(), 0);
+    for (int32_t i = 0; i < kThreads; ++i) EXPECT_EQ(job.stoppedBy[i], PLErrAborted) << "worker " << i;
+}
+
+}  // namespace
