@@ -7,7 +7,9 @@
 
 namespace ofxhost {
 
-enum class HandleKind { PropertySet, ImageEffect, Clip, ParamSet, Param, Mutex };
+// An Image is a property set under a kind of its own, so that the property
+// suite takes it and clipReleaseImage takes nothing else.
+enum class HandleKind { PropertySet, ImageEffect, Clip, ParamSet, Param, Mutex, Image };
 
 // Gives a new token for the object; withdraw it before the object goes.
 void* registerHandle(void* object, HandleKind kind);

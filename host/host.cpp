@@ -34,11 +34,11 @@ void defineHostProperties(PropertySet& p, const HostConfig& config) {
     p.defineInt(kOfxPropAPIVersion, 2, {1, 4});
     p.defineInt(kOfxPropVersion, 3, {1, 0, 0});
     p.defineString(kOfxPropVersionLabel, 1, {"1.0.0"});
-    p.defineInt(kOfxImageEffectHostPropIsBackground, 1, {1});
+    p.defineInt(kOfxImageEffectHostPropIsBackground, 1, {config.background ? 1 : 0});
     p.defineInt(kOfxImageEffectPropSupportsMultiResolution, 1, {1});
     p.defineInt(kOfxImageEffectPropSupportsTiles, 1, {1});
     p.defineInt(kOfxImageEffectPropTemporalClipAccess, 1, {1});
-    p.defineInt(kOfxImageEffectPropSupportsMultipleClipDepths, 1, {1});
+    p.defineInt(kOfxImageEffectPropSupportsMultipleClipDepths, 1, {config.multipleClipDepths ? 1 : 0});
     p.defineInt(kOfxImageEffectPropSupportsMultipleClipPARs, 1, {0});
     p.defineInt(kOfxImageEffectPropSetableFrameRate, 1, {0});
     p.defineInt(kOfxImageEffectPropSetableFielding, 1, {0});
@@ -51,6 +51,49 @@ void defineHostProperties(PropertySet& p, const HostConfig& config) {
 }
 
 }  // namespace
+
+void AbortControl::never() {
+    rule_ = Rule::Never;
+}
+void AbortControl::always() {
+    rule_ = Rule::Always;
+}
+void AbortControl::afterCalls(uint64_t k) {
+    limit_ = calls_.load() + k;
+    rule_ = Rule::AfterCalls;
+}
+void AbortControl::whileRaised() {
+    flag_ = false;
+    rule_ = Rule::Flag;
+}
+void AbortControl::raise() {
+    flag_ = true;
+}
+void AbortControl::lower() {
+    flag_ = false;
+}
+
+int AbortControl::answer() {
+    const uint64_t call = ++calls_;
+    switch (rule_.load()) {
+        case Rule::Never:
+            return 0;
+        case Rule::Always:
+            return 1;
+        case Rule::AfterCalls:
+            return call > limit_.load() ? 1 : 0;
+        case Rule::Flag:
+            return flag_.load() ? 1 : 0;
+    }
+    return 0;
+}
+
+uint64_t AbortControl::calls() const {
+    return calls_.load();
+}
+void AbortControl::resetCalls() {
+    calls_ = 0;
+}
 
 Host::Host(HostConfig config) : config_(std::move(config)), ofxHost_{properties_.handle(), fetchSuiteEntry} {
     defineHostProperties(properties_, config_);

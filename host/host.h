@@ -8,6 +8,7 @@
 // entries reach the host through Host::current(): one Host exists at a time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -16,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "image.h"
 #include "ofxCore.h"
 #include "property_set.h"
 
@@ -29,6 +31,31 @@ struct HostConfig {
     unsigned int numCPUs = 0;                 // multiThreadNumCPUs; 0 asks the machine
     // multiThread runs share 0 on the calling thread; false spawns all n.
     bool callerRunsShareZero = true;
+    bool background = true;          // kOfxImageEffectHostPropIsBackground
+    bool multipleClipDepths = true;  // kOfxImageEffectPropSupportsMultipleClipDepths
+};
+
+// The answer of the image-effect suite's abort: never, always, from the
+// (k+1)-th call on, or while a flag is raised (from any thread). Every call
+// is counted, whatever the rule.
+class AbortControl {
+  public:
+    void never();
+    void always();
+    void afterCalls(uint64_t k);  // the next k calls answer 0, later ones 1
+    void whileRaised();           // answers the flag; starts lowered
+    void raise();
+    void lower();
+    int answer();  // what the suite returns; counts the call
+    uint64_t calls() const;
+    void resetCalls();
+
+  private:
+    enum class Rule { Never, Always, AfterCalls, Flag };
+    std::atomic<Rule> rule_{Rule::Never};
+    std::atomic<uint64_t> limit_{0};
+    std::atomic<bool> flag_{false};
+    std::atomic<uint64_t> calls_{0};
 };
 
 // Host memory handed to the plug-in, counted; can be told to fail.
@@ -91,6 +118,8 @@ class Host {
     PropertySet& properties() { return properties_; }
     MemoryLedger& memory() { return memory_; }
     MessageLog& messages() { return messages_; }
+    ImageLedger& images() { return images_; }
+    AbortControl& abort() { return abort_; }
 
     // What the plug-in gets for a suite name and version; null if unknown or omitted.
     const void* fetchSuite(const char* name, int version);
@@ -105,6 +134,8 @@ class Host {
     OfxHost ofxHost_;
     MemoryLedger memory_;
     MessageLog messages_;
+    ImageLedger images_;
+    AbortControl abort_;
     mutable std::mutex fetchMutex_;
     std::vector<std::string> fetches_;
 };

@@ -1,7 +1,9 @@
-// Parameter sets and parameters, and the parameter suite over them. Defining
-// and looking up parameters works; values need an instance and answer
-// kOfxStatErrUnsupported until instances exist.
+// Parameter sets and parameters, and the parameter suite over them. An
+// instance's parameters hold values, with optional keys; a descriptor's
+// answer value calls with kOfxStatErrBadHandle.
+#include <cstdarg>
 #include <cstring>
+#include <iterator>
 
 #include "effect.h"
 #include "handles.h"
@@ -94,9 +96,103 @@ void defineParamProperties(PropertySet& p, const std::string& type, const std::s
 
 }  // namespace
 
+bool ParamDefinition::operator==(const ParamDefinition& other) const {
+    return type == other.type && name == other.name && status == other.status;
+}
+
 Param::Param(const std::string& type, const std::string& name) : type_(type), name_(name) {
     defineParamProperties(properties_, type, name);
     handle_ = static_cast<OfxParamHandle>(registerHandle(this, HandleKind::Param));
+}
+
+Param::Param(const Param& descriptor, bool instance)
+    : type_(descriptor.type_), name_(descriptor.name_), instance_(instance) {
+    properties_.copyFrom(descriptor.properties_);
+    if (dimension() > 0) value_ = properties_.values(kOfxParamPropDefault);
+    value_.resize(static_cast<size_t>(dimension()), PropertyValue(0));
+    handle_ = static_cast<OfxParamHandle>(registerHandle(this, HandleKind::Param));
+}
+
+int Param::dimension() const {
+    return kindOf(type_.c_str())->dimension;
+}
+
+PropertyType Param::valueType() const {
+    return kindOf(type_.c_str())->valueType;
+}
+
+void Param::setValue(std::vector<PropertyValue> value) {
+    std::lock_guard lock(mutex_);
+    value_ = std::move(value);
+    keys_.clear();
+}
+
+void Param::setKey(OfxTime time, std::vector<PropertyValue> value) {
+    std::lock_guard lock(mutex_);
+    keys_[time] = std::move(value);
+}
+
+void Param::clearKeys() {
+    std::lock_guard lock(mutex_);
+    keys_.clear();
+}
+
+void Param::deleteKey(OfxTime time) {
+    std::lock_guard lock(mutex_);
+    keys_.erase(time);
+}
+
+std::map<OfxTime, std::vector<PropertyValue>> Param::keys() const {
+    std::lock_guard lock(mutex_);
+    return keys_;
+}
+
+std::vector<PropertyValue> Param::valueAt(OfxTime time) const {
+    std::lock_guard lock(mutex_);
+    if (keys_.empty()) return value_;
+    auto after = keys_.lower_bound(time);
+    if (after == keys_.begin()) return after->second;
+    if (after == keys_.end()) return std::prev(after)->second;
+    if (after->first == time || valueType() != PropertyType::Double) return std::prev(after)->second;
+    auto before = std::prev(after);
+    const double t = (time - before->first) / (after->first - before->first);
+    std::vector<PropertyValue> value = before->second;
+    for (size_t i = 0; i < value.size() && i < after->second.size(); ++i) {
+        const double a = std::get<double>(before->second[i]);
+        const double b = std::get<double>(after->second[i]);
+        value[i] = a + (b - a) * t;
+    }
+    return value;
+}
+
+const char* Param::textAt(OfxTime time, int i) const {
+    std::vector<PropertyValue> value = valueAt(time);
+    std::lock_guard lock(mutex_);
+    texts_.resize(value.size());
+    const std::string& text = std::get<std::string>(value[static_cast<size_t>(i)]);
+    std::string& kept = texts_[static_cast<size_t>(i)];
+    if (kept != text) kept = text;
+    return kept.c_str();
+}
+
+void Param::setAnswer(OfxStatus status) {
+    std::lock_guard lock(mutex_);
+    answer_ = status;
+}
+
+OfxStatus Param::answer() const {
+    std::lock_guard lock(mutex_);
+    return answer_;
+}
+
+uint64_t Param::valueRequests() const {
+    std::lock_guard lock(mutex_);
+    return valueRequests_;
+}
+
+void Param::countValueRequest() {
+    std::lock_guard lock(mutex_);
+    ++valueRequests_;
 }
 Param::~Param() {
     unregisterHandle(handle_);
@@ -116,12 +212,22 @@ ParamSet* ParamSet::fromHandle(OfxParamSetHandle handle) {
 }
 
 OfxStatus ParamSet::define(const char* type, const char* name, Param** param) {
-    if (!type || !name || !*name) return kOfxStatErrValue;
-    if (!kindOf(type)) return kOfxStatErrUnknown;
-    if (find(name)) return kOfxStatErrExists;
+    OfxStatus status = kOfxStatOK;
+    if (!type || !name || !*name)
+        status = kOfxStatErrValue;
+    else if (!kindOf(type))
+        status = kOfxStatErrUnknown;
+    else if (find(name))
+        status = kOfxStatErrExists;
+    definitions_.push_back({type ? type : "", name ? name : "", status});
+    if (status != kOfxStatOK) return status;
     params_.push_back(std::make_unique<Param>(type, name));
     *param = params_.back().get();
     return kOfxStatOK;
+}
+
+void ParamSet::adopt(const Param& descriptor) {
+    params_.push_back(std::make_unique<Param>(descriptor, true));
 }
 
 Param* ParamSet::find(const char* name) const {
@@ -169,47 +275,180 @@ OfxStatus paramGetPropertySet(OfxParamHandle handle, OfxPropertySetHandle* props
     return kOfxStatOK;
 }
 
-OfxStatus paramGetValue(OfxParamHandle, ...) {
-    return kOfxStatErrUnsupported;
+// The value entries take one pointer (get) or one value (set) per dimension,
+// of the type the parameter holds: int, double or const char*.
+
+Param* valueParam(OfxParamHandle handle, OfxStatus* status) {
+    Param* param = Param::fromHandle(handle);
+    *status = kOfxStatOK;
+    if (!param || !param->isInstance())
+        *status = kOfxStatErrBadHandle;
+    else if (param->dimension() == 0)
+        *status = kOfxStatErrUnsupported;
+    return param;
 }
-OfxStatus paramGetValueAtTime(OfxParamHandle, OfxTime, ...) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus getValue(OfxParamHandle handle, OfxTime time, va_list args) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    param->countValueRequest();
+    if (param->answer() != kOfxStatOK) return param->answer();
+    std::vector<PropertyValue> value = param->valueAt(time);
+    for (int i = 0; i < param->dimension(); ++i) {
+        switch (param->valueType()) {
+            case PropertyType::Int:
+                *va_arg(args, int*) = std::get<int>(value[static_cast<size_t>(i)]);
+                break;
+            case PropertyType::Double:
+                *va_arg(args, double*) = std::get<double>(value[static_cast<size_t>(i)]);
+                break;
+            case PropertyType::String:
+                *va_arg(args, const char**) = param->textAt(time, i);
+                break;
+            case PropertyType::Pointer:
+                return kOfxStatErrUnsupported;
+        }
+    }
+    return kOfxStatOK;
 }
+
+OfxStatus readValue(Param* param, va_list args, std::vector<PropertyValue>* value) {
+    for (int i = 0; i < param->dimension(); ++i) {
+        switch (param->valueType()) {
+            case PropertyType::Int:
+                value->push_back(va_arg(args, int));
+                break;
+            case PropertyType::Double:
+                value->push_back(va_arg(args, double));
+                break;
+            case PropertyType::String: {
+                const char* text = va_arg(args, const char*);
+                if (!text) return kOfxStatErrValue;
+                value->push_back(std::string(text));
+                break;
+            }
+            case PropertyType::Pointer:
+                return kOfxStatErrUnsupported;
+        }
+    }
+    return kOfxStatOK;
+}
+
+OfxStatus paramGetValue(OfxParamHandle handle, ...) {
+    va_list args;
+    va_start(args, handle);
+    OfxStatus status = getValue(handle, 0.0, args);  // no timeline: time 0 is the current time
+    va_end(args);
+    return status;
+}
+
+OfxStatus paramGetValueAtTime(OfxParamHandle handle, OfxTime time, ...) {
+    va_list args;
+    va_start(args, time);
+    OfxStatus status = getValue(handle, time, args);
+    va_end(args);
+    return status;
+}
+
 OfxStatus paramGetDerivative(OfxParamHandle, OfxTime, ...) {
     return kOfxStatErrUnsupported;
 }
 OfxStatus paramGetIntegral(OfxParamHandle, OfxTime, OfxTime, ...) {
     return kOfxStatErrUnsupported;
 }
-OfxStatus paramSetValue(OfxParamHandle, ...) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramSetValue(OfxParamHandle handle, ...) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    std::vector<PropertyValue> value;
+    va_list args;
+    va_start(args, handle);
+    status = readValue(param, args, &value);
+    va_end(args);
+    if (status == kOfxStatOK) param->setValue(std::move(value));
+    return status;
 }
-OfxStatus paramSetValueAtTime(OfxParamHandle, OfxTime, ...) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramSetValueAtTime(OfxParamHandle handle, OfxTime time, ...) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    std::vector<PropertyValue> value;
+    va_list args;
+    va_start(args, time);
+    status = readValue(param, args, &value);
+    va_end(args);
+    if (status == kOfxStatOK) param->setKey(time, std::move(value));
+    return status;
 }
-OfxStatus paramGetNumKeys(OfxParamHandle, unsigned int*) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramGetNumKeys(OfxParamHandle handle, unsigned int* count) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    if (!count) return kOfxStatErrValue;
+    *count = static_cast<unsigned int>(param->keys().size());
+    return kOfxStatOK;
 }
-OfxStatus paramGetKeyTime(OfxParamHandle, unsigned int, OfxTime*) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramGetKeyTime(OfxParamHandle handle, unsigned int nth, OfxTime* time) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    if (!time) return kOfxStatErrValue;
+    auto keys = param->keys();
+    if (nth >= keys.size()) return kOfxStatErrBadIndex;
+    *time = std::next(keys.begin(), nth)->first;
+    return kOfxStatOK;
 }
-OfxStatus paramGetKeyIndex(OfxParamHandle, OfxTime, int, int*) {
-    return kOfxStatErrUnsupported;
+
+// direction 0: a key at exactly that time; -1: the last before; 1: the first after.
+OfxStatus paramGetKeyIndex(OfxParamHandle handle, OfxTime time, int direction, int* index) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    if (!index) return kOfxStatErrValue;
+    int i = 0;
+    int found = -1;
+    for (const auto& key : param->keys()) {
+        if ((direction == 0 && key.first == time) || (direction < 0 && key.first < time)) found = i;
+        if (direction > 0 && key.first > time) {
+            found = i;
+            break;
+        }
+        ++i;
+    }
+    if (found < 0) return kOfxStatFailed;
+    *index = found;
+    return kOfxStatOK;
 }
-OfxStatus paramDeleteKey(OfxParamHandle, OfxTime) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramDeleteKey(OfxParamHandle handle, OfxTime time) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status != kOfxStatOK) return status;
+    if (!param->keys().count(time)) return kOfxStatErrBadIndex;
+    param->deleteKey(time);
+    return kOfxStatOK;
 }
-OfxStatus paramDeleteAllKeys(OfxParamHandle) {
-    return kOfxStatErrUnsupported;
+
+OfxStatus paramDeleteAllKeys(OfxParamHandle handle) {
+    OfxStatus status;
+    Param* param = valueParam(handle, &status);
+    if (status == kOfxStatOK) param->clearKeys();
+    return status;
 }
+
 OfxStatus paramCopy(OfxParamHandle, OfxParamHandle, OfxTime, const OfxRangeD*) {
     return kOfxStatErrUnsupported;
 }
-OfxStatus paramEditBegin(OfxParamSetHandle, const char*) {
-    return kOfxStatErrUnsupported;
+OfxStatus paramEditBegin(OfxParamSetHandle handle, const char*) {
+    return ParamSet::fromHandle(handle) ? kOfxStatOK : kOfxStatErrBadHandle;
 }
-OfxStatus paramEditEnd(OfxParamSetHandle) {
-    return kOfxStatErrUnsupported;
+OfxStatus paramEditEnd(OfxParamSetHandle handle) {
+    return ParamSet::fromHandle(handle) ? kOfxStatOK : kOfxStatErrBadHandle;
 }
 
 const OfxParameterSuiteV1 kParameterSuite = {

@@ -73,15 +73,16 @@ PropertyValue zeroOf(PropertyType type) {
 
 }  // namespace
 
-PropertySet::PropertySet() {
-    handle_ = static_cast<OfxPropertySetHandle>(registerHandle(this, HandleKind::PropertySet));
+PropertySet::PropertySet(HandleKind kind) {
+    handle_ = static_cast<OfxPropertySetHandle>(registerHandle(this, kind));
 }
 PropertySet::~PropertySet() {
     unregisterHandle(handle_);
 }
 
 PropertySet* PropertySet::fromHandle(OfxPropertySetHandle handle) {
-    return ofxhost::fromHandle<PropertySet>(handle, HandleKind::PropertySet);
+    PropertySet* set = ofxhost::fromHandle<PropertySet>(handle, HandleKind::PropertySet);
+    return set ? set : ofxhost::fromHandle<PropertySet>(handle, HandleKind::Image);
 }
 
 void PropertySet::define(const std::string& name, PropertyType type, int dimension,
@@ -110,6 +111,13 @@ void PropertySet::definePointer(const std::string& name, int dimension) {
 void PropertySet::remove(const std::string& name) {
     std::unique_lock lock(mutex_);
     properties_.erase(name);
+}
+
+void PropertySet::copyFrom(const PropertySet& other) {
+    if (&other == this) return;
+    std::shared_lock source(other.mutex_);
+    std::unique_lock lock(mutex_);
+    for (const auto& entry : other.properties_) properties_[entry.first] = entry.second;
 }
 
 void PropertySet::assign(const std::string& name, std::vector<PropertyValue> values) {

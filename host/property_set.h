@@ -13,6 +13,7 @@
 #include <variant>
 #include <vector>
 
+#include "handles.h"
 #include "ofxCore.h"
 #include "ofxProperty.h"
 
@@ -38,7 +39,8 @@ std::ostream& operator<<(std::ostream& out, const PropertyWrite& write);
 
 class PropertySet {
   public:
-    PropertySet();
+    // kind is PropertySet or Image; the suite takes both.
+    explicit PropertySet(HandleKind kind = HandleKind::PropertySet);
     ~PropertySet();
     PropertySet(const PropertySet&) = delete;
     PropertySet& operator=(const PropertySet&) = delete;
@@ -55,6 +57,9 @@ class PropertySet {
     void defineString(const std::string& name, int dimension, std::vector<std::string> defaults);
     void definePointer(const std::string& name, int dimension);
     void remove(const std::string& name);
+    // Host side: the other set's definitions and current values, added to
+    // (or replacing those of) this set; its write log is not copied.
+    void copyFrom(const PropertySet& other);
     // Host side: replace a property's values without logging a write.
     void assign(const std::string& name, std::vector<PropertyValue> values);
 

@@ -17,4 +17,9 @@ const OfxMultiThreadSuiteV1* multiThreadSuite();
 const OfxMessageSuiteV1* messageSuite();
 const OfxInteractSuiteV1* interactSuite();
 
+// The render scale that images handed out on this thread carry: that of the
+// render the thread is sending, 1 elsewhere.
+void setImageRenderScale(OfxPointD scale);
+OfxPointD imageRenderScale();
+
 }  // namespace ofxhost
