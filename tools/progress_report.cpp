@@ -23,11 +23,10 @@ void ProgressReport::frameStarted(int frame) {
     draw(true);
 }
 
-void ProgressReport::tick() {
-    ++ticks_;
-    if (style_ != Style::Bar) return;
-    std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-    if (lock.owns_lock()) draw(false);
+void ProgressReport::ticks(long count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ticks_ = count;
+    draw(false);
 }
 
 void ProgressReport::frameDone(const std::string& output) {

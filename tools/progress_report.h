@@ -4,7 +4,6 @@
 // a render farm's log reads cleanly.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <mutex>
@@ -17,9 +16,9 @@ class ProgressReport {
     ProgressReport(std::FILE* to, Style style, int frameCount);
 
     void frameStarted(int frame);
-    // One sign of life from inside the frame (the plug-in polling for an
-    // abort). Safe from any thread; redraws at most ten times a second.
-    void tick();
+    // Signs of life from inside the frame so far (the plug-in's abort
+    // polls); redraws at most ten times a second.
+    void ticks(long count);
     void frameDone(const std::string& output);
     // A warning or error interrupts the bar without garbling it.
     void message(const std::string& text);
@@ -36,7 +35,7 @@ class ProgressReport {
     int framesDone_ = 0;
     int frame_ = 0;
     Clock::time_point start_, frameStart_, lastDraw_;
-    std::atomic<long> ticks_{0};
+    long ticks_ = 0;
     long ticksPerFrame_ = 0;  // of the last finished frame: the scale for the next
     bool lineOpen_ = false;
     std::mutex mutex_;

@@ -4,8 +4,6 @@
 // command line and the image files stay outside; this is the OFX side.
 #pragma once
 
-#include <atomic>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,8 +44,13 @@ class RenderSession {
     const std::vector<ParamInfo>& params() const;
     void setParam(const std::string& name, double value);
 
-    // Asked whenever the plug-in polls for an abort.
-    void onAbortPoll(std::function<bool()> poll);
+    // From now on every abort poll of the plug-in answers yes. Safe from
+    // any thread.
+    void abort();
+    // The plug-in's abort polls so far: its only sign of progress inside a frame.
+    unsigned long abortPolls() const;
+    // What the plug-in told the user through the host since the last call.
+    std::vector<std::string> takeMessages();
 
     // Renders one frame at `time` into `output`, which it sizes and gives
     // the depth the effect's clip preferences chose. False with a message

@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <variant>
 #include <vector>
 
@@ -284,11 +287,8 @@ void printAction(const ofxhost::ActionCall& call) {
 
 // The clips and parameters of the general context, as an effect defines them there.
 void printContext(ofxhost::Plugin& plugin) {
-    ofxhost::ImageEffect effect;
-    ofxhost::PropertySet inArgs;
-    inArgs.defineString(kOfxImageEffectPropContext, 1, {kOfxImageEffectContextGeneral});
-    if (plugin.action(kOfxImageEffectActionDescribeInContext, effect.handle(), inArgs.handle()) != kOfxStatOK)
-        return;
+    if (plugin.describeInContext(kOfxImageEffectContextGeneral).status != kOfxStatOK) return;
+    ofxhost::ImageEffect& effect = *plugin.contextDescriptor();
     std::printf("  Clips (general context):\n");
     for (const auto& clip : effect.clips())
         std::printf("    %-25s %s\n", ("\"" + clip->name() + "\"").c_str(),
@@ -486,34 +486,10 @@ bool checkParams(const std::vector<ParamSetting>& settings, const std::vector<Pa
     return true;
 }
 
-int renderJob(const Options& o) {
-    Job job;
+// The frames in order. Gives the exit code.
+int renderFrames(const Options& o, const Job& job, RenderSession& session, ProgressReport& progress,
+                 std::atomic<unsigned long>& frameStartPolls) {
     std::string error;
-    if (!planJob(o, job, error)) {
-        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
-        return 2;
-    }
-    RenderSession session(static_cast<unsigned>(o.threads));
-    if (!session.open(o.plugin.empty() ? defaultPlugin() : o.plugin, error)) {
-        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
-        return 1;
-    }
-    if (!checkParams(o.params, session.params(), error)) {
-        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
-        return 2;
-    }
-    for (const ParamSetting& s : o.params) session.setParam(s.name, s.value);
-
-    const ProgressReport::Style style = o.quiet                 ? ProgressReport::Style::Quiet
-                                        : isatty(STDERR_FILENO) ? ProgressReport::Style::Bar
-                                                                : ProgressReport::Style::Lines;
-    ProgressReport progress(stderr, style, static_cast<int>(job.frames.size()));
-    session.onAbortPoll([&progress] {
-        progress.tick();
-        return gStopSignal != 0;
-    });
-    installStopHandlers();
-
     FrameInputs inputs;
     inputs.firstFrame = job.frames.front();
     inputs.lastFrame = job.frames.front();
@@ -526,6 +502,7 @@ int renderJob(const Options& o) {
     int warnings = 0;
     for (int frame : job.frames) {
         if (gStopSignal) break;
+        frameStartPolls = session.abortPolls();
         progress.frameStarted(frame);
         HostPixels source, vectors, output;
         if (!readHostPixels(job.source.frame(frame), {o.proxy, false}, source, error) ||
@@ -545,6 +522,8 @@ int renderJob(const Options& o) {
             progress.finish();
             return 1;
         }
+        for (const std::string& text : session.takeMessages())
+            progress.message("trelvo-render: plug-in " + text);
         // An aborted frame is never written: it would be orange.
         if (gStopSignal) break;
         if (const char* meaning = failureMeaning(output)) {
@@ -571,6 +550,47 @@ int renderJob(const Options& o) {
         std::fprintf(stderr, "trelvo-render: %d frame%s came back in a failure colour\n", warnings,
                      warnings == 1 ? "" : "s");
     return 0;
+}
+
+int renderJob(const Options& o) {
+    Job job;
+    std::string error;
+    if (!planJob(o, job, error)) {
+        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
+        return 2;
+    }
+    RenderSession session(static_cast<unsigned>(o.threads));
+    if (!session.open(o.plugin.empty() ? defaultPlugin() : o.plugin, error)) {
+        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
+        return 1;
+    }
+    if (!checkParams(o.params, session.params(), error)) {
+        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
+        return 2;
+    }
+    for (const ParamSetting& s : o.params) session.setParam(s.name, s.value);
+
+    const ProgressReport::Style style = o.quiet                 ? ProgressReport::Style::Quiet
+                                        : isatty(STDERR_FILENO) ? ProgressReport::Style::Bar
+                                                                : ProgressReport::Style::Lines;
+    ProgressReport progress(stderr, style, static_cast<int>(job.frames.size()));
+    installStopHandlers();
+    // The watcher turns a stop signal into the host's abort answer and feeds
+    // the bar with the plug-in's abort polls of the current frame.
+    std::atomic<bool> finished{false};
+    std::atomic<unsigned long> frameStartPolls{0};
+    std::thread watcher([&] {
+        while (!finished) {
+            if (gStopSignal) session.abort();
+            const unsigned long polls = session.abortPolls(), start = frameStartPolls;
+            progress.ticks(polls >= start ? static_cast<long>(polls - start) : 0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    const int status = renderFrames(o, job, session, progress, frameStartPolls);
+    finished = true;
+    watcher.join();
+    return status;
 }
 
 }  // namespace
