@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds Trelvo3_Vectors and runs its main job or its tests.
-#   ./build.sh demo [PRESET]   build everything, then run the command-line host on the plug-in
+#   ./build.sh demo [PRESET]   build everything, then render the demo shot through the plug-in
 #   ./build.sh test [PRESET]   build everything, then run all tests through ctest
 # PRESET is one of release (default), debug, asan, tsan.
 # Missing system packages are installed with apt-get first (Debian 12, as root).
@@ -32,7 +32,20 @@ cmake --build --preset "$preset" -j "$(nproc)"
 
 case "$job" in
   demo)
-    "build/$preset/tools/trelvo-render" --describe
+    # The demo shot through the plug-in: frames 1-8 of a synthetic shot with
+    # exact vectors, rendered by the command-line host, then frame 4 before
+    # (left) and after (right) side by side.
+    tools="build/$preset/tools"
+    demo="build/$preset/demo"
+    rm -rf "$demo"
+    mkdir -p "$demo/render"
+    start=$(date +%s%N)
+    "$tools/trelvo-makeshot" --out "$demo/shot"
+    "$tools/trelvo-render" --source "$demo/shot/source.####.exr" --vectors "$demo/shot/vectors.####.exr" \
+      --output "$demo/render/blurred.####.exr" --max-displace 32 --amount 1.5
+    oiiotool "$demo/shot/source.0004.exr" --ch R,G,B "$demo/render/blurred.0004.exr" --ch R,G,B \
+      --mosaic:pad=8 2x1 --colorconvert linear sRGB -d uint8 -o "$demo/before_after.png"
+    echo "demo: $demo/before_after.png (frame 4, before | after) in $(( ($(date +%s%N) - start) / 1000000 )) ms"
     ;;
   test)
     ctest --preset "$preset"
