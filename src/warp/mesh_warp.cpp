@@ -7,7 +7,17 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
+
+// Other library code fills the mesh record by position.
+static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) == 8 &&
+                  offsetof(PLMeshWarp, reserved0) == 16 && offsetof(PLMeshWarp, reserved1) == 24 &&
+                  offsetof(PLMeshWarp, flow) == 32 && offsetof(PLMeshWarp, reserved2) == 40 &&
+                  offsetof(PLMeshWarp, flowWidth) == 48 && offsetof(PLMeshWarp, flowHeight) == 52 &&
+                  offsetof(PLMeshWarp, meshHeight) == 56 && offsetof(PLMeshWarp, meshExtent) == 60 &&
+                  offsetof(PLMeshWarp, gridColumns) == 64 && offsetof(PLMeshWarp, gridRows) == 68,
+              "PLMeshWarp fields in their fixed order");
 
 namespace {
 

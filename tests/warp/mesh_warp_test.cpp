@@ -130,11 +130,12 @@ TEST(WarpTriangle, ScanCoverageAndInterpolation) {
         [](int32_t x, int32_t y) { return Ramp(x, y); }, "integer triangle");
 
     // Fractional corners reaching past column 0 and past yLimit: rows 1 to 7,
-    // right edge at 6 - y, columns clipped at 0.
+    // left edge at 1.75 - y / 2 (rounded up, clipped at 0), right edge at 6 - y.
     auto clipped = Blank(8, 8);
-    Draw(Flat(-2.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), *src, *clipped, 7, 7);
+    Draw(Flat(1.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), *src, *clipped, 7, 7);
     ExpectPixels(
-        *clipped, [](int32_t x, int32_t y) { return y >= 1 && x <= 6 - y; },
+        *clipped,
+        [](int32_t x, int32_t y) { return y >= 1 && x >= std::ceil(1.75f - y / 2.0f) && x <= 6 - y; },
         [](int32_t, int32_t) { return Ramp(1, 1); }, "fractional triangle");
 }
 
@@ -247,11 +248,20 @@ TEST(WarpTriangle, BilinearSampleAndItsGuards) {
     };
     for (const Case& k : cases) EXPECT_EQ(Probe(*src, k.u, k.v)[0], k.want) << k.what;
 
-    // One column or one row: the neighbour is the pixel itself.
-    auto column = RampSource(1, 3);
+    // One column or one row: the neighbour is the pixel itself. The bytes
+    // right of and below the image hold infinity, which would show as NaN.
+    const auto padded = [](int32_t w, int32_t h, std::vector<float>& block) {
+        block.assign((w + 1) * (h + 1), std::numeric_limits<float>::infinity());
+        for (int32_t y = 0; y < h; ++y)
+            for (int32_t x = 0; x < w; ++x) block[y * (w + 1) + x] = Ramp(x, y);
+        return std::make_unique<PLImage>(block.data(), w, h, (w + 1) * 4, 1, PLPixelFloat, 0);
+    };
+    std::vector<float> columnBlock;
+    auto column = padded(1, 3, columnBlock);
     EXPECT_EQ(Probe(*column, 0.3f, 1.5f)[0], 24.0f) << "one column";
     EXPECT_EQ(Probe(*column, 5, 7)[0], 32.0f) << "one column, beyond";
-    auto row = RampSource(3, 1);
+    std::vector<float> rowBlock;
+    auto row = padded(3, 1, rowBlock);
     EXPECT_EQ(Probe(*row, 1.5f, 0.2f)[0], 6.0f) << "one row";
     auto single = MakeImage(1, 1, 1, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 9.0f; });
     EXPECT_EQ(Probe(*single, 0.5f, 0.5f)[0], 9.0f) << "one pixel";
@@ -280,22 +290,24 @@ TEST(WarpTriangle, FamilyMembersInterpolateEveryChannel) {
 TEST(WarpTriangle, LimitsBeyondTheTargetStayInside) {
     auto src = RampSource(2, 2);
     for (int32_t flipped : {0, 1}) {
-        // A 4 x 3 float target inside a larger block: 2 floats of padding per
-        // row and 2 spare rows after it, all of which must stay untouched.
+        // A 4 x 3 float target in the middle of a larger block: 2 floats of
+        // padding per row and 10 spare rows on either side, all of which must
+        // stay untouched.
         const int32_t rowFloats = 6;
-        std::vector<float> block(rowFloats * 5, kSentinel);
-        PLImage dst(block.data(), 4, 3, rowFloats * 4, 1, PLPixelFloat, flipped);
+        const int32_t firstRow = 10;
+        std::vector<float> block(rowFloats * 23, kSentinel);
+        PLImage dst(block.data() + firstRow * rowFloats, 4, 3, rowFloats * 4, 1, PLPixelFloat, flipped);
         Draw(Flat(-1, -1, 30, -1, -1, 30, 1, 1), *src, dst, 50, 50);
-        Draw(Flat(0, 10, 3, 10, 1, 10, 0, 0), *src, dst, 50, 10);  // closing pass on a row past the target
-        for (int32_t i = 0; i < static_cast<int32_t>(block.size()); ++i) {
-            const bool inside = i < rowFloats * 3 && i % rowFloats < 4;
-            EXPECT_EQ(block[i], inside ? Ramp(1, 1) : kSentinel) << "flipped " << flipped << ", float " << i;
-        }
+        Draw(Flat(0, 8, 3, 8, 1, 8, 0, 0), *src, dst, 50, 8);  // closing pass on a row past the target
         // Closing pass on the last row with xLimit past the last column.
         Draw(Flat(-5, 2, 20, 2, 0, 2, 0, 0), *src, dst, 40, 2);
-        for (int32_t x = 0; x < 4; ++x)
-            EXPECT_EQ(Get(dst, x, 2), 0.0f) << "flipped " << flipped << ", x " << x;
-        EXPECT_EQ(block[flipped ? 4 : 2 * rowFloats + 4], kSentinel) << "padding after the last row";
+        const int32_t lastStoredRow = firstRow + (flipped ? 0 : 2);
+        for (int32_t i = 0; i < static_cast<int32_t>(block.size()); ++i) {
+            const int32_t storedRow = i / rowFloats;
+            const bool inside = storedRow >= firstRow && storedRow < firstRow + 3 && i % rowFloats < 4;
+            const float want = storedRow == lastStoredRow ? Ramp(0, 0) : Ramp(1, 1);
+            EXPECT_EQ(block[i], inside ? want : kSentinel) << "flipped " << flipped << ", float " << i;
+        }
     }
 }
 
