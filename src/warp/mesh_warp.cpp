@@ -127,14 +127,16 @@ struct WarpVertex {
     float x, y, u, v, extra;
 };
 
+// An edge crossing the current row: its end points, its values at the row and
+// their change per row.
 struct ActiveEdge {
     float x0, x1, y0, y1;
     float x, u, v;
     float slopeX, slopeU, slopeV;
 };
 
-// A float row counter stops advancing at 2^24 (adding 1 rounds back), so the
-// scan never runs past the last row it can step beyond.
+// A float row counter stalls at 2^24, where adding 1 rounds back to it; the
+// scan ends on the row before so that it always terminates.
 constexpr float kLastSteppableRow = 16777215.0f;
 
 template <int32_t SourceType, int32_t TargetType, int32_t Channels>
