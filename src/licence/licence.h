@@ -9,5 +9,11 @@ class PLImage;
 // True when the frame may be rendered without the demo imprint.
 bool TrelvoLicenceGranted();
 
+// Marks an unlicensed frame: a plate with the word DEMO and diagonal bands,
+// blended over the image at strength 0 (nothing) to 1. Pixel types uchar,
+// ushort and float with one to four channels; others are left as they are.
+// Writes only inside the image.
+void TrelvoDemoImprint(PLImage* image, float strength);
+
 // Gives back whatever the licence layer holds. Safe to call at any time, repeatedly.
 void TrelvoLicenceRelease();

@@ -1,0 +1,368 @@
+// The blur along the vectors: the region driver, its row worker and the family
+// of row bodies. One template defines every body; the element type and channel
+// count come from the single dispatch in PLVisitFormat, the sampling mode and
+// the edge rule are chosen once per call, so no pixel loop branches on any of
+// them. The float arithmetic follows a fixed order and must not be rearranged:
+// results are compared bit for bit.
+#include <cmath>
+#include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "motion_blur.h"
+#include "pixel_format.h"
+
+namespace {
+
+using namespace plblur;
+
+// Four float lanes, one per channel; lanes past the channel count hold zero.
+// Each lane goes through exactly the single-precision operations a scalar
+// channel would (no contraction: -ffp-contract=off), so packing the channels
+// changes no bit; it lets one instruction serve all of them.
+typedef float Lanes __attribute__((vector_size(16)));
+
+// C elements at `at` as lanes. Element values convert to float exactly, so
+// how they are widened makes no difference to the result; on x86 it is done in
+// registers, since a round trip through memory of another width stalls.
+template <typename T, int C>
+inline Lanes LoadLanes(const uint8_t* at) {
+#if defined(__SSE2__)
+    if constexpr (std::is_same_v<T, float>) {
+        // Host rows promise no alignment: scalar pieces go through memcpy.
+        if constexpr (C == 4) {
+            return _mm_loadu_ps(reinterpret_cast<const float*>(at));
+        } else if constexpr (C == 1) {
+            float one;
+            std::memcpy(&one, at, sizeof one);
+            return _mm_set_ss(one);
+        } else {
+            double two;
+            std::memcpy(&two, at, sizeof two);
+            const __m128 low = _mm_castpd_ps(_mm_set_sd(two));
+            if constexpr (C == 2) return low;
+            float third;
+            std::memcpy(&third, at + 2 * sizeof(float), sizeof third);
+            return _mm_movelh_ps(low, _mm_set_ss(third));
+        }
+    } else if constexpr (std::is_same_v<T, uint8_t>) {
+        uint32_t bytes = 0;
+        std::memcpy(&bytes, at, C);
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i words = _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(bytes)), zero);
+        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(words, zero));
+    } else {
+        uint64_t words = 0;
+        std::memcpy(&words, at, C * sizeof(uint16_t));
+        const __m128i wide = _mm_cvtsi64_si128(static_cast<long long>(words));
+        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(wide, _mm_setzero_si128()));
+    }
+#else
+    typedef T Raw __attribute__((vector_size(4 * sizeof(T))));
+    T elements[4] = {};
+    std::memcpy(elements, at, C * sizeof(T));
+    Raw raw;
+    std::memcpy(&raw, elements, sizeof raw);
+    return __builtin_convertvector(raw, Lanes);
+#endif
+}
+
+// Bilinear read at (fx, fy) with the fraction forced to 1.0 in the cell one
+// short of the last column or row, so the last column and row come out exact
+// without reading past them. Serves the flow (two floats) and the source.
+template <typename T, int C>
+class BilinearReader {
+  public:
+    explicit BilinearReader(const PLImage& image)
+        : row0_(image.Row(0)),
+          rowStep_(image.rowStep),
+          lastColumn_(image.lastColumn),
+          lastRow_(image.lastRow),
+          right_(image.lastColumn > 0 ? kPixelBytes : 0),
+          down_(image.lastRow > 0 ? image.rowStep : 0) {}
+
+    // kInside: the caller has found 0 <= fx < width and 0 <= fy < height, so
+    // the plain conversion is defined. Elsewhere a coordinate may be NaN.
+    template <bool kInside>
+    Lanes Read(float fx, float fy) const {
+        int32_t ix, iy;
+        if constexpr (kInside) {
+            ix = static_cast<int32_t>(fx);
+            iy = static_cast<int32_t>(fy);
+        } else {
+            ix = PLTruncI32(fx);
+            iy = PLTruncI32(fy);
+        }
+        float tx = fx - static_cast<float>(ix);
+        float ty = fy - static_cast<float>(iy);
+        if (ix >= lastColumn_) {
+            ix = lastColumn_ - 1;
+            tx = 1.0f;
+        }
+        if (iy >= lastRow_) {
+            iy = lastRow_ - 1;
+            ty = 1.0f;
+        }
+        // A single column or row gives -1 above, a NaN coordinate INT_MIN; both
+        // read the first cell, whose neighbour is then itself (right_, down_ 0).
+        if (ix < 0) ix = 0;
+        if (iy < 0) iy = 0;
+        const uint8_t* p = row0_ + PLMul32(iy, rowStep_) + PLMul32(ix, kPixelBytes);
+        const uint8_t* q = p + down_;
+        const Lanes p0 = LoadLanes<T, C>(p);
+        const Lanes q0 = LoadLanes<T, C>(q);
+        const Lanes a = (LoadLanes<T, C>(p + right_) - p0) * tx + p0;
+        const Lanes b = (LoadLanes<T, C>(q + right_) - q0) * tx + q0;
+        return (b - a) * ty + a + 0.0f;
+    }
+
+  private:
+    static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+    const uint8_t* row0_;
+    int32_t rowStep_;
+    int32_t lastColumn_;
+    int32_t lastRow_;
+    int32_t right_;
+    int32_t down_;
+};
+
+// The count after `remaining` more additions of 1.0f: exact up to 2^24, where
+// float addition of one stops changing it.
+inline float AddOnes(float count, int32_t remaining) {
+    const int64_t total = static_cast<int64_t>(count) + remaining;
+    return total < 16777216 ? static_cast<float>(total) : 16777216.0f;
+}
+
+template <typename T>
+inline void StoreAverage(uint8_t* at, float sum, float inv) {
+    if constexpr (std::is_same_v<T, float>) {
+        PLStoreElement<float>(at, sum * inv + 0.0f);
+    } else {
+        float v = sum * inv + 0.5f;
+        if (v <= 0.0f) v = 0.0f;
+        if (v > PLElement<T>::kWhite) v = PLElement<T>::kWhite;
+        PLStoreElement<T>(at, PLTruncToElement<T>(v));
+    }
+}
+
+struct BlurCall {
+    PLImage* output;
+    const PLImage* source;
+    const PLImage* flow;
+    float amount;
+    int32_t x0;
+    int32_t x1;
+    int32_t first;  // absolute rows, inclusive
+    int32_t last;
+    QVIdleAndProgressClass* progress;
+};
+
+// Everything one body needs about the source while walking.
+template <typename T, int C>
+struct SourceView {
+    explicit SourceView(const PLImage& image)
+        : bilinear(image),
+          row0(image.Row(0)),
+          rowStep(image.rowStep),
+          width(image.width),
+          height(image.height),
+          fWidth(static_cast<float>(image.width)),
+          fHeight(static_cast<float>(image.height)) {}
+
+    static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+    BilinearReader<T, C> bilinear;
+    const uint8_t* row0;
+    int32_t rowStep;
+    int32_t width;
+    int32_t height;
+    float fWidth;
+    float fHeight;
+};
+
+// Up to m samples from (px, py), advancing by repeated addition. A straight
+// walk that has left the source never comes back (each coordinate moves
+// monotonically and the inside is an interval on each axis), so the first
+// outside sample ends it: under the stop-at-edge rule nothing more is taken,
+// under the count-outside rule the samples left are all counted as empty. This
+// keeps an absurd n bounded by the size of the image.
+template <typename T, int C, bool kBilinear, bool kCountOutside>
+inline void Walk(const SourceView<T, C>& src, float px, float py, float stepX, float stepY, int32_t m,
+                 Lanes& sums, float& count) {
+    for (int32_t k = 0; k < m; ++k) {
+        if constexpr (kBilinear) {
+            if (!(0.0f <= px && px < src.fWidth && 0.0f <= py && py < src.fHeight)) {
+                if constexpr (kCountOutside) count = AddOnes(count, m - k);
+                return;
+            }
+            sums += src.bilinear.template Read<true>(px, py);
+        } else {
+            const int32_t ix = PLTruncI32(px);
+            const int32_t iy = PLTruncI32(py);
+            if (!(0 <= ix && ix < src.width && 0 <= iy && iy < src.height)) {
+                if constexpr (kCountOutside) count = AddOnes(count, m - k);
+                return;
+            }
+            const uint8_t* at =
+                src.row0 + PLMul32(iy, src.rowStep) + PLMul32(ix, SourceView<T, C>::kPixelBytes);
+            sums += LoadLanes<T, C>(at);
+        }
+        count += 1.0f;
+        px += stepX;
+        py += stepY;
+    }
+}
+
+template <typename T, int C, bool kBilinear, bool kCountOutside>
+void BlurRows(const BlurCall& call) {
+    const PLImage& source = *call.source;
+    const PLImage& flow = *call.flow;
+    const float sx = static_cast<float>(source.lastColumn) / static_cast<float>(flow.lastColumn);
+    const float sy = static_cast<float>(source.lastRow) / static_cast<float>(flow.lastRow);
+    const float kx = sx * call.amount * 0.5f;
+    const float ky = sy * call.amount * 0.5f;
+    const float invX = 1.0f / sx;
+    const float invY = 1.0f / sy;
+    QVIdleAndProgressClass rowProgress(call.progress);
+
+    constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
+    const SourceView<T, C> src(source);
+    const BilinearReader<float, 2> flowReader(flow);
+    const int32_t span = call.last - call.first;
+
+    // Float counters drive the arithmetic; the integer ones address memory and
+    // bound the loops, so a counter that stops growing can't hang.
+    float y = static_cast<float>(call.first);
+    for (int32_t row = call.first; row <= call.last; ++row, y += 1.0f) {
+        if (span > 0)
+            rowProgress.ProgressIdle((y - static_cast<float>(call.first)) / static_cast<float>(span));
+        uint8_t* out = call.output->Row(row) + PLMul32(call.x0, call.output->pixelStride);
+        const uint8_t* sourceRow = source.Row(row);
+        const float fy = y * invY;
+        float x = static_cast<float>(call.x0);
+        for (int32_t column = call.x0; column <= call.x1; ++column, x += 1.0f, out += kPixelBytes) {
+            const Lanes vector = flowReader.template Read<false>(invX * x, fy);
+            const float du = kx * vector[0];
+            const float dv = ky * vector[1];
+            const float d2 = du * du + dv * dv;
+            bool still;
+            if constexpr (kBilinear) {
+                still = static_cast<double>(d2) < 1e-06;
+            } else {
+                still = d2 < 1.0f;
+            }
+            if (still) {
+                std::memcpy(out, sourceRow + PLMul32(column, kPixelBytes), kPixelBytes);
+                continue;
+            }
+            const float len = std::sqrt(d2);
+            int32_t n = PLTruncI32(len + 1.0f);
+            float stepX, stepY;
+            if (n < 2) {
+                n = 2;
+                stepX = du;
+                stepY = dv;
+            } else {
+                stepX = du / static_cast<float>(n - 1);
+                stepY = dv / static_cast<float>(n - 1);
+            }
+            Lanes sums = {};
+            float count = 0.0f;
+            if constexpr (kBilinear) {
+                Walk<T, C, true, kCountOutside>(src, x, y, stepX, stepY, n, sums, count);
+                Walk<T, C, true, kCountOutside>(src, x - stepX, y - stepY, -stepX, -stepY, n - 1, sums,
+                                                count);
+            } else {
+                Walk<T, C, false, kCountOutside>(src, x + 0.5f, y + 0.5f, stepX, stepY, n, sums, count);
+                Walk<T, C, false, kCountOutside>(src, x + -stepX + 0.5f, y + -stepY + 0.5f, -stepX, -stepY,
+                                                 n - 1, sums, count);
+            }
+            const float inv = 1.0f / count;
+            for (int c = 0; c < C; ++c)
+                StoreAverage<T>(out + c * static_cast<int32_t>(sizeof(T)), sums[c], inv);
+        }
+    }
+}
+
+// One member of the family: its four bodies, chosen by edge rule then mode.
+template <typename T, int C>
+void BlurMember(const BlurCall& call, bool countOutside, bool bilinear) {
+    if (countOutside) {
+        if (bilinear) {
+            BlurRows<T, C, true, true>(call);
+        } else {
+            BlurRows<T, C, false, true>(call);
+        }
+    } else {
+        if (bilinear) {
+            BlurRows<T, C, true, false>(call);
+        } else {
+            BlurRows<T, C, false, false>(call);
+        }
+    }
+}
+
+}  // namespace
+
+void PLMotionBlurRows(int32_t, bool isFirstWorker, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    PLImage* output = args->next<PLImage*>();
+    const PLImage* source = args->next<const PLImage*>();
+    const PLImage* flow = args->next<const PLImage*>();
+    const float* amount = args->next<const float*>();
+    const int32_t* mode = args->next<const int32_t*>();
+    QVIdleAndProgressClass* parent = args->next<QVIdleAndProgressClass*>();
+    int32_t* status = args->next<int32_t*>();
+    int32_t* interrupted = args->next<int32_t*>();
+    const uint8_t* countOutside = args->next<const uint8_t*>();
+    const int32_t* x0 = args->next<const int32_t*>();
+    const int32_t* x1 = args->next<const int32_t*>();
+    const int32_t* y0 = args->next<const int32_t*>();
+
+    QVIldeAndProgressMPInterruptible progress(parent, isFirstWorker, interrupted);
+    const BlurCall call{output, source, flow, *amount, *x0, *x1, firstRow + *y0, lastRow + *y0, &progress};
+    const bool count = *countOutside != 0;
+    const bool bilinear = *mode == 1;
+    // A pool thread has no handler above this one.
+    try {
+        PLVisitFormat(source->numChannels, source->pixelType, [&](auto format) {
+            using Format = decltype(format);
+            BlurMember<typename Format::Element, Format::kChannels>(call, count, bilinear);
+        });
+    } catch (PLErr e) {
+        __atomic_store_n(status, static_cast<int32_t>(e), __ATOMIC_RELAXED);
+    }
+}
+
+void PLMotionBlurRegion(PLImage* output, const PLImage* source, const PLImage* flow, float amount,
+                        int32_t mode, QVIdleAndProgressClass* progress, bool countOutside, int32_t x0,
+                        int32_t x1, int32_t y0, int32_t y1) {
+    if (!output || !source || !flow) throw PLErrFailed;
+    if (source->pixelType < PLPixelUChar || source->pixelType > PLPixelFloat) throw PLErrFailed;
+    if (output->numChannels != source->numChannels || output->width != source->width ||
+        output->height != source->height || output->pixelType != source->pixelType)
+        throw PLErrFailed;
+    if (flow->numChannels != 2 || flow->pixelType != PLPixelFloat) throw PLErrFailed;
+    // An empty flow has nothing to read, and a region outside the images would
+    // write outside them.
+    if (flow->width < 1 || flow->height < 1 || !flow->data) throw PLErrFailed;
+    if (x0 > x1 || y0 > y1) return;
+    if (x0 < 0 || x1 > source->lastColumn || y0 < 0 || y1 > source->lastRow) throw PLErrFailed;
+
+    int32_t status = 0;
+    int32_t interrupted = 0;
+    QVIdleAndProgressClass child(progress);
+    const uint8_t countOutsideFlag = countOutside ? 1 : 0;
+    const int32_t rowCount = y1 - y0 + 1;
+    kqmp_dispatch(kqmp_threadsfor(rowCount), rowCount, PLMotionBlurRows, output, source, flow, &amount, &mode,
+                  static_cast<QVIdleAndProgressClass*>(&child), &status, &interrupted, &countOutsideFlag, &x0,
+                  &x1, &y0);
+    const int32_t code = __atomic_load_n(&status, __ATOMIC_RELAXED);
+    if (code != 0) throw static_cast<PLErr>(code);
+}
+
+void PLMotionBlur(PLImage* output, const PLImage* source, const PLImage* flow, int32_t mode, int32_t,
+                  QVIdleAndProgressClass* progress, bool countOutside, float amount) {
+    if (!source) throw PLErrFailed;
+    PLMotionBlurRegion(output, source, flow, amount, mode, progress, countOutside, 0, source->lastColumn, 0,
+                       source->lastRow);
+}
