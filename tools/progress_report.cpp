@@ -20,6 +20,10 @@ void ProgressReport::frameStarted(int frame) {
     frame_ = frame;
     frameStart_ = Clock::now();
     ticks_ = 0;
+    if (style_ == Style::Lines) {
+        std::fprintf(to_, "trelvo-render: frame %d (%d/%d) rendering\n", frame, framesDone_ + 1, frameCount_);
+        std::fflush(to_);
+    }
     draw(true);
 }
 

@@ -1,0 +1,234 @@
+// trelvo-render end to end, as a compositor or a render farm runs it: small
+// generated sequences, the process's exit status and its messages, and what
+// lands in the output folder.
+#include <OpenImageIO/imageio.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct Outcome {
+    int status = -1;  // exit status, or 128 + signal
+    std::string err;
+};
+
+// Starts trelvo-render with stderr on a pipe; `whileRunning` gets the pid
+// and the stderr read so far each time more arrives.
+Outcome RunRender(std::vector<std::string> args,
+                  const std::function<void(pid_t, const std::string&)>& whileRunning = nullptr) {
+    args.insert(args.begin(), TRELVO_RENDER_BINARY);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int pipeFds[2];
+    EXPECT_EQ(pipe(pipeFds), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+    pid_t pid = 0;
+    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(pipeFds[1]);
+    Outcome run;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof buffer)) > 0) {
+        run.err.append(buffer, static_cast<size_t>(n));
+        if (whileRunning) whileRunning(pid, run.err);
+    }
+    close(pipeFds[0]);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+    return run;
+}
+
+class RenderCli : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char folder[] = "/tmp/trelvo-render-cli-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        dir_ = folder;
+        ASSERT_EQ(mkdir((dir_ + "/out").c_str(), 0777), 0);
+    }
+    void TearDown() override {
+        for (const char* sub : {"/out", ""}) {
+            for (const std::string& name : Listing(dir_ + sub))
+                std::remove((dir_ + sub + "/" + name).c_str());
+        }
+        rmdir((dir_ + "/out").c_str());
+        rmdir(dir_.c_str());
+    }
+    static std::vector<std::string> Listing(const std::string& folder) {
+        std::vector<std::string> names;
+        DIR* d = opendir(folder.c_str());
+        while (dirent* e = d ? readdir(d) : nullptr)
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
+                std::string(e->d_name) != "out")
+                names.push_back(e->d_name);
+        if (d) closedir(d);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    // An 8-bit RGB PNG source and 16-bit RGBA TIFF vectors (all moving right
+    // by dx) for each frame.
+    void WriteShot(const std::vector<int>& frames, int w, int h, float dx = 8.0f, float maxDisplace = 32.0f) {
+        for (int f : frames) {
+            std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+            for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>((i * 7 + f * 13) % 251);
+            Write(Name("src", f, "png"), w, h, 3, OIIO::TypeDesc::UINT8, rgb.data());
+            std::vector<uint16_t> vec(static_cast<size_t>(w) * h * 4);
+            const double code = (dx / maxDisplace + 1.0) * 32767.0;
+            for (size_t i = 0; i < vec.size(); i += 4) {
+                vec[i] = static_cast<uint16_t>(code);
+                vec[i + 1] = 32767;
+                vec[i + 2] = 0;
+                vec[i + 3] = 65535;
+            }
+            Write(Name("vec", f, "tif"), w, h, 4, OIIO::TypeDesc::UINT16, vec.data());
+        }
+    }
+    void Write(const std::string& path, int w, int h, int channels, OIIO::TypeDesc type, const void* px) {
+        auto out = OIIO::ImageOutput::create(path);
+        ASSERT_TRUE(out && out->open(path, OIIO::ImageSpec(w, h, channels, type)) &&
+                    out->write_image(type, px) && out->close())
+            << path;
+    }
+    std::string Name(const char* stem, int frame, const char* ext) const {
+        char name[64];
+        std::snprintf(name, sizeof name, "/%s.%04d.%s", stem, frame, ext);
+        return dir_ + name;
+    }
+    std::vector<std::string> Common() const {
+        return {"--source", dir_ + "/src.####.png",    "--vectors", dir_ + "/vec.%04d.tif",
+                "--output", dir_ + "/out/res.####.png"};
+    }
+    std::vector<std::string> With(std::vector<std::string> extra) const {
+        std::vector<std::string> args = Common();
+        args.insert(args.end(), extra.begin(), extra.end());
+        return args;
+    }
+    std::string dir_;
+};
+
+TEST_F(RenderCli, AFrameRangeRendersEveryFrameOfIt) {
+    WriteShot({1, 2, 3, 4, 5}, 48, 20);
+    Outcome run = RunRender(With({"--frames", "2-4", "--amount", "1"}));
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Listing(dir_ + "/out"),
+              (std::vector<std::string>{"res.0002.png", "res.0003.png", "res.0004.png"}));
+    auto in = OIIO::ImageInput::open(dir_ + "/out/res.0003.png");
+    ASSERT_TRUE(in);
+    EXPECT_EQ(in->spec().format, OIIO::TypeDesc::UINT8) << "the Output's depth follows the 8-bit source";
+    EXPECT_EQ(in->spec().nchannels, 4);
+    EXPECT_NE(run.err.find("frame 4 (3/3) -> " + dir_ + "/out/res.0004.png"), std::string::npos) << run.err;
+
+    // Without a range: every source frame on disk; a step; a list.
+    run = RunRender(With({"--frames", "1-5x2", "--depth", "16"}));
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Listing(dir_ + "/out").size(), 5u);
+    in = OIIO::ImageInput::open(dir_ + "/out/res.0005.png");
+    ASSERT_TRUE(in);
+    EXPECT_EQ(in->spec().format, OIIO::TypeDesc::UINT16);
+}
+
+TEST_F(RenderCli, AMissingVectorFrameStopsTheJobBeforeAnyFrame) {
+    WriteShot({1, 2, 3, 4}, 16, 8);
+    std::remove(Name("vec", 3, "tif").c_str());
+    Outcome run = RunRender(Common());
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("vector frame 3 is missing: " + Name("vec", 3, "tif")), std::string::npos)
+        << run.err;
+    EXPECT_TRUE(Listing(dir_ + "/out").empty()) << "nothing renders";
+
+    run = RunRender(With({"--frames", "4-6"}));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("source frame 5 is missing: " + Name("src", 5, "png")), std::string::npos)
+        << run.err;
+}
+
+TEST_F(RenderCli, BadOptionsAndParametersAreNamed) {
+    WriteShot({1}, 16, 8);
+    struct Case {
+        std::vector<std::string> extra;
+        std::string message;
+    } cases[] = {
+        {{"--bogus"}, "unknown option '--bogus'"},
+        {{"--amount", "lots"}, "option '--amount': 'lots' is not a number"},
+        {{"--frames", "1-x"}, "--frames '1-x'"},
+        {{"--depth", "12"}, "option '--depth': '12' is not 8, 16, half or float"},
+        {{"--proxy", "2"}, "option '--proxy': '2' is not a scale in (0, 1]"},
+        {{"--param", "valBlur=1"}, "unknown parameter 'valBlur'"},
+        {{"--param", "valMBAmount"}, "'valMBAmount' is not NAME=NUMBER"},
+        {{"--amount", "10.5"}, "--amount 10.5: valMBAmount (Blur Amount) must be from -2 to 10"},
+        {{"--param", "valMaxDisplace=-1"}, "valMaxDisplace (Max Displacement) must be from 0 to 10000"},
+        {{"--scale-y", "-2.01"}, "valVecScaleY (Vector Scale Y) must be from -2 to 10"},
+    };
+    for (const Case& c : cases) {
+        Outcome run = RunRender(With(c.extra));
+        EXPECT_EQ(run.status, 2) << c.message;
+        EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
+    }
+    EXPECT_TRUE(Listing(dir_ + "/out").empty());
+}
+
+TEST_F(RenderCli, TheOutputFolderMustExistAndBeWritable) {
+    WriteShot({1}, 16, 8);
+    Outcome run = RunRender({"--source", Name("src", 1, "png"), "--vectors", Name("vec", 1, "tif"),
+                             "--output", dir_ + "/nowhere/res.png"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("the folder '" + dir_ + "/nowhere' does not exist"), std::string::npos) << run.err;
+
+    if (geteuid() != 0) {  // root writes anywhere
+        chmod((dir_ + "/out").c_str(), 0555);
+        run = RunRender({"--source", Name("src", 1, "png"), "--vectors", Name("vec", 1, "tif"), "--output",
+                         dir_ + "/out/res.png"});
+        chmod((dir_ + "/out").c_str(), 0755);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_NE(run.err.find("is not writable"), std::string::npos) << run.err;
+    }
+    // Many frames need a pattern in the output name.
+    WriteShot({2}, 16, 8);
+    run = RunRender({"--source", dir_ + "/src.####.png", "--vectors", dir_ + "/vec.####.tif", "--output",
+                     dir_ + "/out/res.png"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(run.err.find("needs a frame pattern"), std::string::npos) << run.err;
+}
+
+// Ctrl-C inside a slow frame: the plug-in is told to abort through the
+// host, the orange frame is not written, nothing partial stays behind.
+TEST_F(RenderCli, SigintInsideAFrameLeavesNoPartialFile) {
+    WriteShot({1, 2}, 900, 300, 1000.0f, 1000.0f);
+    bool sent = false;
+    Outcome run = RunRender(With({"--max-displace", "1000", "--amount", "10", "--threads", "1"}),
+                            [&](pid_t pid, const std::string& err) {
+                                if (!sent && err.find("frame 1 (1/2) rendering") != std::string::npos) {
+                                    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                                    kill(pid, SIGINT);
+                                    sent = true;
+                                }
+                            });
+    ASSERT_TRUE(sent) << run.err;
+    EXPECT_EQ(run.status, 130) << run.err;
+    EXPECT_NE(run.err.find("interrupted"), std::string::npos) << run.err;
+    EXPECT_EQ(run.err.find("-> "), std::string::npos) << "no frame finished: " << run.err;
+    EXPECT_TRUE(Listing(dir_ + "/out").empty());
+}
+
+}  // namespace
