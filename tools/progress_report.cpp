@@ -20,6 +20,7 @@ void ProgressReport::frameStarted(int frame) {
     frame_ = frame;
     frameStart_ = Clock::now();
     ticks_ = 0;
+    inFrame_ = true;
     if (style_ == Style::Lines) {
         std::fprintf(to_, "trelvo-render: frame %d (%d/%d) rendering\n", frame, framesDone_ + 1, frameCount_);
         std::fflush(to_);
@@ -29,6 +30,7 @@ void ProgressReport::frameStarted(int frame) {
 
 void ProgressReport::ticks(long count) {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (!inFrame_) return;
     ticks_ = count;
     draw(false);
 }
@@ -37,6 +39,8 @@ void ProgressReport::frameDone(const std::string& output) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++framesDone_;
     ticksPerFrame_ = ticks_;
+    ticks_ = 0;
+    inFrame_ = false;
     const double seconds = std::chrono::duration<double>(Clock::now() - frameStart_).count();
     if (style_ == Style::Lines) {
         std::fprintf(to_, "trelvo-render: frame %d (%d/%d) -> %s in %.2f s\n", frame_, framesDone_,
@@ -85,9 +89,13 @@ void ProgressReport::draw(bool force) {
     const int filled = static_cast<int>(done * kWidth);
     std::string bar(static_cast<size_t>(filled), '#');
     bar.resize(kWidth, '.');
-    const int current = std::min(framesDone_ + 1, frameCount_);
-    std::fprintf(to_, "\r\033[K[%s] frame %d of %d (%d) %3d%%  elapsed %s  left %s", bar.c_str(), current,
-                 frameCount_, frame_, static_cast<int>(done * 100.0), clock(elapsed).c_str(), left.c_str());
+    char where[96];
+    if (inFrame_)
+        std::snprintf(where, sizeof where, "frame %d of %d (%d)", framesDone_ + 1, frameCount_, frame_);
+    else
+        std::snprintf(where, sizeof where, "%d of %d frames done", framesDone_, frameCount_);
+    std::fprintf(to_, "\r\033[K[%s] %s %3d%%  elapsed %s  left %s", bar.c_str(), where,
+                 static_cast<int>(done * 100.0), clock(elapsed).c_str(), left.c_str());
     std::fflush(to_);
     lineOpen_ = true;
 }

@@ -37,6 +37,7 @@ class ProgressReport {
     Clock::time_point start_, frameStart_, lastDraw_;
     long ticks_ = 0;
     long ticksPerFrame_ = 0;  // of the last finished frame: the scale for the next
+    bool inFrame_ = false;
     bool lineOpen_ = false;
     std::mutex mutex_;
 };
