@@ -31,28 +31,28 @@ PixelDepth depthOf(OIIO::TypeDesc format) {
     return PixelDepth::Float;
 }
 
-std::string channelList(const OIIO::ImageSpec& spec) {
+std::string channelList(const OIIO::ImageSpec& header) {
     std::string list;
-    for (int c = 0; c < spec.nchannels; ++c) {
+    for (int c = 0; c < header.nchannels; ++c) {
         if (c) list += ", ";
-        list += c < static_cast<int>(spec.channelnames.size()) ? spec.channelnames[c] : "?";
+        list += c < static_cast<int>(header.channelnames.size()) ? header.channelnames[c] : "?";
     }
     return list;
 }
 
 // Where each of R, G, B, A comes from in the file (-1: alpha filled with 1),
 // or false for a layout this tool doesn't take.
-bool channelOrder(const OIIO::ImageSpec& spec, int order[4], bool& hasAlpha) {
+bool channelOrder(const OIIO::ImageSpec& header, int order[4], bool& hasAlpha) {
     static const int rgba[4] = {0, 1, 2, 3}, rgb[4] = {0, 1, 2, -1}, y[4] = {0, 0, 0, -1},
                      ya[4] = {0, 0, 0, 1};
     const int* chosen = nullptr;
-    if (spec.nchannels == 4 && (spec.alpha_channel == 3 || spec.alpha_channel < 0))
+    if (header.nchannels == 4 && (header.alpha_channel == 3 || header.alpha_channel < 0))
         chosen = rgba;
-    else if (spec.nchannels == 3 && spec.alpha_channel < 0)
+    else if (header.nchannels == 3 && header.alpha_channel < 0)
         chosen = rgb;
-    else if (spec.nchannels == 1 && spec.alpha_channel < 0)
+    else if (header.nchannels == 1 && header.alpha_channel < 0)
         chosen = y;
-    else if (spec.nchannels == 2 && spec.alpha_channel == 1)
+    else if (header.nchannels == 2 && header.alpha_channel == 1)
         chosen = ya;
     if (!chosen) return false;
     std::memcpy(order, chosen, sizeof rgba);
@@ -103,30 +103,30 @@ bool readHostPixels(const std::string& path, const ReadSettings& settings, HostP
         error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
         return false;
     }
-    const OIIO::ImageSpec spec = in->spec();
-    if (spec.deep || spec.depth > 1) {
+    const OIIO::ImageSpec header = in->spec();
+    if (header.deep || header.depth > 1) {
         error = path + ": deep and volume images are not supported";
         return false;
     }
     int order[4];
     bool hasAlpha = false;
-    if (!channelOrder(spec, order, hasAlpha)) {
-        error = path + ": channels " + channelList(spec) + " are not RGB, RGBA, Y or YA";
+    if (!channelOrder(header, order, hasAlpha)) {
+        error = path + ": channels " + channelList(header) + " are not RGB, RGBA, Y or YA";
         return false;
     }
-    const PixelDepth depth = depthOf(spec.format);
+    const PixelDepth depth = depthOf(header.format);
     const OIIO::TypeDesc type = typeOf(depth);
-    OIIO::ImageBuf file(OIIO::ImageSpec(spec.width, spec.height, spec.nchannels, type));
-    if (!in->read_image(0, 0, 0, spec.nchannels, type, file.localpixels())) {
+    OIIO::ImageBuf file(OIIO::ImageSpec(header.width, header.height, header.nchannels, type));
+    if (!in->read_image(0, 0, 0, header.nchannels, type, file.localpixels())) {
         error = path + ": " + in->geterror();
         return false;
     }
     in->close();
 
     if (settings.scale != 1.0) {
-        const int w = std::max(1, static_cast<int>(std::lround(spec.width * settings.scale)));
-        const int h = std::max(1, static_cast<int>(std::lround(spec.height * settings.scale)));
-        const OIIO::ROI roi(0, w, 0, h, 0, 1, 0, spec.nchannels);
+        const int w = std::max(1, static_cast<int>(std::lround(header.width * settings.scale)));
+        const int h = std::max(1, static_cast<int>(std::lround(header.height * settings.scale)));
+        const OIIO::ROI roi(0, w, 0, h, 0, 1, 0, header.nchannels);
         OIIO::ImageBuf scaled = settings.nearest ? OIIO::ImageBufAlgo::resample(file, false, roi)
                                                  : OIIO::ImageBufAlgo::resize(file, "", 0.0f, roi);
         if (scaled.has_error()) {
@@ -142,13 +142,13 @@ bool readHostPixels(const std::string& path, const ReadSettings& settings, HostP
         return false;
     }
 
-    image.width = rgba.spec().width;
-    image.height = rgba.spec().height;
+    image.width = rgba.roi().width();
+    image.height = rgba.roi().height();
     image.depth = depth;
-    image.alpha = !hasAlpha                                          ? AlphaState::Opaque
-                  : spec.get_int_attribute("oiio:UnassociatedAlpha") ? AlphaState::Unpremultiplied
-                                                                     : AlphaState::Premultiplied;
-    image.fileSpec = spec;
+    image.alpha = !hasAlpha                                            ? AlphaState::Opaque
+                  : header.get_int_attribute("oiio:UnassociatedAlpha") ? AlphaState::Unpremultiplied
+                                                                       : AlphaState::Premultiplied;
+    image.fileHeader = header;
     image.data.assign(image.rowBytes() * static_cast<size_t>(image.height), 0);
     // The top row of the file lands in the last row of memory.
     const auto rowBytes = static_cast<OIIO::stride_t>(image.rowBytes());
@@ -180,31 +180,31 @@ bool writeHostPixels(const std::string& path, const HostPixels& image, const Wri
         format = OIIO::TypeDesc::HALF;
     else if (settings.depth == "float")
         format = OIIO::TypeDesc::FLOAT;
-    else if (image.depth == PixelDepth::Float && image.fileSpec.format == OIIO::TypeDesc::HALF)
+    else if (image.depth == PixelDepth::Float && image.fileHeader.format == OIIO::TypeDesc::HALF)
         format = OIIO::TypeDesc::HALF;
 
     // A format without alpha (JPEG) gets the colour channels alone.
     const int channels = out->supports("alpha") ? 4 : 3;
-    OIIO::ImageSpec spec(image.width, image.height, channels, format);
-    spec.extra_attribs = image.fileSpec.extra_attribs;
-    if (image.width == image.fileSpec.width && image.height == image.fileSpec.height) {
-        spec.x = image.fileSpec.x;
-        spec.y = image.fileSpec.y;
-        spec.full_x = image.fileSpec.full_x;
-        spec.full_y = image.fileSpec.full_y;
-        spec.full_width = image.fileSpec.full_width;
-        spec.full_height = image.fileSpec.full_height;
+    OIIO::ImageSpec header(image.width, image.height, channels, format);
+    header.extra_attribs = image.fileHeader.extra_attribs;
+    if (image.width == image.fileHeader.width && image.height == image.fileHeader.height) {
+        header.x = image.fileHeader.x;
+        header.y = image.fileHeader.y;
+        header.full_x = image.fileHeader.full_x;
+        header.full_y = image.fileHeader.full_y;
+        header.full_width = image.fileHeader.full_width;
+        header.full_height = image.fileHeader.full_height;
     }
-    if (format != image.fileSpec.format) spec.erase_attribute("oiio:BitsPerSample");
-    spec.erase_attribute("oiio:UnassociatedAlpha");
+    if (format != image.fileHeader.format) header.erase_attribute("oiio:BitsPerSample");
+    header.erase_attribute("oiio:UnassociatedAlpha");
     if (image.alpha == AlphaState::Unpremultiplied && channels == 4)
-        spec.attribute("oiio:UnassociatedAlpha", 1);
-    if (!settings.compression.empty()) spec.attribute("compression", settings.compression);
+        header.attribute("oiio:UnassociatedAlpha", 1);
+    if (!settings.compression.empty()) header.attribute("compression", settings.compression);
 
     const std::string partial = partialPath(path);
     const auto rowBytes = static_cast<OIIO::stride_t>(image.rowBytes());
     const OIIO::stride_t pixelBytes = static_cast<OIIO::stride_t>(4 * image.bytesPerComponent());
-    bool written = out->open(partial, spec) &&
+    bool written = out->open(partial, header) &&
                    out->write_image(typeOf(image.depth), image.data.data() + (image.height - 1) * rowBytes,
                                     pixelBytes, -rowBytes) &&
                    out->close();

@@ -20,7 +20,7 @@ struct HostPixels {
     PixelDepth depth = PixelDepth::Float;
     AlphaState alpha = AlphaState::Opaque;
     std::vector<unsigned char> data;  // bottom row first, rows packed
-    OIIO::ImageSpec fileSpec;         // what the file said, for its metadata
+    OIIO::ImageSpec fileHeader;       // what the file said, for its metadata
 
     size_t bytesPerComponent() const;
     size_t rowBytes() const { return static_cast<size_t>(width) * 4 * bytesPerComponent(); }
@@ -50,7 +50,7 @@ struct WriteSettings {
 
 // Writes under a temporary name in the same folder and renames it into place
 // once the file is complete, so a reader never sees half a frame and an
-// interrupted render leaves nothing behind. The metadata of `image.fileSpec`
+// interrupted render leaves nothing behind. The metadata of `image.fileHeader`
 // carries over where the format can hold it.
 bool writeHostPixels(const std::string& path, const HostPixels& image, const WriteSettings& settings,
                      std::string& error);

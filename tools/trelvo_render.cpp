@@ -531,7 +531,7 @@ int renderFrames(const Options& o, const Job& job, RenderSession& session, Progr
             progress.message("trelvo-render: warning: frame " + std::to_string(frame) + " came back " +
                              meaning);
         }
-        output.fileSpec = source.fileSpec;
+        output.fileHeader = source.fileHeader;
         output.alpha = source.alpha;
         const std::string path = job.output.frame(frame);
         if (!writeHostPixels(path, output, writeSettings, error)) {

@@ -44,13 +44,13 @@ class ImageFileTest : public ::testing::Test {
                     px[(static_cast<size_t>(y) * w + x) * channels + c] = code(x, y, c);
         const std::string path = dir_ + "/" + name;
         auto out = OIIO::ImageOutput::create(path);
-        OIIO::ImageSpec spec(w, h, channels, type);
-        if (channels == 2) spec.channelnames = {"Y", "A"}, spec.alpha_channel = 1;
+        OIIO::ImageSpec header(w, h, channels, type);
+        if (channels == 2) header.channelnames = {"Y", "A"}, header.alpha_channel = 1;
         // PNG stores straight alpha: the codes go in as they are, not divided by alpha.
         if (name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0)
-            spec.attribute("oiio:UnassociatedAlpha", 1);
-        spec.attribute("Artist", "trelvo test");
-        EXPECT_TRUE(out && out->open(path, spec) && out->write_image(type, px.data()) && out->close());
+            header.attribute("oiio:UnassociatedAlpha", 1);
+        header.attribute("Artist", "trelvo test");
+        EXPECT_TRUE(out && out->open(path, header) && out->write_image(type, px.data()) && out->close());
         return path;
     }
     std::string dir_;
@@ -161,12 +161,12 @@ TEST_F(ImageFileTest, WriteRoundTripsDepthAndMetadataAndLeavesNoPartialFile) {
     HostPixels back;
     ASSERT_TRUE(readHostPixels(dir_ + "/out.exr", {}, back, error));
     EXPECT_EQ(back.data, im.data);
-    EXPECT_EQ(back.fileSpec.get_string_attribute("compression"), "piz");
-    EXPECT_EQ(back.fileSpec.get_string_attribute("Artist"), "trelvo test");
+    EXPECT_EQ(back.fileHeader.get_string_attribute("compression"), "piz");
+    EXPECT_EQ(back.fileHeader.get_string_attribute("Artist"), "trelvo test");
 
     ASSERT_TRUE(writeHostPixels(dir_ + "/half.exr", im, {"half", ""}, error)) << error;
     ASSERT_TRUE(readHostPixels(dir_ + "/half.exr", {}, back, error));
-    EXPECT_EQ(back.fileSpec.format, OIIO::TypeDesc::HALF);
+    EXPECT_EQ(back.fileHeader.format, OIIO::TypeDesc::HALF);
     EXPECT_EQ(Sample<float>(back, 2, 0, 1), CodeF(2, 1, 1));  // exact in half
     ASSERT_TRUE(writeHostPixels(dir_ + "/16.tif", im, {"16", ""}, error)) << error;
     ASSERT_TRUE(readHostPixels(dir_ + "/16.tif", {}, back, error));
