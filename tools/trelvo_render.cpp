@@ -4,6 +4,7 @@
 // can before the first frame, writes every frame under a temporary name
 // first, and stops cleanly on Ctrl-C. --list and --describe show what any
 // OFX bundle declares.
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,7 +58,8 @@ const char* const kUsage =
     "                       unless the file says otherwise)\n"
     "  --depth D            output depth: 8, 16, half or float (default: the effect's choice)\n"
     "  --compression NAME   output compression where the format has one (zip, piz, dwaa, lzw, ...)\n"
-    "  --threads N          processors the host reports to the plug-in (default: all)\n"
+    "  --threads N          processors the host reports to the plug-in, and the cores the\n"
+    "                       render keeps to (default: all)\n"
     "  --quiet              no progress, only warnings and errors\n"
     "\n"
     "Inspect:\n"
@@ -552,6 +554,23 @@ int renderFrames(const Options& o, const Job& job, RenderSession& session, Progr
     return 0;
 }
 
+// --threads: the host reports N processors, and the process keeps to N of
+// the cores it may use, so that a plug-in which sizes its pool from the
+// machine (ours does, on hosts it doesn't single out) still uses N at a time.
+// Threads started later inherit the mask.
+void limitCores(long threads) {
+    cpu_set_t allowed, chosen;
+    if (threads <= 0 || sched_getaffinity(0, sizeof allowed, &allowed) != 0) return;
+    CPU_ZERO(&chosen);
+    long taken = 0;
+    for (int cpu = 0; cpu < CPU_SETSIZE && taken < threads; ++cpu)
+        if (CPU_ISSET(cpu, &allowed)) {
+            CPU_SET(cpu, &chosen);
+            ++taken;
+        }
+    sched_setaffinity(0, sizeof chosen, &chosen);
+}
+
 int renderJob(const Options& o) {
     Job job;
     std::string error;
@@ -559,6 +578,7 @@ int renderJob(const Options& o) {
         std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
         return 2;
     }
+    limitCores(o.threads);
     RenderSession session(static_cast<unsigned>(o.threads));
     if (!session.open(o.plugin.empty() ? defaultPlugin() : o.plugin, error)) {
         std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
