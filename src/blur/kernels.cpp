@@ -30,16 +30,21 @@ template <typename T, int C>
 inline Lanes LoadLanes(const uint8_t* at) {
 #if defined(__SSE2__)
     if constexpr (std::is_same_v<T, float>) {
-        const float* f = reinterpret_cast<const float*>(at);
+        // Host rows promise no alignment: scalar pieces go through memcpy.
         if constexpr (C == 4) {
-            return _mm_loadu_ps(f);
-        } else if constexpr (C == 3) {
-            return _mm_movelh_ps(_mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(f))),
-                                 _mm_load_ss(f + 2));
-        } else if constexpr (C == 2) {
-            return _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(f)));
+            return _mm_loadu_ps(reinterpret_cast<const float*>(at));
+        } else if constexpr (C == 1) {
+            float one;
+            std::memcpy(&one, at, sizeof one);
+            return _mm_set_ss(one);
         } else {
-            return _mm_load_ss(f);
+            double two;
+            std::memcpy(&two, at, sizeof two);
+            const __m128 low = _mm_castpd_ps(_mm_set_sd(two));
+            if constexpr (C == 2) return low;
+            float third;
+            std::memcpy(&third, at + 2 * sizeof(float), sizeof third);
+            return _mm_movelh_ps(low, _mm_set_ss(third));
         }
     } else if constexpr (std::is_same_v<T, uint8_t>) {
         uint32_t bytes = 0;
