@@ -57,18 +57,12 @@ void ComposeFixed(char (&text)[kTextBytes], const char* prefix, const char* fixe
     Append(text, used, fixed);
 }
 
-void Compose(char (&text)[kTextBytes], const char* prefix, const char* format, va_list args) {
-    char formatted[kTextBytes];
-    std::vsnprintf(formatted, sizeof formatted, format ? format : "", args);
-    ComposeFixed(text, prefix, formatted);
-}
-
 // The composed text goes to the host as its format argument with no further
 // arguments. Percent signs are doubled so that the host's formatter prints
 // them instead of reading directives; any other text reaches it unchanged.
 OfxStatus Send(void* handle, const char* type, const char* text) {
     if (!gMessageSuite || !gMessageSuite->message) return kOfxStatErrMissingHostFeature;
-    char escaped[2 * kTextBytes];
+    char escaped[2 * kTextBytes + 2];
     size_t o = 0;
     for (const char* c = text; *c && o + 2 < sizeof escaped; ++c) {
         if (*c == '%') escaped[o++] = '%';
@@ -78,85 +72,100 @@ OfxStatus Send(void* handle, const char* type, const char* text) {
     return gMessageSuite->message(handle, type, "", escaped);
 }
 
+// Where each kind of message goes, by host.
+struct Route {
+    void* handle;
+    const char* type;
+    bool lineFeed;
+};
+
+enum class Kind { Error, Fatal, Message, Log, Warning, ImportantWarning };
+
+Route RouteFor(Kind kind, OfxImageEffectHandle effect, const ofxHost* host) {
+    switch (kind) {
+        case Kind::Error:
+            if (hostIsNuke(host)) return {nullptr, kOfxMessageLog, false};
+            if (hostIsToxik(host)) return {effect, kOfxMessageMessage, false};
+            return {effect, kOfxMessageError, false};
+        case Kind::Fatal:
+            return {effect, kOfxMessageError, false};
+        case Kind::Message:
+        case Kind::Warning:
+            if (hostIsNuke(host)) return {nullptr, kOfxMessageLog, false};
+            return {effect, kOfxMessageMessage, false};
+        case Kind::Log:
+            if (hostIsNuke(host)) return {nullptr, kOfxMessageLog, true};
+            return {effect, kOfxMessageLog, false};
+        case Kind::ImportantWarning:
+            if (hostIsToxik(host)) return {nullptr, kOfxMessageError, false};
+            return {nullptr, kOfxMessageMessage, false};
+    }
+    return {effect, kOfxMessageMessage, false};
+}
+
+// Composes "prefix: text" (the fixed text "Out of memory." for status 8 where
+// the kind says so) and sends it by the route of its kind.
+OfxStatus Deliver(Kind kind, OfxImageEffectHandle effect, const ofxHost* host, bool outOfMemory,
+                  const char* prefix, const char* format, va_list args) {
+    char formatted[kTextBytes];
+    if (outOfMemory)
+        std::snprintf(formatted, sizeof formatted, "%s", "Out of memory.");
+    else
+        std::vsnprintf(formatted, sizeof formatted, format ? format : "", args);
+    char text[kTextBytes];
+    ComposeFixed(text, prefix, formatted);
+    const Route route = RouteFor(kind, effect, host);
+    if (route.lineFeed) {
+        char line[kTextBytes + 1];
+        const size_t length = std::strlen(text);
+        std::memcpy(line, text, length);
+        line[length] = '\n';
+        line[length + 1] = '\0';
+        return Send(route.handle, route.type, line);
+    }
+    return Send(route.handle, route.type, text);
+}
+
 }  // namespace
 
 int qvofx_error(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format,
                 ...) {
     if (status == qvStatAborted || status == kOfxStatFailed) return kOfxStatOK;
-    char text[kTextBytes];
-    if (status == kOfxStatErrMemory) {
-        ComposeFixed(text, prefix, "Out of memory.");
-    } else {
-        va_list args;
-        va_start(args, format);
-        Compose(text, prefix, format, args);
-        va_end(args);
-    }
-    if (hostIsNuke(host)) return Send(nullptr, kOfxMessageLog, text);
-    if (hostIsToxik(host)) return Send(effect, kOfxMessageMessage, text);
-    return Send(effect, kOfxMessageError, text);
+    va_list args;
+    va_start(args, format);
+    const OfxStatus sent = Deliver(Kind::Error, effect, host, status == kOfxStatErrMemory, prefix, format, args);
+    va_end(args);
+    return sent;
 }
 
-void qvofx_fatal(OfxImageEffectHandle effect, ofxHost*, int status, const char* prefix, const char* format, ...) {
-    char text[kTextBytes];
-    if (status == kOfxStatErrMemory) {
-        ComposeFixed(text, prefix, "Out of memory.");
-    } else {
-        va_list args;
-        va_start(args, format);
-        Compose(text, prefix, format, args);
-        va_end(args);
-    }
-    Send(effect, kOfxMessageError, text);
+void qvofx_fatal(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format,
+                 ...) {
+    va_list args;
+    va_start(args, format);
+    Deliver(Kind::Fatal, effect, host, status == kOfxStatErrMemory, prefix, format, args);
+    va_end(args);
 }
 
 void qvofx_message(OfxImageEffectHandle effect, ofxHost* host, int, const char* prefix, const char* format, ...) {
-    char text[kTextBytes];
     va_list args;
     va_start(args, format);
-    Compose(text, prefix, format, args);
+    Deliver(Kind::Message, effect, host, false, prefix, format, args);
     va_end(args);
-    if (hostIsNuke(host))
-        Send(nullptr, kOfxMessageLog, text);
-    else
-        Send(effect, kOfxMessageMessage, text);
 }
 
 void qvofx_log(OfxImageEffectHandle effect, ofxHost* host, int, const char* prefix, const char* format, ...) {
-    char text[kTextBytes];
     va_list args;
     va_start(args, format);
-    Compose(text, prefix, format, args);
+    Deliver(Kind::Log, effect, host, false, prefix, format, args);
     va_end(args);
-    if (hostIsNuke(host)) {
-        char line[kTextBytes + 1];
-        size_t length = std::strlen(text);
-        std::memcpy(line, text, length);
-        line[length] = '\n';
-        line[length + 1] = '\0';
-        Send(nullptr, kOfxMessageLog, line);
-    } else {
-        Send(effect, kOfxMessageLog, text);
-    }
 }
 
 void qvofx_warning(OfxImageEffectHandle effect, ofxHost* host, int, bool important, const char* prefix,
                    const char* format, ...) {
-    char text[kTextBytes];
     va_list args;
     va_start(args, format);
-    Compose(text, prefix, format, args);
+    Deliver(important ? Kind::ImportantWarning : Kind::Warning, effect, host, false, prefix, format, args);
     va_end(args);
-    if (!important) {
-        if (hostIsNuke(host))
-            Send(nullptr, kOfxMessageLog, text);
-        else
-            Send(effect, kOfxMessageMessage, text);
-    } else if (hostIsToxik(host)) {
-        Send(nullptr, kOfxMessageError, text);
-    } else {
-        Send(nullptr, kOfxMessageMessage, text);
-    }
 }
 
 void* QVUserMallocFunc(void*, unsigned long size) {

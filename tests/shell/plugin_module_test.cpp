@@ -5,47 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "host.h"
-#include "ofxImageEffect.h"
 #include "ofxOld.h"
-#include "plugin.h"
+#include "plugin_session.h"
 
-using ofxhost::Bundle;
-using ofxhost::Host;
-using ofxhost::HostConfig;
-using ofxhost::Plugin;
-using ofxhost::PropertyWrite;
+using trelvotest::Bundle;
+using trelvotest::HostConfig;
+using trelvotest::PropertyWrite;
+using trelvotest::Session;
 
 namespace {
-
-// One host with one freshly loaded module; torn down in the safe order:
-// Unload, dlclose, then the host.
-class Session {
-  public:
-    explicit Session(HostConfig config = {}) : host_(std::move(config)) {
-        std::string error;
-        bundle_ = Bundle::open(TRELVO_PLUGIN_BINARY, error);
-        if (!bundle_) throw std::runtime_error(error);
-        plugin_ = std::make_unique<Plugin>(host_, *bundle_->plugin(0));
-    }
-    ~Session() {
-        plugin_->unload();
-        plugin_.reset();
-        bundle_.reset();
-    }
-    Host& host() { return host_; }
-    Bundle& bundle() { return *bundle_; }
-    Plugin& plugin() { return *plugin_; }
-
-  private:
-    Host host_;
-    std::unique_ptr<Bundle> bundle_;
-    std::unique_ptr<Plugin> plugin_;
-};
 
 HostConfig withoutSuite(const char* suite) {
     HostConfig config;

@@ -1,0 +1,196 @@
+// The questions a host asks an instance before rendering, answered by the
+// built module: identity, clip preferences, regions, time domain, frames
+// needed, and the actions that only report.
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "plugin_session.h"
+
+using namespace trelvotest;
+
+namespace {
+
+PropertyWrite write(const std::string& name, int index, PropertyValue value, OfxStatus status = kOfxStatOK) {
+    return PropertyWrite{name, index, std::move(value), status};
+}
+
+std::vector<PropertyWrite> rectWrites(const std::string& name, OfxRectD r, OfxStatus status = kOfxStatOK) {
+    return {write(name, 0, r.x1, status), write(name, 1, r.y1, status), write(name, 2, r.x2, status),
+            write(name, 3, r.y2, status)};
+}
+
+}  // namespace
+
+TEST(InstanceActions, CreateInstanceAcceptsOnlyTheGeneralContext) {
+    {
+        Session s;
+        s.describe();
+        ActionResult r = s.plugin().createInstance();
+        EXPECT_EQ(r.status, kOfxStatOK);
+        EXPECT_EQ(s.plugin().instance()->properties().values(kOfxImageEffectPropContext),
+                  Values{std::string(kOfxImageEffectContextGeneral)});
+        EXPECT_EQ(s.plugin().syncPrivateData().status, kOfxStatReplyDefault);
+        EXPECT_EQ(s.plugin().destroyInstance().status, kOfxStatOK);
+    }
+    for (const char* context :
+         {kOfxImageEffectContextFilter, kOfxImageEffectContextGenerator, "OfxImageEffectContextGeneralX"}) {
+        Session s;
+        s.describe(context);
+        EXPECT_EQ(s.plugin().createInstance().status, kOfxStatFailed) << context;
+    }
+}
+
+TEST(InstanceActions, IdentityByWindowWidthThenByAmount) {
+    Session s;
+    ofxhost::Param& amount = *s.instance().param("valMBAmount");
+    struct Case {
+        OfxRectI window;
+        double amount;
+        bool identity;
+    };
+    const Case cases[] = {
+        {{0, 0, 31, 1}, 0.5, true},       // 7 - 0: narrow, the amount isn't asked
+        {{-3, 0, 29, 1}, 0.5, true},      // -3 / 4 is 0, 29 / 4 is 7
+        {{0, 0, 31, 100000}, 0.5, true},  // height plays no part
+        {{-7, 0, 24, 1}, 0.5, true},      // 6 - (-1)
+        {{0, 0, 32, 1}, 0.5, false},      // 8 - 0: the amount decides
+        {{-4, 0, 28, 1}, 0.5, false},     // 7 - (-1)
+        {{0, 0, 1000, 1}, 0.5, false},    {{0, 0, 32, 1}, 0.0, true},   {{0, 0, 32, 1}, -0.0, true},
+        {{0, 0, 32, 1}, 0.000001, false}, {{0, 0, 32, 1}, -2.0, false}, {{0, 0, 32, 1}, std::nan(""), false},
+    };
+    for (const Case& c : cases) {
+        amount.setValue(c.amount);
+        const uint64_t asked = amount.valueRequests();
+        ActionResult r = s.plugin().isIdentity(12.5, c.window);
+        const bool wide = c.window.x2 / 4 - c.window.x1 / 4 > 7;
+        SCOPED_TRACE(testing::Message()
+                     << "window x " << c.window.x1 << ".." << c.window.x2 << ", amount " << c.amount);
+        EXPECT_EQ(amount.valueRequests() - asked, wide ? 1u : 0u);
+        if (!c.identity) {
+            EXPECT_EQ(r.status, kOfxStatReplyDefault);
+            EXPECT_TRUE(r.outArgs->writes().empty());
+            continue;
+        }
+        EXPECT_EQ(r.status, kOfxStatOK);
+        EXPECT_EQ(r.outArgs->writes(),
+                  std::vector<PropertyWrite>{write(kOfxPropName, 0, std::string("Source"))});
+        EXPECT_EQ(r.inArgs->writes(), std::vector<PropertyWrite>{write(kOfxPropTime, 0, 12.5)})
+            << "the time goes into inArgs";
+    }
+}
+
+TEST(InstanceActions, ClipPreferencesFollowTheSourceUnmappedFormat) {
+    struct Case {
+        const char* depth;
+        const char* components;
+        const char* outDepth;
+        const char* outComponents;
+    };
+    const Case cases[] = {
+        {kOfxBitDepthByte, kOfxImageComponentRGBA, kOfxBitDepthByte, kOfxImageComponentRGBA},
+        {kOfxBitDepthShort, kOfxImageComponentRGB, kOfxBitDepthShort, kOfxImageComponentRGBA},
+        {kOfxBitDepthFloat, kOfxImageComponentAlpha, kOfxBitDepthFloat, kOfxImageComponentAlpha},
+        {"OfxBitDepthHalf", kOfxImageComponentRGBA, kOfxBitDepthFloat, kOfxImageComponentRGBA},
+        {"OfxBitDepthByteX", "OfxImageComponentAlphaX", kOfxBitDepthFloat, kOfxImageComponentRGBA},
+        {"", "", kOfxBitDepthFloat, kOfxImageComponentRGBA},
+    };
+    for (bool mixed : {true, false}) {
+        HostConfig config;
+        config.multipleClipDepths = mixed;
+        Session s(config);
+        ImageEffect& e = s.instance();
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message()
+                         << c.depth << " " << c.components << (mixed ? "" : " without mixed depths"));
+            e.clip("Source")->setFormat(c.depth, c.components);
+            e.clip("Output")->setFormat(kOfxBitDepthByte, kOfxImageComponentRGB);
+            ActionResult r = s.plugin().clipPreferences();
+            EXPECT_EQ(r.status, kOfxStatOK);
+            std::vector<PropertyWrite> expected = {
+                write("OfxImageClipPropComponents_Output", 0, std::string(c.outComponents))};
+            if (mixed) expected.push_back(write("OfxImageClipPropDepth_Output", 0, std::string(c.outDepth)));
+            // Neither is an out property of this action; a host refuses both.
+            expected.push_back(write(kOfxImageClipPropFieldExtraction, 0, std::string(kOfxImageFieldBoth),
+                                     kOfxStatErrUnknown));
+            expected.push_back(write(kOfxImageEffectPropTemporalClipAccess, 0, 0, kOfxStatErrUnknown));
+            EXPECT_EQ(r.outArgs->writes(), expected);
+            if (!mixed) {
+                EXPECT_EQ(r.out("OfxImageClipPropDepth_Output"), Values{std::string(kOfxBitDepthByte)})
+                    << "the host's own choice stands";
+            }
+        }
+    }
+}
+
+TEST(InstanceActions, RegionOfDefinitionIsTheSourceOnly) {
+    Session s;
+    ImageEffect& e = s.instance();
+    e.clip("Source")->setRegionOfDefinition({-10.5, 2.0, 300.0, 400.25});
+    e.clip("Motion Vectors")->setRegionOfDefinition({0.0, 0.0, 1000.0, 1000.0});
+    ActionResult r = s.plugin().regionOfDefinition(3.0);
+    EXPECT_EQ(r.status, kOfxStatOK);
+    EXPECT_EQ(r.outArgs->writes(),
+              rectWrites(kOfxImageEffectPropRegionOfDefinition, {-10.5, 2.0, 300.0, 400.25}));
+}
+
+TEST(InstanceActions, RegionsOfInterestGoToTheSourceAndToBareClipNames) {
+    const OfxRectD roi = {-4.0, 8.5, 96.0, 54.0};
+    for (bool outputConnected : {false, true}) {
+        for (bool vectorsConnected : {false, true}) {
+            Session s;
+            ImageEffect& e = s.instance();
+            e.clip("Source")->setConnected(true);
+            e.clip("Output")->setConnected(outputConnected);
+            e.clip("Motion Vectors")->setConnected(vectorsConnected);
+            ActionResult r = s.plugin().regionsOfInterest(2.0, roi);
+            EXPECT_EQ(r.status, kOfxStatOK);
+            std::vector<PropertyWrite> expected = rectWrites("OfxImageClipPropRoI_Source", roi);
+            for (auto [connected, name] :
+                 {std::pair{outputConnected, "Output"}, {vectorsConnected, "Motion Vectors"}})
+                if (connected)
+                    for (const PropertyWrite& w : rectWrites(name, roi, kOfxStatErrUnknown))
+                        expected.push_back(w);
+            EXPECT_EQ(r.outArgs->writes(), expected)
+                << "Output " << outputConnected << ", vectors " << vectorsConnected;
+            EXPECT_EQ(r.out("OfxImageClipPropRoI_Motion Vectors"), (Values{-4.0, 8.5, 96.0, 54.0}))
+                << "the vectors' own RoI property keeps the host's default";
+        }
+    }
+}
+
+TEST(InstanceActions, TimeDomainIsTheVectorsRangeWithTheSourceAsFallback) {
+    Session s;
+    ImageEffect& e = s.instance();
+    e.clip("Source")->setFrameRange(1.0, 100.0);
+    e.clip("Motion Vectors")->setFrameRange(10.0, 20.5);
+    ActionResult r = s.plugin().timeDomain();
+    EXPECT_EQ(r.status, kOfxStatOK);
+    EXPECT_EQ(r.out(kOfxImageEffectPropFrameRange), (Values{10.0, 20.5}));
+
+    e.clip("Motion Vectors")->properties().remove(kOfxImageEffectPropFrameRange);
+    r = s.plugin().timeDomain();
+    EXPECT_EQ(r.out(kOfxImageEffectPropFrameRange), (Values{1.0, 100.0})) << "a host that doesn't answer";
+}
+
+TEST(InstanceActions, FramesNeededAreTheFrameItselfOfBothInputs) {
+    Session s;
+    s.instance();
+    ActionResult r = s.plugin().framesNeeded(7.25);
+    EXPECT_EQ(r.status, kOfxStatOK);
+    EXPECT_EQ(r.outArgs->writes(),
+              (std::vector<PropertyWrite>{write("OfxImageClipPropFrameRange_Source", 0, 7.25),
+                                          write("OfxImageClipPropFrameRange_Source", 1, 7.25),
+                                          write("OfxImageClipPropFrameRange_Motion Vectors", 0, 7.25),
+                                          write("OfxImageClipPropFrameRange_Motion Vectors", 1, 7.25)}));
+}
+
+TEST(InstanceActions, InstanceChangedAlwaysRepliesDefault) {
+    Session s;
+    s.instance();
+    for (const char* reason : {kOfxChangeUserEdited, kOfxChangePluginEdited, kOfxChangeTime, ""}) {
+        ActionResult r = s.plugin().instanceChanged(kOfxTypeParameter, "valMBAmount", reason, 3.0);
+        EXPECT_EQ(r.status, kOfxStatReplyDefault) << reason;
+        EXPECT_TRUE(r.inArgs->writes().empty()) << reason;
+    }
+}

@@ -1,0 +1,425 @@
+// The render action through the built module and the host: what the host
+// sees on every failure path, the frame range by host, premultiplication by
+// host, render scale, host memory and images after each frame, the demo
+// warning, and whole frames in each depth against images derived here from
+// the walk rules of the blur, not from the engine's code.
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "plugin_session.h"
+
+using namespace trelvotest;
+
+namespace {
+
+double white(const std::string& depth) {
+    return depth == kOfxBitDepthByte ? 255.0 : depth == kOfxBitDepthShort ? 65535.0 : 1.0;
+}
+
+// The code of a vector component that stands for the fraction f of the
+// maximum displacement: 127 + 127 f, 32767 + 32767 f, 0.5 + 0.5 f.
+double vectorCode(const std::string& depth, double f) {
+    if (depth == kOfxBitDepthByte) return 127.0 + 127.0 * f;
+    if (depth == kOfxBitDepthShort) return 32767.0 + 32767.0 * f;
+    return 0.5 + 0.5 * f;
+}
+
+// One instance with all three clips connected over frames 0..10, an image
+// on each, and the parameters at amount 1, maximum displacement 4, scales 1.
+struct Rig {
+    explicit Rig(HostConfig config = {}, const std::string& depthIn = kOfxBitDepthByte,
+                 OfxRectI bounds = {0, 0, 24, 4}, int sourcePadding = 0, int outputPadding = 0)
+        : s(std::move(config)), depth(depthIn) {
+        e = &s.instance();
+        source = makeImage(bounds, depth, sourcePadding);
+        vectors = makeImage(bounds, depth);
+        output = makeImage(bounds, depth, outputPadding);
+        for (auto [name, image] :
+             {std::pair{"Source", source}, {"Motion Vectors", vectors}, {"Output", output}}) {
+            ofxhost::Clip* clip = e->clip(name);
+            clip->setConnected(true);
+            clip->setFormat(depth, kOfxImageComponentRGBA);
+            clip->setFrameRange(0.0, 10.0);
+            clip->setImage(image);
+        }
+        param("valMBAmount", 1.0);
+        param("valMaxDisplace", 4.0);
+        param("valVecScaleX", 1.0);
+        param("valVecScaleY", 1.0);
+        uniformVectors(0.0);
+    }
+    void param(const char* name, double value) { e->param(name)->setValue(value); }
+    // Every vector the same horizontal fraction f of the maximum displacement.
+    void uniformVectors(double f) {
+        fillPixels(*vectors, {vectorCode(depth, f), vectorCode(depth, 0.0), 0.0, white(depth)});
+    }
+    // Renders and checks what every frame must leave behind.
+    ActionResult render(OfxTime time = 0.0, OfxPointD scale = {1.0, 1.0}) {
+        ofxhost::RenderArgs args;
+        args.time = time;
+        args.renderScale = scale;
+        ActionResult r = s.plugin().render(args);
+        EXPECT_TRUE(r.memoryBalanced())
+            << "allocations " << r.memoryAfter.allocations - r.memoryBefore.allocations << ", frees "
+            << r.memoryAfter.frees - r.memoryBefore.frees;
+        EXPECT_TRUE(r.imagesReleased()) << r.imagesAfter.outstanding() << " images outstanding";
+        EXPECT_EQ(s.host().images().counts().outstanding(), 0u);
+        return r;
+    }
+
+    Session s;
+    std::string depth;
+    ImageEffect* e;
+    std::shared_ptr<ImageBuffer> source, vectors, output;
+};
+
+// Every pixel of the image has this colour (in element values).
+::testing::AssertionResult allPixels(const ImageBuffer& image, const std::vector<double>& rgba) {
+    const OfxRectI& b = image.format().bounds;
+    for (int y = b.y1; y < b.y2; ++y)
+        for (int x = b.x1; x < b.x2; ++x)
+            for (int c = 0; c < 4; ++c)
+                if (component(image, x, y, c) != rgba[static_cast<size_t>(c)])
+                    return ::testing::AssertionFailure()
+                           << "pixel (" << x << ", " << y << ") channel " << c << " is "
+                           << component(image, x, y, c) << ", not " << rgba[static_cast<size_t>(c)];
+    return ::testing::AssertionSuccess();
+}
+
+const std::vector<double> kRed = {255, 0, 0, 255};
+const std::vector<double> kOrange = {229, 153, 0, 255};  // 0.9f and 0.6f lie just below their decimals
+const std::vector<double> kBlack = {0, 0, 0, 0};
+const std::vector<double> kMarker = {7, 7, 7, 7};
+
+// One row blurred horizontally by the half-length du, from the walk rules:
+// n = trunc(len + 1), the step du / (n - 1) (du itself for n < 2), n samples
+// forward from the pixel and n - 1 backward, each walk ending at its first
+// position outside, equal weights over the samples taken. The steps used
+// here land on whole columns, where the bilinear read is the column itself.
+std::vector<double> blurRow(const std::vector<double>& row, float du, const std::string& depth) {
+    const int w = static_cast<int>(row.size());
+    const float len = std::sqrt(du * du);
+    int n = static_cast<int>(len + 1.0f);
+    float step = du;
+    if (n < 2)
+        n = 2;
+    else
+        step = du / static_cast<float>(n - 1);
+    std::vector<double> out;
+    for (int x = 0; x < w; ++x) {
+        float sum = 0.0f, count = 0.0f;
+        auto walk = [&](float start, float by, int samples) {
+            float p = start;
+            for (int k = 0; k < samples; ++k, p += by) {
+                if (!(p >= 0.0f && p < static_cast<float>(w))) break;
+                EXPECT_EQ(p, std::floor(p))
+                    << "a step that leaves whole columns: the rule above doesn't hold";
+                sum += static_cast<float>(row[static_cast<size_t>(p)]);
+                count += 1.0f;
+            }
+        };
+        walk(static_cast<float>(x), step, n);
+        walk(static_cast<float>(x) - step, -step, n - 1);
+        const float mean = sum * (1.0f / count);
+        if (depth == kOfxBitDepthFloat) {
+            out.push_back(mean);
+        } else {
+            float v = mean + 0.5f;
+            const float top = static_cast<float>(white(depth));
+            if (v <= 0.0f) v = 0.0f;
+            if (v > top) v = top;
+            out.push_back(static_cast<int>(v));
+        }
+    }
+    return out;
+}
+
+// Output against the source blurred row by row, channel by channel; all rows
+// of these sources are alike, so one row serves as the model.
+void expectHorizontalBlur(const Rig& rig, float du) {
+    const OfxRectI& b = rig.source->format().bounds;
+    for (int c = 0; c < 4; ++c) {
+        std::vector<double> row;
+        for (int x = b.x1; x < b.x2; ++x) row.push_back(component(*rig.source, x, b.y1, c));
+        const std::vector<double> expected = blurRow(row, du, rig.depth);
+        for (int y = b.y1; y < b.y2; ++y)
+            for (int x = b.x1; x < b.x2; ++x)
+                ASSERT_EQ(component(*rig.output, x, y, c), expected[static_cast<size_t>(x - b.x1)])
+                    << rig.depth << " pixel (" << x << ", " << y << ") channel " << c << ", du " << du;
+    }
+}
+
+}  // namespace
+
+TEST(Render, WholeFramesInEachDepthMatchTheWalkRules) {
+    // Offset bounds, padded rows on the Source and the Output, rows differing
+    // only in x; vectors of the maximum displacement 4 at amount 1 give a
+    // half-length of 2: five samples one column apart, cut at the borders.
+    const OfxRectI bounds = {-5, 3, 19, 8};
+    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat}) {
+        const double step = depth == std::string(kOfxBitDepthByte)    ? 8.0
+                            : depth == std::string(kOfxBitDepthShort) ? 2000.0
+                                                                      : 0.125;
+        const double top = white(depth);
+        auto ramp = [&](ImageBuffer& image) {
+            for (int y = bounds.y1; y < bounds.y2; ++y)
+                for (int x = bounds.x1; x < bounds.x2; ++x) {
+                    const int i = x - bounds.x1;
+                    setComponent(image, x, y, 0, i * step);
+                    setComponent(image, x, y, 1, (23 - i) * step);
+                    setComponent(image, x, y, 2, 3 * step);
+                    setComponent(image, x, y, 3, top);
+                }
+        };
+        {
+            SCOPED_TRACE(std::string(depth) + ": a zero field copies the source bit for bit");
+            Rig rig({}, depth, bounds, 12, 12);
+            ramp(*rig.source);
+            std::memset(rig.output->bytes().data(), 0xAB, rig.output->bytes().size());
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            const size_t rowBytes = static_cast<size_t>(rig.source->rowBytes());
+            const size_t pixelBytes = rowBytes - 12;
+            for (size_t y = 0; y < 5; ++y) {
+                auto row = [&](const ImageBuffer& image, size_t from, size_t to) {
+                    return std::vector<unsigned char>(image.bytes().begin() + long(y * rowBytes + from),
+                                                      image.bytes().begin() + long(y * rowBytes + to));
+                };
+                EXPECT_EQ(row(*rig.output, 0, pixelBytes), row(*rig.source, 0, pixelBytes)) << "row " << y;
+                EXPECT_EQ(row(*rig.output, pixelBytes, rowBytes), std::vector<unsigned char>(12, 0xAB))
+                    << "padding of row " << y;
+            }
+        }
+        {
+            SCOPED_TRACE(std::string(depth) + ": a linear ramp stays a ramp away from the borders");
+            Rig rig({}, depth, bounds, 12, 4);
+            ramp(*rig.source);
+            rig.uniformVectors(1.0);
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            expectHorizontalBlur(rig, 2.0f);
+            if (depth != std::string(kOfxBitDepthFloat)) {
+                for (int x = bounds.x1 + 2; x < bounds.x2 - 2; ++x)
+                    EXPECT_EQ(component(*rig.output, x, 5, 0), component(*rig.source, x, 5, 0)) << x;
+            }
+            const int rowBytes = rig.output->rowBytes();
+            for (int y = 0; y < 5; ++y)
+                for (int k = rowBytes - 4; k < rowBytes; ++k)
+                    EXPECT_EQ(rig.output->bytes()[static_cast<size_t>(y * rowBytes + k)], 0)
+                        << "padding written";
+        }
+        {
+            SCOPED_TRACE(std::string(depth) + ": a bright column smears into a box of five");
+            Rig rig({}, depth, bounds);
+            for (int y = bounds.y1; y < bounds.y2; ++y)
+                for (int x = bounds.x1; x < bounds.x2; ++x)
+                    for (int c = 0; c < 4; ++c)
+                        setComponent(*rig.source, x, y, c, c == 3 || x == 4 || x == -4 ? top : 0.0);
+            rig.uniformVectors(-1.0);  // the sign of the vector as a whole doesn't matter
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            expectHorizontalBlur(rig, -2.0f);
+            EXPECT_EQ(component(*rig.output, 2, 4, 0), depth == std::string(kOfxBitDepthFloat)
+                                                           ? double(1.0f * (1.0f / 5.0f))
+                                                           : std::trunc(top / 5 + 0.5))
+                << "two columns off the bright one";
+            EXPECT_EQ(component(*rig.output, 1, 4, 0), 0.0) << "three columns off";
+        }
+    }
+}
+
+TEST(Render, RenderScaleHalvesTheVectorsOnly) {
+    // Half-length 2 at full scale (five samples), 1 at half scale (three).
+    for (double scale : {1.0, 0.5}) {
+        Rig rig({}, kOfxBitDepthFloat);
+        for (int x = 0; x < 24; ++x)
+            for (int y = 0; y < 4; ++y) {
+                setComponent(*rig.source, x, y, 0, x == 12 ? 1.0 : 0.0);
+                setComponent(*rig.source, x, y, 3, 1.0);
+            }
+        rig.uniformVectors(1.0);
+        EXPECT_EQ(rig.render(0.0, {scale, scale}).status, kOfxStatOK);
+        expectHorizontalBlur(rig, static_cast<float>(2.0 * scale));
+    }
+}
+
+TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
+    struct Case {
+        const char* cause;
+        std::function<void(Rig&)> setUp;
+        const std::vector<double>* colour;  // null: untouched
+        OfxTime time = 0.0;
+    };
+    auto noImage = [](const char* clip) { return [clip](Rig& r) { r.e->clip(clip)->setImage(nullptr); }; };
+    auto nullData = [](std::shared_ptr<ImageBuffer> Rig::*which) {
+        return [which](Rig& r) {
+            ImageFormat f = (r.*which)->format();
+            f.nullData = true;
+            r.e->clip(which == &Rig::source    ? "Source"
+                      : which == &Rig::vectors ? "Motion Vectors"
+                                               : "Output")
+                ->setImage(std::make_shared<ImageBuffer>(f));
+        };
+    };
+    auto alpha = [](const char* clip) {
+        return [clip](Rig& r) {
+            r.e->clip(clip)->setImage(makeImage({0, 0, 24, 4}, kOfxBitDepthByte, 0, kOfxImageComponentAlpha));
+        };
+    };
+    auto unconnected = [](const char* clip) {
+        return [clip](Rig& r) { r.e->clip(clip)->setConnected(false); };
+    };
+    auto aborting = [](std::function<void(Rig&)> f) {
+        return [f](Rig& r) {
+            f(r);
+            r.s.host().abort().afterCalls(1);  // the first check, before the Output is wrapped, passes
+        };
+    };
+    const Case cases[] = {
+        {"no Output image", noImage("Output"), nullptr},
+        {"no Output data", nullData(&Rig::output), nullptr},
+        {"abort at the first check: nothing wrapped yet", [](Rig& r) { r.s.host().abort().always(); },
+         nullptr},
+        {"abort during the engine's run", aborting([](Rig& r) { r.uniformVectors(1.0); }), &kOrange},
+        {"time before the Source's range", [](Rig&) {}, &kBlack, -0.5},
+        {"time after the Source's range", [](Rig&) {}, &kBlack, 10.001},
+        {"no vector image", noImage("Motion Vectors"), &kBlack},
+        {"no vector image while aborting", aborting(noImage("Motion Vectors")), &kOrange},
+        {"Source unconnected", unconnected("Source"), &kRed},
+        {"Source unconnected while aborting", aborting(unconnected("Source")), &kRed},
+        {"vectors unconnected", unconnected("Motion Vectors"), &kRed},
+        {"vectors unconnected while aborting", aborting(unconnected("Motion Vectors")), &kOrange},
+        {"no Source image", noImage("Source"), &kRed},
+        {"no Source data", nullData(&Rig::source), &kRed},
+        {"no vector data", nullData(&Rig::vectors), &kRed},
+        {"Source of alpha alone", alpha("Source"), &kRed},
+        {"vectors of alpha alone", alpha("Motion Vectors"), &kRed},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.cause);
+        Rig rig;
+        fillPixels(*rig.output, kMarker);
+        c.setUp(rig);
+        ActionResult r = rig.render(c.time);
+        EXPECT_EQ(r.status, kOfxStatOK);
+        EXPECT_TRUE(allPixels(*rig.output, c.colour ? *c.colour : kMarker));
+    }
+}
+
+TEST(Render, AbortDuringTheEngineEndsOrangeAfterMoreChecks) {
+    for (uint64_t k : {1u, 2u, 3u}) {
+        Rig rig;
+        rig.uniformVectors(1.0);
+        rig.s.host().abort().afterCalls(k);
+        EXPECT_EQ(rig.render().status, kOfxStatOK);
+        EXPECT_TRUE(allPixels(*rig.output, kOrange)) << "abort after " << k << " checks";
+        EXPECT_GT(rig.s.host().abort().calls(), k) << "the engine asked again";
+    }
+    Rig rig;
+    rig.uniformVectors(1.0);
+    rig.s.host().abort().never();
+    EXPECT_EQ(rig.render().status, kOfxStatOK);
+    const uint64_t checks = rig.s.host().abort().calls();
+    EXPECT_GE(checks, 2u) << "one before wrapping, more from the engine";
+    EXPECT_FALSE(allPixels(*rig.output, kOrange));
+}
+
+TEST(Render, ZeroSizedOutputPaintsNothingAndSucceeds) {
+    for (OfxRectI bounds : {OfxRectI{5, 5, 5, 9}, OfxRectI{5, 5, 9, 5}}) {
+        Rig rig;
+        rig.e->clip("Output")->setImage(makeImage(bounds, kOfxBitDepthByte));
+        rig.e->clip("Source")->setConnected(false);
+        EXPECT_EQ(rig.render().status, kOfxStatOK);
+    }
+}
+
+TEST(Render, OutOfMemoryReachesTheHostAsErrMemoryWithImagesBack) {
+    Rig rig;
+    rig.uniformVectors(1.0);
+    const uint64_t before = rig.s.host().memory().counts().allocations;
+    // The Output wrapper gets its block, the Source wrapper doesn't.
+    rig.s.host().memory().failAfter(static_cast<int64_t>(before) + 1);
+    ActionResult r = rig.render();
+    EXPECT_EQ(r.status, kOfxStatErrMemory);
+    EXPECT_EQ(r.imagesAfter.handedOut - r.imagesBefore.handedOut, 2u) << "Output and Source";
+}
+
+// Fusion's last frame loses its fraction, towards zero: a range ending at
+// -1.2 reaches -1 there.
+TEST(Render, FramesAtBothEndsOfTheRangeAndFusionsWholeLastFrame) {
+    const std::vector<double> kGrey = {40, 80, 120, 255};
+    for (const char* host : {"com.corvane.trelvo-render", kNuke, kFusion, kToxik}) {
+        for (auto [first, last, time, renders] : {std::tuple{2.0, 10.5, 2.0, true},
+                                                  {2.0, 10.5, 10.5, std::string(host) != kFusion},
+                                                  {2.0, 10.5, 10.2, std::string(host) != kFusion},
+                                                  {2.0, 10.5, 10.0, true},
+                                                  {-3.5, -1.2, -1.0, std::string(host) == kFusion}}) {
+            SCOPED_TRACE(testing::Message() << host << ": time " << time << " in " << first << ".." << last);
+            Rig rig(hostNamed(host));
+            fillPixels(*rig.source, kGrey);
+            rig.e->clip("Source")->setFrameRange(first, last);
+            EXPECT_EQ(rig.render(time).status, kOfxStatOK);
+            EXPECT_TRUE(allPixels(*rig.output, renders ? kGrey : kBlack));
+        }
+    }
+}
+
+TEST(Render, PremultiplicationByHost) {
+    // Float, so that (un)premultiplying by one half is exact.
+    const std::vector<double> straight = {0.5, 0.25, 1.0, 0.5};
+    const std::vector<double> premultiplied = {0.25, 0.125, 0.5, 0.5};
+    for (const char* host : {"com.corvane.trelvo-render", kNuke, kFusion, kToxik}) {
+        const bool nuke = std::string(host) == kNuke;
+        {
+            SCOPED_TRACE(std::string(host) + ": an un-premultiplied Source is premultiplied in place");
+            Rig rig(hostNamed(host), kOfxBitDepthFloat);
+            ImageFormat f = rig.source->format();
+            f.premultiplication = kOfxImageUnPreMultiplied;
+            rig.source = std::make_shared<ImageBuffer>(f);
+            rig.e->clip("Source")->setImage(rig.source);
+            fillPixels(*rig.source, straight);
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            EXPECT_TRUE(allPixels(*rig.source, nuke ? straight : premultiplied));
+            EXPECT_TRUE(allPixels(*rig.output, nuke ? straight : premultiplied));
+
+            fillPixels(*rig.source, straight);
+            rig.e->clip("Motion Vectors")->setImage(nullptr);
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            EXPECT_TRUE(allPixels(*rig.output, {0, 0, 0, 0}));
+            EXPECT_TRUE(allPixels(*rig.source, nuke ? straight : premultiplied))
+                << "also when the frame then fails";
+        }
+        {
+            SCOPED_TRACE(std::string(host) + ": an Output that wants un-premultiplied pixels gets them");
+            Rig rig(hostNamed(host), kOfxBitDepthFloat);
+            ImageFormat f = rig.output->format();
+            f.premultiplication = kOfxImageUnPreMultiplied;
+            rig.output = std::make_shared<ImageBuffer>(f);
+            rig.e->clip("Output")->setImage(rig.output);
+            fillPixels(*rig.source, premultiplied);
+            EXPECT_EQ(rig.render().status, kOfxStatOK);
+            EXPECT_TRUE(allPixels(*rig.output, nuke ? premultiplied : straight));
+            EXPECT_TRUE(allPixels(*rig.source, premultiplied));
+        }
+    }
+}
+
+TEST(Render, DemoModeWarnsOnceInABackgroundRender) {
+    const char* text = "Did not find a valid license for TrelvoVectors.";
+    setenv("TRELVO_DEMO", "1", 1);
+    for (bool background : {true, false}) {
+        HostConfig config;
+        config.background = background;
+        Rig rig(config);
+        for (int frame = 0; frame < 3; ++frame) EXPECT_EQ(rig.render(frame).status, kOfxStatOK);
+        int warnings = 0;
+        for (const ofxhost::Message& m : rig.s.host().messages().all())
+            if (m.text.find(text) != std::string::npos) ++warnings;
+        EXPECT_EQ(warnings, background ? 1 : 0) << (background ? "background" : "interactive");
+    }
+    unsetenv("TRELVO_DEMO");
+    Rig rig;
+    EXPECT_EQ(rig.render().status, kOfxStatOK);
+    EXPECT_TRUE(rig.s.host().messages().all().empty()) << "licensed";
+}
