@@ -317,10 +317,10 @@ OfxStatus readValue(Param* param, va_list args, std::vector<PropertyValue>* valu
     for (int i = 0; i < param->dimension(); ++i) {
         switch (param->valueType()) {
             case PropertyType::Int:
-                value->push_back(va_arg(args, int));
+                value->emplace_back(std::in_place_type<int>, va_arg(args, int));
                 break;
             case PropertyType::Double:
-                value->push_back(va_arg(args, double));
+                value->emplace_back(std::in_place_type<double>, va_arg(args, double));
                 break;
             case PropertyType::String: {
                 const char* text = va_arg(args, const char*);
