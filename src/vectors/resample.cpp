@@ -6,6 +6,7 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
 #include <utility>
 
 #include "pixel_access.h"
@@ -18,6 +19,11 @@ namespace {
 constexpr int32_t kLineSlack = 20;
 // Largest radius whose tap count and buffer arithmetic stay inside int32.
 constexpr int32_t kMaxRadius = (INT32_MAX - 2 * kLineSlack - 3) / 2;
+// Adjacent columns the column pass filters together: a row of the block is
+// read from one or two cache lines instead of one line per column.
+constexpr int32_t kColumnLanes = 16;
+// Interior outputs summed together in registers, tap by tap; a multiple of 4.
+constexpr int32_t kInteriorBlock = 16;
 
 // Frees a block from QVMemNew on every way out of the scope.
 class ScopedBlock {
@@ -32,45 +38,91 @@ class ScopedBlock {
     float* block_;
 };
 
-// Convolves n samples with taps weights centred by r. Taps that fall off the
-// line are dropped and the rest renormalised; the interior needs no division
-// because the kernels are normalised.
-void FilterLine(const float* in, float* out, int32_t n, const float* w, int32_t taps, int32_t r) {
-    for (int32_t i = 0; i < r && i < n; ++i) {
-        float sum = 0.0f;
-        float norm = 0.0f;
-        for (int32_t j = 0; j <= i + r && j < n; ++j) {
-            const float wt = w[r - i + j];
-            norm += wt;
-            sum += in[j] * wt;
-        }
-        out[i] = sum / norm;
+// Floats in each of a thread's two line buffers: room for a row, or for a
+// block of up to kColumnLanes interleaved columns, each with its slack.
+size_t LineBufferFloats(const PLImage* image, int32_t r) {
+    const size_t width = static_cast<size_t>(image->width);
+    const size_t height = static_cast<size_t>(image->height);
+    const size_t line = (width > height ? width : height) + kLineSlack + 2 * static_cast<size_t>(r);
+    const size_t lanes = width < kColumnLanes ? width : kColumnLanes;
+    const size_t block = lanes * (height + kLineSlack);
+    return line > block ? line : block;
+}
+
+// One renormalised edge output of every lane: taps j from `first` to `last`
+// (either way), in that order, with tap index r + j - i.
+void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int32_t r, int32_t i,
+                int32_t first, int32_t last) {
+    float sum[kColumnLanes];
+    for (int32_t k = 0; k < lanes; ++k) sum[k] = 0.0f;
+    float norm = 0.0f;
+    const int32_t step = first <= last ? 1 : -1;
+    for (int32_t j = first;; j += step) {
+        const float wt = w[r + j - i];
+        norm += wt;
+        const float* p = in + static_cast<ptrdiff_t>(j) * lanes;
+        for (int32_t k = 0; k < lanes; ++k) sum[k] += p[k] * wt;
+        if (j == last) break;
     }
-    for (int32_t i = n - r; i <= n - 1; ++i) {
-        if (i < 0) break;
-        float sum = 0.0f;
-        float norm = 0.0f;
-        const int32_t low = i - r > 0 ? i - r : 0;
-        for (int32_t j = n - 1; j >= low; --j) {
-            const float wt = w[r + j - i];
-            norm += wt;
-            sum += in[j] * wt;
-        }
-        out[i] = sum / norm;
-    }
-    // Tap by tap over all interior outputs: each output still accumulates from
-    // 0 in tap order, but the inner loop runs across outputs and vectorises.
-    for (int32_t i = r; i < n - r; ++i) out[i] = 0.0f;
-    for (int32_t t = 0; t < taps; ++t) {
+    float* o = out + static_cast<ptrdiff_t>(i) * lanes;
+    for (int32_t k = 0; k < lanes; ++k) o[k] = sum[k] / norm;
+}
+
+// Four adjacent floats, multiplied and added lane by lane: each lane does
+// exactly the scalar operation (SSE on x86-64, no contraction).
+using Float4 = float __attribute__((vector_size(16)));
+
+// Interior outputs m to m + kInteriorBlock - 1 of interleaved lines: each
+// sums its taps from 0 in tap order, without a division, in registers.
+void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes, const float* w,
+                         int32_t taps, int32_t r) {
+    constexpr int32_t kVectors = kInteriorBlock / 4;
+    Float4 sum[kVectors];
+    for (Float4& v : sum) v = Float4{0.0f, 0.0f, 0.0f, 0.0f};
+    const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
+    for (int32_t t = 0; t < taps; ++t, p += lanes) {
         const float wt = w[t];
-        const float* p = in + t;
-        for (int32_t i = r; i < n - r; ++i) out[i] += p[i - r] * wt;
+        for (int32_t q = 0; q < kVectors; ++q) {
+            Float4 v;
+            std::memcpy(&v, p + 4 * q, sizeof v);
+            sum[q] += v * wt;
+        }
+    }
+    std::memcpy(out + m, sum, sizeof sum);
+}
+
+// Convolves `lanes` interleaved lines of n samples (sample i of lane k at
+// i * lanes + k) with taps weights centred by r. Taps that fall off the line
+// are dropped and the rest renormalised; the interior needs no division
+// because the kernels are normalised. Every output is the same sum in the
+// same tap order whatever the lane count.
+void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const float* w, int32_t taps,
+                int32_t r) {
+    for (int32_t i = 0; i < r && i < n; ++i)
+        FilterEdge(in, out, lanes, w, r, i, 0, i + r < n ? i + r : n - 1);
+    // A line shorter than r has no right edge: its loop starts below 0 and stops.
+    if (n - r >= 0)
+        for (int32_t i = n - r; i <= n - 1; ++i)
+            FilterEdge(in, out, lanes, w, r, i, n - 1, i - r > 0 ? i - r : 0);
+    // Blocks of neighbouring outputs (along the line or across lanes alike)
+    // keep their sums in registers and vectorise.
+    const ptrdiff_t end = static_cast<ptrdiff_t>(n - r) * lanes;
+    ptrdiff_t m = static_cast<ptrdiff_t>(r) * lanes;
+    for (; end - m >= kInteriorBlock; m += kInteriorBlock) FilterInteriorBlock(in, out, m, lanes, w, taps, r);
+    for (; m < end; ++m) {
+        float sum = 0.0f;
+        const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
+        for (int32_t t = 0; t < taps; ++t, p += lanes) sum += *p * w[t];
+        out[m] = sum;
     }
 }
 
 // One pass over rows (Columns false) or columns of one channel, through this
-// thread's pair of line buffers.
-template <typename T, bool Columns>
+// thread's pair of line buffers. The column pass takes up to kColumnLanes
+// adjacent columns at a time, interleaved, so that it reads along rows.
+// Packed images (one channel) have adjacent elements along a row, which lets
+// the moves between image and buffer vectorise.
+template <typename T, bool Columns, bool Packed>
 void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     const PLImage* image = args->next<PLImage*>();
     const float* kernel = args->next<const float*>();
@@ -78,32 +130,54 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
     const int32_t r = args->next<int32_t>();
     const int32_t channel = args->next<int32_t>();
     float* buffers = args->next<float*>();
-    const int32_t length = args->next<int32_t>();
 
-    float* in = buffers + 2 * static_cast<size_t>(length) * static_cast<size_t>(threadIndex);
-    float* out = in + length;
+    const size_t bufferFloats = LineBufferFloats(image, r);
+    float* in = buffers + 2 * bufferFloats * static_cast<size_t>(threadIndex);
+    float* out = in + bufferFloats;
     const int32_t n = Columns ? image->height : image->width;
-    const int32_t step = Columns ? image->rowStep : image->pixelStride;
+    const ptrdiff_t pixel = Packed ? static_cast<ptrdiff_t>(sizeof(T)) : image->pixelStride;
     const int32_t pastLine = taps - (2 * r + 1);
-    for (int32_t line = firstLine; line <= lastLine; ++line) {
-        uint8_t* start = Columns ? image->Row(0) + PLMul32(line, image->pixelStride) : image->Row(line);
-        start += static_cast<size_t>(channel) * sizeof(T);
-        for (int32_t i = 0; i < n; ++i) in[i] = PLPixelTraits<T>::Load(start + PLMul32(i, step));
-        for (int32_t i = 0; i < pastLine; ++i) in[n + i] = 0.0f;
-        FilterLine(in, out, n, kernel, taps, r);
-        for (int32_t i = 0; i < n; ++i) PLPixelTraits<T>::Store(start + PLMul32(i, step), out[i]);
+    const size_t offset = static_cast<size_t>(channel) * sizeof(T);
+    // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
+    auto along = [image, pixel](int32_t i) -> ptrdiff_t {
+        return Columns ? PLMul32(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    };
+    for (int32_t line = firstLine; line <= lastLine;) {
+        const int32_t remaining = lastLine - line + 1;
+        const int32_t lanes = !Columns ? 1 : remaining < kColumnLanes ? remaining : kColumnLanes;
+        uint8_t* start =
+            (Columns ? image->Row(0) + PLMul32(line, image->pixelStride) : image->Row(line)) + offset;
+        for (int32_t i = 0; i < n; ++i) {
+            const uint8_t* from = start + along(i);
+            float* to = in + static_cast<ptrdiff_t>(i) * lanes;
+            for (int32_t k = 0; k < lanes; ++k) to[k] = PLPixelTraits<T>::Load(from + k * pixel);
+        }
+        for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
+            in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
+        FilterLine(in, out, n, lanes, kernel, taps, r);
+        for (int32_t i = 0; i < n; ++i) {
+            uint8_t* to = start + along(i);
+            const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
+            for (int32_t k = 0; k < lanes; ++k) PLPixelTraits<T>::Store(to + k * pixel, from[k]);
+        }
+        line += lanes;
     }
+}
+
+template <typename T, bool Columns>
+kqmp_worker* LinePass(const PLImage* image) {
+    return image->pixelStride == static_cast<int32_t>(sizeof(T)) ? FilterLines<T, Columns, true>
+                                                                 : FilterLines<T, Columns, false>;
 }
 
 template <typename T>
 void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
-                    float* buffers, int32_t length) {
+                    float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
     for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows) PLRunRows(image->height, FilterLines<T, false>, image, kernel, taps, r, c, buffers, length);
-        if (columns)
-            PLRunRows(image->width, FilterLines<T, true>, image, kernel, taps, r, c, buffers, length);
+        if (rows) PLRunRows(image->height, LinePass<T, false>(image), image, kernel, taps, r, c, buffers);
+        if (columns) PLRunRows(image->width, LinePass<T, true>(image), image, kernel, taps, r, c, buffers);
     }
 }
 
@@ -227,23 +301,21 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     if (!image || !kernel || image->width < 1 || image->height < 1 || !PLIsPathType(image->pixelType)) return;
 
     const int64_t longest = image->width > image->height ? image->width : image->height;
-    const int64_t length = longest + kLineSlack + 2 * static_cast<int64_t>(r);
-    if (length > INT32_MAX) throw PLErrOutOfMemory;
+    if (longest + kLineSlack + 2 * static_cast<int64_t>(r) > INT32_MAX) throw PLErrOutOfMemory;
     const int32_t rowThreads = kqmp_threadsfor(image->height);
     const int32_t columnThreads = kqmp_threadsfor(image->width);
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
-    ScopedBlock buffers(2 * static_cast<size_t>(threads) * static_cast<size_t>(length) * sizeof(float));
+    ScopedBlock buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r) * sizeof(float));
 
-    const int32_t lineLength = static_cast<int32_t>(length);
     switch (image->pixelType) {
         case PLPixelUChar:
-            FilterChannels<uint8_t>(image, kernel, taps, r, axes, buffers.get(), lineLength);
+            FilterChannels<uint8_t>(image, kernel, taps, r, axes, buffers.get());
             break;
         case PLPixelUShort:
-            FilterChannels<uint16_t>(image, kernel, taps, r, axes, buffers.get(), lineLength);
+            FilterChannels<uint16_t>(image, kernel, taps, r, axes, buffers.get());
             break;
         default:
-            FilterChannels<float>(image, kernel, taps, r, axes, buffers.get(), lineLength);
+            FilterChannels<float>(image, kernel, taps, r, axes, buffers.get());
             break;
     }
 }
