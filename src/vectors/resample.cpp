@@ -225,6 +225,23 @@ inline SourceTap MapCoordinate(int32_t x, float step, int32_t last) {
     return {i, 1, f};
 }
 
+// Destination columns a resampling worker maps at a time: their source taps
+// and the interpolation of two source rows across them fit on the stack.
+constexpr int32_t kResampleSpan = 128;
+
+// Byte offsets of a destination column's two source samples in a source row,
+// and the fraction between them.
+struct ColumnTap {
+    int32_t left;
+    int32_t right;
+    float fraction;
+};
+
+// Walks the destination a span of columns at a time, mapping each column
+// once for all rows. Below four channels the horizontal step is
+// (b - a) * fx + a on a source row, so each source row is interpolated once
+// and kept while consecutive destination rows share it; the vertical step
+// then runs across the row. Four channels weight the corners directly.
 template <typename D, int C, typename S, bool Scaled>
 void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* dst = args->next<PLImage*>();
@@ -234,40 +251,67 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
     const float stepY = factors[1];
     const float ratio = factors[2];
     constexpr int32_t srcPixel = C * static_cast<int32_t>(sizeof(S));
-    for (int32_t y = firstRow; y <= lastRow; ++y) {
-        const SourceTap ty = MapCoordinate(y, stepY, src->lastRow);
-        const float fy = ty.fraction;
-        const uint8_t* upper = src->Row(ty.index);
-        const uint8_t* lower = upper + (ty.next ? src->rowStep : 0);
-        uint8_t* out = dst->Row(y);
-        for (int32_t x = 0; x < dst->width; ++x, out += C * sizeof(D)) {
-            const SourceTap tx = MapCoordinate(x, stepX, src->lastColumn);
-            const float fx = tx.fraction;
+    for (int32_t first = 0; first < dst->width; first += kResampleSpan) {
+        const int32_t span = dst->width - first < kResampleSpan ? dst->width - first : kResampleSpan;
+        ColumnTap columns[kResampleSpan];
+        for (int32_t x = 0; x < span; ++x) {
+            const SourceTap tx = MapCoordinate(first + x, stepX, src->lastColumn);
             const int32_t left = PLMul32(tx.index, srcPixel);
-            const int32_t right = left + tx.next * srcPixel;
-            float wa = 0.0f, wb = 0.0f, wc = 0.0f, wd = 0.0f;
-            if constexpr (C == 4) {
-                wa = (1.0f - fx) - fy + fx * fy;
-                wb = fx - fx * fy;
-                wc = fy - fx * fy;
-                wd = fx * fy;
-            }
-            for (int32_t c = 0; c < C; ++c) {
-                const size_t e = static_cast<size_t>(c) * sizeof(S);
-                const float a = PLPixelTraits<S>::Load(upper + left + e);
-                const float b = PLPixelTraits<S>::Load(upper + right + e);
-                const float cl = PLPixelTraits<S>::Load(lower + left + e);
-                const float d = PLPixelTraits<S>::Load(lower + right + e);
-                float value;
-                if constexpr (C == 4) {
-                    value = a * wa + b * wb + cl * wc + d * wd;
-                } else {
-                    const float top = (b - a) * fx + a;
-                    const float bottom = (d - cl) * fx + cl;
-                    value = (bottom - top) * fy + top;
+            columns[x] = {left, left + tx.next * srcPixel, tx.fraction};
+        }
+        const ptrdiff_t outOffset = static_cast<ptrdiff_t>(first) * C * static_cast<ptrdiff_t>(sizeof(D));
+        float across[2][kResampleSpan * C];
+        int32_t held[2] = {-1, -1};
+        // Source row `row` (at `at`) interpolated across the span, evicting
+        // the slot that does not hold `keep`.
+        auto interpolated = [&](int32_t row, const uint8_t* at, int32_t keep) -> const float* {
+            for (int32_t s = 0; s < 2; ++s)
+                if (held[s] == row) return across[s];
+            const int32_t s = held[0] == keep ? 1 : 0;
+            for (int32_t x = 0; x < span; ++x)
+                for (int32_t c = 0; c < C; ++c) {
+                    const size_t e = static_cast<size_t>(c) * sizeof(S);
+                    const float a = PLPixelTraits<S>::Load(at + columns[x].left + e);
+                    const float b = PLPixelTraits<S>::Load(at + columns[x].right + e);
+                    across[s][x * C + c] = (b - a) * columns[x].fraction + a;
                 }
-                if constexpr (Scaled) value = value * ratio;
-                PLPixelTraits<D>::Store(out + static_cast<size_t>(c) * sizeof(D), value);
+            held[s] = row;
+            return across[s];
+        };
+        for (int32_t y = firstRow; y <= lastRow; ++y) {
+            const SourceTap ty = MapCoordinate(y, stepY, src->lastRow);
+            const float fy = ty.fraction;
+            const uint8_t* upper = src->Row(ty.index);
+            const uint8_t* lower = upper + (ty.next ? src->rowStep : 0);
+            uint8_t* out = dst->Row(y) + outOffset;
+            if constexpr (C == 4) {
+                for (int32_t x = 0; x < span; ++x, out += C * sizeof(D)) {
+                    const float fx = columns[x].fraction;
+                    const float wa = (1.0f - fx) - fy + fx * fy;
+                    const float wb = fx - fx * fy;
+                    const float wc = fy - fx * fy;
+                    const float wd = fx * fy;
+                    for (int32_t c = 0; c < C; ++c) {
+                        const size_t e = static_cast<size_t>(c) * sizeof(S);
+                        const float a = PLPixelTraits<S>::Load(upper + columns[x].left + e);
+                        const float b = PLPixelTraits<S>::Load(upper + columns[x].right + e);
+                        const float cl = PLPixelTraits<S>::Load(lower + columns[x].left + e);
+                        const float d = PLPixelTraits<S>::Load(lower + columns[x].right + e);
+                        float value = a * wa + b * wb + cl * wc + d * wd;
+                        if constexpr (Scaled) value = value * ratio;
+                        PLPixelTraits<D>::Store(out + static_cast<size_t>(c) * sizeof(D), value);
+                    }
+                }
+            } else {
+                const int32_t lowerRow = ty.index + ty.next;
+                const float* top = interpolated(ty.index, upper, lowerRow);
+                const float* bottom = interpolated(lowerRow, lower, ty.index);
+                for (int32_t m = 0; m < span * C; ++m) {
+                    float value = (bottom[m] - top[m]) * fy + top[m];
+                    if constexpr (Scaled) value = value * ratio;
+                    PLPixelTraits<D>::Store(
+                        out + static_cast<ptrdiff_t>(m) * static_cast<ptrdiff_t>(sizeof(D)), value);
+                }
             }
         }
     }
