@@ -1,11 +1,13 @@
 // The separable filter, its kernel makers and the bilinear resampler. Expected
-// values come from impulse responses and hand-computed sums, and from linear
-// ramps whose bilinear interpolation is exact.
+// values come from impulse responses and hand-computed sums, from linear ramps
+// whose bilinear interpolation is exact, and from plain pixel-at-a-time
+// versions of both operations that the blocked ones must match bit for bit.
 #include "resample.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -215,6 +217,243 @@ TEST(SeparableFilter, OneThreadAndTwoThreadsAgreeBitForBit) {
     }
     EXPECT_TRUE(SameBytes(floats.get(), floats2.get()));
     EXPECT_TRUE(SameBytes(bytes.get(), bytes2.get()));
+}
+
+// An image over its own bytes: rows optionally padded by an odd count of
+// bytes (so float rows lose their alignment), the padding holding 0x5a.
+struct TestImage {
+    std::vector<uint8_t> bytes;
+    ImagePtr image;
+};
+
+TestImage MakeTestImage(int32_t w, int32_t h, int32_t channels, int32_t type, int32_t flipped, bool padded) {
+    const int32_t rowBytes = w * channels * PLElementSize(type) + (padded ? 7 : 0);
+    TestImage t;
+    t.bytes.assign(static_cast<size_t>(rowBytes) * h + 4, 0x5a);
+    t.image.reset(new PLImage(t.bytes.data() + (padded ? 1 : 0), w, h, rowBytes, channels, type, flipped));
+    return t;
+}
+
+float Element(const PLImage* im, int32_t x, int32_t y, int32_t c) {
+    if (im->pixelType == PLPixelUChar) return Get<uint8_t>(im, x, y, c);
+    if (im->pixelType == PLPixelUShort) return Get<uint16_t>(im, x, y, c);
+    return Get<float>(im, x, y, c);
+}
+
+// Integers round by adding a half and wrap; floats lose a negative zero.
+void StoreElement(PLImage* im, int32_t x, int32_t y, int32_t c, float v) {
+    if (im->pixelType == PLPixelUChar)
+        Set<uint8_t>(im, x, y, c, static_cast<uint8_t>(PLTruncI32(v + 0.5f)));
+    else if (im->pixelType == PLPixelUShort)
+        Set<uint16_t>(im, x, y, c, static_cast<uint16_t>(PLTruncI32(v + 0.5f)));
+    else
+        Set<float>(im, x, y, c, v + 0.0f);
+}
+
+// Noise over the type's range; floats also get negative zeros and infinities.
+void FillNoise(PLImage* im, uint32_t seed) {
+    for (int32_t y = 0; y < im->height; ++y)
+        for (int32_t x = 0; x < im->width; ++x)
+            for (int32_t c = 0; c < im->numChannels; ++c) {
+                float v = Noise(seed);
+                if (im->pixelType == PLPixelUChar) v = std::floor(v * 256.0f);
+                if (im->pixelType == PLPixelUShort) v = std::floor(v * 65536.0f);
+                if (im->pixelType == PLPixelFloat) {
+                    const float pick = Noise(seed);
+                    v = pick < 0.02f   ? -0.0f
+                        : pick < 0.03f ? (x % 2 ? 1.0f : -1.0f) * std::numeric_limits<float>::infinity()
+                                       : v * 200.0f - 100.0f;
+                }
+                if (im->pixelType == PLPixelFloat)
+                    Set<float>(im, x, y, c, v);
+                else
+                    StoreElement(im, x, y, c, v);
+            }
+}
+
+// The line filter as its rules read, one output at a time over one line.
+std::vector<float> ReferenceLine(std::vector<float> line, const float* w, int32_t taps, int32_t r) {
+    const int32_t n = static_cast<int32_t>(line.size());
+    line.resize(line.size() + static_cast<size_t>(taps), 0.0f);
+    std::vector<float> out(static_cast<size_t>(n));
+    for (int32_t i = 0; i < r && i < n; ++i) {
+        float sum = 0.0f, norm = 0.0f;
+        for (int32_t j = 0; j <= i + r && j < n; ++j) {
+            norm += w[r - i + j];
+            sum += line[j] * w[r - i + j];
+        }
+        out[i] = sum / norm;
+    }
+    for (int32_t i = n - r; i <= n - 1; ++i) {
+        if (i < 0) break;
+        float sum = 0.0f, norm = 0.0f;
+        for (int32_t j = n - 1; j >= (i - r > 0 ? i - r : 0); --j) {
+            norm += w[r + j - i];
+            sum += line[j] * w[r + j - i];
+        }
+        out[i] = sum / norm;
+    }
+    for (int32_t i = r; i < n - r; ++i) {
+        float sum = 0.0f;
+        for (int32_t t = 0; t < taps; ++t) sum += line[i - r + t] * w[t];
+        out[i] = sum;
+    }
+    return out;
+}
+
+void ReferenceFilter(PLImage* im, int32_t r, int32_t taps, const float* w, int32_t axes) {
+    for (int32_t c = 0; c < im->numChannels; ++c) {
+        if (axes == 0 || axes == 2)
+            for (int32_t y = 0; y < im->height; ++y) {
+                std::vector<float> line;
+                for (int32_t x = 0; x < im->width; ++x) line.push_back(Element(im, x, y, c));
+                const std::vector<float> out = ReferenceLine(line, w, taps, r);
+                for (int32_t x = 0; x < im->width; ++x) StoreElement(im, x, y, c, out[x]);
+            }
+        if (axes != 1 && axes != 2)
+            for (int32_t x = 0; x < im->width; ++x) {
+                std::vector<float> line;
+                for (int32_t y = 0; y < im->height; ++y) line.push_back(Element(im, x, y, c));
+                const std::vector<float> out = ReferenceLine(line, w, taps, r);
+                for (int32_t y = 0; y < im->height; ++y) StoreElement(im, x, y, c, out[y]);
+            }
+    }
+}
+
+TEST(SeparableFilter, MatchesTheLineAtATimeFilterBitForBit) {
+    // Radius 1, 2 and 5 with full kernels, 1.5 with two taps reaching past
+    // the line, and 30 wider than every image here.
+    struct Kernel {
+        float radius;
+        int32_t taps;
+    };
+    const Kernel kernels[] = {{1.0f, 3}, {2.0f, 5}, {5.0f, 11}, {1.5f, 5}, {30.0f, 61}};
+    // 5x30 puts a line exactly as long as a radius of 5 and of 30: its right
+    // edge loop runs and overrides the left one, in the other summing order.
+    const int32_t sizes[][2] = {{1, 40}, {40, 1}, {2, 2}, {37, 53}, {5, 30}};
+    const int32_t types[] = {PLPixelUChar, PLPixelUShort, PLPixelFloat};
+    uint32_t seed = 21;
+    for (const Kernel& k : kernels) {
+        std::vector<float> w(static_cast<size_t>(k.taps));
+        for (float& v : w) v = 0.02f + Noise(seed) / static_cast<float>(k.taps);
+        const int32_t r = static_cast<int32_t>(k.radius);
+        for (const auto& size : sizes)
+            for (int32_t type : types)
+                for (int32_t channels = 1; channels <= 4; ++channels)
+                    for (int32_t layout = 0; layout < 3; ++layout)
+                        for (int32_t axes = 0; axes < 4; ++axes)
+                            for (int32_t threads : {1, 2}) {
+                                const int32_t flipped = layout > 0 ? 1 : 0;
+                                const bool padded = layout == 2;
+                                TestImage fast =
+                                    MakeTestImage(size[0], size[1], channels, type, flipped, padded);
+                                TestImage plain =
+                                    MakeTestImage(size[0], size[1], channels, type, flipped, padded);
+                                FillNoise(fast.image.get(), seed + static_cast<uint32_t>(axes));
+                                FillNoise(plain.image.get(), seed + static_cast<uint32_t>(axes));
+                                {
+                                    ThreadLimit limit(threads);
+                                    PLSeparableFilter(k.radius, fast.image.get(), k.taps, w.data(), axes);
+                                }
+                                ReferenceFilter(plain.image.get(), r, k.taps, w.data(), axes);
+                                ASSERT_EQ(fast.bytes, plain.bytes)
+                                    << "radius " << k.radius << " " << size[0] << "x" << size[1] << " type "
+                                    << type << " channels " << channels << " layout " << layout << " axes "
+                                    << axes << " threads " << threads;
+                            }
+    }
+}
+
+// The resampler as its rules read, pixel by pixel.
+void ReferenceResample(PLImage* dst, const PLImage* src, float stepX, float stepY) {
+    struct Tap {
+        int32_t index, next;
+        float fraction;
+    };
+    auto map = [](int32_t x, float step, int32_t last) {
+        const float u = static_cast<float>(x) * step;
+        Tap t{PLTruncI32(u), 1, 0.0f};
+        t.fraction = u - static_cast<float>(t.index);
+        if (t.index >= last) {
+            t.index = last - 1;
+            t.fraction = 1.0f;
+        }
+        if (t.index < 0) t = {0, 0, t.fraction};
+        return t;
+    };
+    const float ratio = dst->whitePoint / src->whitePoint;
+    for (int32_t y = 0; y < dst->height; ++y)
+        for (int32_t x = 0; x < dst->width; ++x) {
+            const Tap tx = map(x, stepX, src->lastColumn);
+            const Tap ty = map(y, stepY, src->lastRow);
+            const float fx = tx.fraction, fy = ty.fraction;
+            for (int32_t c = 0; c < dst->numChannels; ++c) {
+                const float a = Element(src, tx.index, ty.index, c);
+                const float b = Element(src, tx.index + tx.next, ty.index, c);
+                const float cl = Element(src, tx.index, ty.index + ty.next, c);
+                const float d = Element(src, tx.index + tx.next, ty.index + ty.next, c);
+                float value;
+                if (dst->numChannels == 4) {
+                    value = a * ((1.0f - fx) - fy + fx * fy) + b * (fx - fx * fy) + cl * (fy - fx * fy) +
+                            d * (fx * fy);
+                } else {
+                    const float top = (b - a) * fx + a;
+                    const float bottom = (d - cl) * fx + cl;
+                    value = (bottom - top) * fy + top;
+                }
+                if (src->whitePoint != dst->whitePoint) value = value * ratio;
+                StoreElement(dst, x, y, c, value);
+            }
+        }
+}
+
+TEST(Resample, MatchesThePixelAtATimeResamplerBitForBit) {
+    // Spans wider than the worker's column span of 128, single rows and
+    // columns, enlargements that reuse source rows and reductions that don't.
+    const int32_t sizes[][4] = {{300, 7, 150, 3}, {150, 3, 301, 8}, {37, 53, 19, 26}, {37, 53, 73, 105},
+                                {1, 9, 4, 17},    {9, 1, 17, 4},    {2, 2, 2, 2},     {5, 4, 1, 1}};
+    const int32_t types[] = {PLPixelUChar, PLPixelUShort, PLPixelFloat};
+    uint32_t seed = 5;
+    for (const auto& size : sizes)
+        for (int32_t dt : types)
+            for (int32_t st : types)
+                for (int32_t channels = 1; channels <= 4; ++channels)
+                    for (int32_t layout = 0; layout < 3; ++layout)
+                        for (int32_t threads : {1, 2}) {
+                            TestImage src =
+                                MakeTestImage(size[0], size[1], channels, st, layout == 1, layout == 2);
+                            FillNoise(src.image.get(), ++seed);
+                            if (dt == st && layout == 2) src.image->whitePoint = 0.5f * src.image->whitePoint;
+                            TestImage fast =
+                                MakeTestImage(size[2], size[3], channels, dt, layout != 1, layout == 2);
+                            TestImage plain =
+                                MakeTestImage(size[2], size[3], channels, dt, layout != 1, layout == 2);
+                            // The push's steps, the reciprocal of the enlargement, differ
+                            // in the last bits from the quotient of PLResample.
+                            const bool push = layout == 1 && size[2] > 1 && size[3] > 1;
+                            const float stepX = push ? 1.0f / (static_cast<float>(size[2] - 1) /
+                                                               static_cast<float>(size[0] - 1))
+                                                     : (size[2] == 1 ? 0.0f
+                                                                     : static_cast<float>(size[0] - 1) /
+                                                                           static_cast<float>(size[2] - 1));
+                            const float stepY = push ? 1.0f / (static_cast<float>(size[3] - 1) /
+                                                               static_cast<float>(size[1] - 1))
+                                                     : (size[3] == 1 ? 0.0f
+                                                                     : static_cast<float>(size[1] - 1) /
+                                                                           static_cast<float>(size[3] - 1));
+                            {
+                                ThreadLimit limit(threads);
+                                if (push)
+                                    PLResampleWithSteps(fast.image.get(), src.image.get(), stepX, stepY);
+                                else
+                                    PLResample(fast.image.get(), src.image.get());
+                            }
+                            ReferenceResample(plain.image.get(), src.image.get(), stepX, stepY);
+                            ASSERT_EQ(fast.bytes, plain.bytes)
+                                << size[0] << "x" << size[1] << " to " << size[2] << "x" << size[3] << " src "
+                                << st << " dst " << dt << " channels " << channels << " layout " << layout
+                                << " threads " << threads;
+                        }
 }
 
 TEST(Resample, EqualSizesReproduceTheSource) {
