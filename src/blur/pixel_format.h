@@ -8,9 +8,9 @@
 #include <cstring>
 #include <type_traits>
 
+#include "plelement.h"
 #include "plimage.h"
 
-// A namespace of its own: other libraries have element helpers of the same names.
 namespace plblur {
 
 template <typename T>
@@ -31,23 +31,9 @@ struct PLElement<float> {
     static constexpr float kWhite = 1.0f;
 };
 
-// Host rows carry no alignment promise, so elements move through memcpy,
-// which compiles to a plain load or store.
-template <typename T>
-inline T PLLoadElement(const uint8_t* at) {
-    T v;
-    std::memcpy(&v, at, sizeof v);
-    return v;
-}
-
 template <typename T>
 inline float PLLoadAsFloat(const uint8_t* at) {
     return static_cast<float>(PLLoadElement<T>(at));
-}
-
-template <typename T>
-inline void PLStoreElement(uint8_t* at, T v) {
-    std::memcpy(at, &v, sizeof v);
 }
 
 // An integer element from a float that may be NaN or out of range: truncated

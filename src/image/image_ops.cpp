@@ -10,22 +10,9 @@
 #include <type_traits>
 
 #include "kqmp.h"
+#include "plelement.h"
 
 namespace {
-
-// Host rows need not be aligned for the element type, so every access is a memcpy
-// (which compiles to a plain load or store).
-template <typename T>
-T Load(const uint8_t* p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-template <typename T>
-void Store(uint8_t* p, T v) {
-    std::memcpy(p, &v, sizeof v);
-}
 
 template <typename T>
 struct ElementTraits;
@@ -89,7 +76,7 @@ void CopyElement(uint8_t* dst, const uint8_t* src) {
     if constexpr (std::is_same_v<Dst, Src>) {
         std::memcpy(dst, src, sizeof(Dst));  // same type: the bits as they stand, NaN payloads included
     } else {
-        Store<Dst>(dst, ConvertElement<Dst>(Load<Src>(src)));
+        PLStoreElement<Dst>(dst, ConvertElement<Dst>(PLLoadElement<Src>(src)));
     }
 }
 
@@ -121,7 +108,7 @@ void ScaleFloatRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args*
     const int64_t count = static_cast<int64_t>(lastRow - firstRow + 1) * image->width * image->numChannels;
     for (int64_t i = 0; i < count; ++i) {
         uint8_t* p = run + i * 4;
-        Store<float>(p, Load<float>(p) * factor);
+        PLStoreElement<float>(p, PLLoadElement<float>(p) * factor);
     }
 }
 
@@ -132,14 +119,14 @@ void PremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
         for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
-            const T a = Load<T>(p + 3 * sizeof(T));
+            const T a = PLLoadElement<T>(p + 3 * sizeof(T));
             if constexpr (std::is_same_v<T, float>) {
-                for (int c = 0; c < 3; ++c) Store<T>(p + c * sizeof(T), Load<T>(p + c * sizeof(T)) * a);
+                for (int c = 0; c < 3; ++c) PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * a);
             } else {
                 const float f = static_cast<float>(a) * ElementTraits<T>::kInverseWhite;
                 for (int c = 0; c < 3; ++c) {
-                    const float v = static_cast<float>(Load<T>(p + c * sizeof(T))) * f;
-                    Store<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                    const float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
+                    PLStoreElement<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
                 }
             }
         }
@@ -153,18 +140,18 @@ void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_ar
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
         for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
-            const T a = Load<T>(p + 3 * sizeof(T));
+            const T a = PLLoadElement<T>(p + 3 * sizeof(T));
             if (a == 0) continue;
             if constexpr (std::is_same_v<T, float>) {
                 // No clamp: a float colour may come out above 1.0.
                 const float f = 1.0f / a;
-                for (int c = 0; c < 3; ++c) Store<T>(p + c * sizeof(T), Load<T>(p + c * sizeof(T)) * f);
+                for (int c = 0; c < 3; ++c) PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * f);
             } else {
                 const float f = static_cast<float>(ElementTraits<T>::kWhite / a);
                 for (int c = 0; c < 3; ++c) {
-                    float v = static_cast<float>(Load<T>(p + c * sizeof(T))) * f;
+                    float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
                     if (v > ElementTraits<T>::kWhite) v = static_cast<float>(ElementTraits<T>::kWhite);
-                    Store<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                    PLStoreElement<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
                 }
             }
         }
@@ -179,7 +166,7 @@ void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* arg
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
-        for (int32_t i = 0; i < width; ++i, p += sizeof(T)) Store<T>(p, ElementTraits<T>::Invert(Load<T>(p)));
+        for (int32_t i = 0; i < width; ++i, p += sizeof(T)) PLStoreElement<T>(p, ElementTraits<T>::Invert(PLLoadElement<T>(p)));
     }
 }
 
@@ -368,7 +355,7 @@ void PLFillImage(PLImage* image, const float colour[4]) {
                 v = static_cast<T>(PLTruncI32(static_cast<double>(colour[c]) * ElementTraits<T>::kWhite +
                                               ElementTraits<T>::kFillRounding));
             }
-            Store<T>(pixel + c * sizeof(T), v);
+            PLStoreElement<T>(pixel + c * sizeof(T), v);
         }
     });
     if (known) DispatchRows(image->height, FillRows, image, static_cast<const uint8_t*>(pixel));

@@ -1,36 +1,26 @@
 #include "plimage.h"
 
+#include "plelement.h"
+
 #include <cstring>
 
 const int32_t PLBytesPerElement[9] = {1, 2, 4, 1, 2, 2, 2, 8, 4};
 
 namespace {
 
-template <typename T>
-T LoadAs(const void* p) {
-    T v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-template <typename T>
-void StoreAs(void* p, T v) {
-    std::memcpy(p, &v, sizeof v);
-}
-
-void ReadUChar(float* out, const void* e) { *out = static_cast<float>(LoadAs<uint8_t>(e)); }
-void ReadUShort(float* out, const void* e) { *out = static_cast<float>(LoadAs<uint16_t>(e)); }
-void ReadFloat(float* out, const void* e) { *out = LoadAs<float>(e); }
-void ReadChar(float* out, const void* e) { *out = static_cast<float>(LoadAs<int8_t>(e)); }
-void ReadShort(float* out, const void* e) { *out = static_cast<float>(LoadAs<int16_t>(e)); }
+void ReadUChar(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<uint8_t>(e)); }
+void ReadUShort(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<uint16_t>(e)); }
+void ReadFloat(float* out, const void* e) { *out = PLLoadElement<float>(e); }
+void ReadChar(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int8_t>(e)); }
+void ReadShort(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int16_t>(e)); }
 void ReadFractionShort(float* out, const void* e) {
-    *out = static_cast<float>(LoadAs<int16_t>(e)) * (1.0f / 65536.0f);
+    *out = static_cast<float>(PLLoadElement<int16_t>(e)) * (1.0f / 65536.0f);
 }
 void ReadFractionUShort(float* out, const void* e) {
-    *out = static_cast<float>(LoadAs<uint16_t>(e)) * (1.0f / 65536.0f);
+    *out = static_cast<float>(PLLoadElement<uint16_t>(e)) * (1.0f / 65536.0f);
 }
-void ReadDouble(float* out, const void* e) { *out = static_cast<float>(LoadAs<double>(e)); }
-void ReadLong(float* out, const void* e) { *out = static_cast<float>(LoadAs<int64_t>(e)); }
+void ReadDouble(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<double>(e)); }
+void ReadLong(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int64_t>(e)); }
 
 const PLElementReader kReaders[9] = {ReadUChar,  ReadUShort,        ReadFloat,          ReadChar, ReadShort,
                                      ReadFractionShort, ReadFractionUShort, ReadDouble, ReadLong};
@@ -50,32 +40,32 @@ PLElementReader PLElementReaderFor(int32_t pixelType) {
 void PLFloatToElement(int32_t pixelType, void* e, float v) {
     switch (pixelType) {
         case PLPixelUChar:
-            StoreAs<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
+            PLStoreElement<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
             break;
         case PLPixelUShort:
-            StoreAs<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
+            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
             break;
         case PLPixelFloat:
-            StoreAs<float>(e, v);
+            PLStoreElement<float>(e, v);
             break;
         case PLPixelChar:
-            StoreAs<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
+            PLStoreElement<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
             break;
         case PLPixelShort:
-            StoreAs<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
+            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
             break;
         case PLPixelFractionShort:
             // Multiplies by 2^-16 like its reader does; kept as it has always been.
-            StoreAs<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * (1.0f / 65536.0f))));
+            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * (1.0f / 65536.0f))));
             break;
         case PLPixelFractionUShort:
-            StoreAs<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * 65536.0f)));
+            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * 65536.0f)));
             break;
         case PLPixelDouble:
-            StoreAs<double>(e, static_cast<double>(v));
+            PLStoreElement<double>(e, static_cast<double>(v));
             break;
         case PLPixelLong:
-            StoreAs<int64_t>(e, PLTruncI64(v));
+            PLStoreElement<int64_t>(e, PLTruncI64(v));
             break;
         default:
             break;
@@ -196,7 +186,7 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
             // The float branch has always read the row as 16-bit elements, like
             // the ushort branch; float images are scaled by a worker of their own.
             const uint8_t* p = row + PLMul32(PLMul32(x, numChannels), 2);
-            for (int32_t c = 0; c < numChannels; ++c) out[c] = static_cast<float>(LoadAs<uint16_t>(p + 2 * c));
+            for (int32_t c = 0; c < numChannels; ++c) out[c] = static_cast<float>(PLLoadElement<uint16_t>(p + 2 * c));
             break;
         }
         default:
@@ -207,7 +197,7 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
 void PLImage::GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const {
     const uint8_t* p = Row(y) + PLMul32(x, pixelStride) + PLMul32(channel, bytesPerElement);
     if (pixelType == PLPixelFloat)
-        *out = LoadAs<float>(p);
+        *out = PLLoadElement<float>(p);
     else if (elementToFloat)  // null for an unknown type: read nothing rather than jump to null
         elementToFloat(out, p);
 }

@@ -9,6 +9,7 @@
 #include <type_traits>
 
 #include "licence.h"
+#include "plelement.h"
 #include "plimage.h"
 
 namespace {
@@ -67,18 +68,6 @@ class Mark {
 };
 
 template <typename T>
-T Load(const uint8_t* at) {
-    T v;
-    std::memcpy(&v, at, sizeof v);
-    return v;
-}
-
-template <typename T>
-void Store(uint8_t* at, T v) {
-    std::memcpy(at, &v, sizeof v);
-}
-
-template <typename T>
 void Imprint(PLImage& image, float strength, float white) {
     const Mark mark(image.width, image.height);
     const int32_t channels = image.numChannels;
@@ -91,15 +80,15 @@ void Imprint(PLImage& image, float strength, float white) {
             for (int32_t c = 0; c < channels; ++c) {
                 uint8_t* at = pixel + c * static_cast<int32_t>(sizeof(T));
                 const float target = (channels == 4 && c == 3 ? 1.0f : layer.target) * white;
-                const float v = static_cast<float>(Load<T>(at));
+                const float v = static_cast<float>(PLLoadElement<T>(at));
                 const float blended = v + (target - v) * w;
                 if constexpr (std::is_same_v<T, float>) {
-                    Store<float>(at, blended);
+                    PLStoreElement<float>(at, blended);
                 } else {
                     float r = blended + 0.5f;
                     r = r > 0.0f ? r : 0.0f;
                     r = r < white ? r : white;
-                    Store<T>(at, static_cast<T>(PLTruncI32(r)));
+                    PLStoreElement<T>(at, static_cast<T>(PLTruncI32(r)));
                 }
             }
         }

@@ -10,6 +10,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "plelement.h"
+
 // Other library code fills the mesh record by position.
 static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) == 8 &&
                   offsetof(PLMeshWarp, reserved0) == 16 && offsetof(PLMeshWarp, reserved1) == 24 &&
@@ -21,42 +23,10 @@ static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) 
 
 namespace {
 
+// Loads and stores by pixel type code: integer targets add 0.5 and truncate
+// with no clamp, float targets add 0.0.
 template <int32_t PixelType>
-struct WarpElement;
-
-template <>
-struct WarpElement<PLPixelUChar> {
-    static float Load(const uint8_t* p) { return static_cast<float>(*p); }
-    // Rounded by adding one half; no clamp, the low 8 bits are stored.
-    static void Store(uint8_t* p, float value) { *p = static_cast<uint8_t>(PLTruncI32(value + 0.5f)); }
-};
-
-template <>
-struct WarpElement<PLPixelUShort> {
-    static float Load(const uint8_t* p) {
-        uint16_t e;
-        std::memcpy(&e, p, sizeof e);
-        return static_cast<float>(e);
-    }
-    static void Store(uint8_t* p, float value) {
-        const uint16_t e = static_cast<uint16_t>(PLTruncI32(value + 0.5f));
-        std::memcpy(p, &e, sizeof e);
-    }
-};
-
-template <>
-struct WarpElement<PLPixelFloat> {
-    static float Load(const uint8_t* p) {
-        float e;
-        std::memcpy(&e, p, sizeof e);
-        return e;
-    }
-    // Adding zero turns a negative zero into a positive one.
-    static void Store(uint8_t* p, float value) {
-        const float e = value + 0.0f;
-        std::memcpy(p, &e, sizeof e);
-    }
-};
+using WarpElement = PLPixelTraits<PLElementOf<PixelType>>;
 
 constexpr int32_t ElementBytes(int32_t pixelType) {
     return pixelType == PLPixelUChar ? 1 : pixelType == PLPixelUShort ? 2 : 4;
