@@ -121,12 +121,14 @@ void PremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args
         for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
             const T a = PLLoadElement<T>(p + 3 * sizeof(T));
             if constexpr (std::is_same_v<T, float>) {
-                for (int c = 0; c < 3; ++c) PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * a);
+                for (int c = 0; c < 3; ++c)
+                    PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * a);
             } else {
                 const float f = static_cast<float>(a) * ElementTraits<T>::kInverseWhite;
                 for (int c = 0; c < 3; ++c) {
                     const float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
-                    PLStoreElement<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                    PLStoreElement<T>(p + c * sizeof(T),
+                                      static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
                 }
             }
         }
@@ -145,13 +147,15 @@ void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_ar
             if constexpr (std::is_same_v<T, float>) {
                 // No clamp: a float colour may come out above 1.0.
                 const float f = 1.0f / a;
-                for (int c = 0; c < 3; ++c) PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * f);
+                for (int c = 0; c < 3; ++c)
+                    PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * f);
             } else {
                 const float f = static_cast<float>(ElementTraits<T>::kWhite / a);
                 for (int c = 0; c < 3; ++c) {
                     float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
                     if (v > ElementTraits<T>::kWhite) v = static_cast<float>(ElementTraits<T>::kWhite);
-                    PLStoreElement<T>(p + c * sizeof(T), static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                    PLStoreElement<T>(p + c * sizeof(T),
+                                      static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
                 }
             }
         }
@@ -166,7 +170,8 @@ void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* arg
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
-        for (int32_t i = 0; i < width; ++i, p += sizeof(T)) PLStoreElement<T>(p, ElementTraits<T>::Invert(PLLoadElement<T>(p)));
+        for (int32_t i = 0; i < width; ++i, p += sizeof(T))
+            PLStoreElement<T>(p, ElementTraits<T>::Invert(PLLoadElement<T>(p)));
     }
 }
 

@@ -1,28 +1,42 @@
 #include "plimage.h"
 
-#include "plelement.h"
-
 #include <cstring>
+
+#include "plelement.h"
 
 const int32_t PLBytesPerElement[9] = {1, 2, 4, 1, 2, 2, 2, 8, 4};
 
 namespace {
 
-void ReadUChar(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<uint8_t>(e)); }
-void ReadUShort(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<uint16_t>(e)); }
-void ReadFloat(float* out, const void* e) { *out = PLLoadElement<float>(e); }
-void ReadChar(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int8_t>(e)); }
-void ReadShort(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int16_t>(e)); }
+void ReadUChar(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<uint8_t>(e));
+}
+void ReadUShort(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<uint16_t>(e));
+}
+void ReadFloat(float* out, const void* e) {
+    *out = PLLoadElement<float>(e);
+}
+void ReadChar(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<int8_t>(e));
+}
+void ReadShort(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<int16_t>(e));
+}
 void ReadFractionShort(float* out, const void* e) {
     *out = static_cast<float>(PLLoadElement<int16_t>(e)) * (1.0f / 65536.0f);
 }
 void ReadFractionUShort(float* out, const void* e) {
     *out = static_cast<float>(PLLoadElement<uint16_t>(e)) * (1.0f / 65536.0f);
 }
-void ReadDouble(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<double>(e)); }
-void ReadLong(float* out, const void* e) { *out = static_cast<float>(PLLoadElement<int64_t>(e)); }
+void ReadDouble(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<double>(e));
+}
+void ReadLong(float* out, const void* e) {
+    *out = static_cast<float>(PLLoadElement<int64_t>(e));
+}
 
-const PLElementReader kReaders[9] = {ReadUChar,  ReadUShort,        ReadFloat,          ReadChar, ReadShort,
+const PLElementReader kReaders[9] = {ReadUChar,         ReadUShort,         ReadFloat,  ReadChar, ReadShort,
                                      ReadFractionShort, ReadFractionUShort, ReadDouble, ReadLong};
 
 }  // namespace
@@ -99,8 +113,8 @@ PLImage::PLImage(bool throwOnFailure, void* d, int32_t w, int32_t h, int32_t nc,
     InitOutside(throwOnFailure, d, w, h, PLMul32(PLMul32(w, PLElementSize(pt)), nc), nc, pt, fl);
 }
 
-void PLImage::InitOutside(bool throwOnFailure, void* d, int32_t w, int32_t h, int32_t rb, int32_t nc, int32_t pt,
-                          int32_t fl) {
+void PLImage::InitOutside(bool throwOnFailure, void* d, int32_t w, int32_t h, int32_t rb, int32_t nc,
+                          int32_t pt, int32_t fl) {
     errorCode = 0;
     numChannels = nc;
     data = static_cast<uint8_t*>(d);
@@ -186,7 +200,8 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
             // The float branch has always read the row as 16-bit elements, like
             // the ushort branch; float images are scaled by a worker of their own.
             const uint8_t* p = row + PLMul32(PLMul32(x, numChannels), 2);
-            for (int32_t c = 0; c < numChannels; ++c) out[c] = static_cast<float>(PLLoadElement<uint16_t>(p + 2 * c));
+            for (int32_t c = 0; c < numChannels; ++c)
+                out[c] = static_cast<float>(PLLoadElement<uint16_t>(p + 2 * c));
             break;
         }
         default:

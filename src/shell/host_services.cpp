@@ -128,25 +128,27 @@ OfxStatus Deliver(Kind kind, OfxImageEffectHandle effect, const ofxHost* host, b
 
 }  // namespace
 
-int qvofx_error(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format,
-                ...) {
+int qvofx_error(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix,
+                const char* format, ...) {
     if (status == qvStatAborted || status == kOfxStatFailed) return kOfxStatOK;
     va_list args;
     va_start(args, format);
-    const OfxStatus sent = Deliver(Kind::Error, effect, host, status == kOfxStatErrMemory, prefix, format, args);
+    const OfxStatus sent =
+        Deliver(Kind::Error, effect, host, status == kOfxStatErrMemory, prefix, format, args);
     va_end(args);
     return sent;
 }
 
-void qvofx_fatal(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format,
-                 ...) {
+void qvofx_fatal(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix,
+                 const char* format, ...) {
     va_list args;
     va_start(args, format);
     Deliver(Kind::Fatal, effect, host, status == kOfxStatErrMemory, prefix, format, args);
     va_end(args);
 }
 
-void qvofx_message(OfxImageEffectHandle effect, ofxHost* host, int, const char* prefix, const char* format, ...) {
+void qvofx_message(OfxImageEffectHandle effect, ofxHost* host, int, const char* prefix, const char* format,
+                   ...) {
     va_list args;
     va_start(args, format);
     Deliver(Kind::Message, effect, host, false, prefix, format, args);
