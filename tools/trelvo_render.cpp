@@ -356,11 +356,13 @@ int describe(const std::string& path, bool full) {
     return failures ? 1 : 0;
 }
 
-// Ctrl-C and a farm's SIGTERM end the frame through the host's abort.
-volatile sig_atomic_t gStopSignal = 0;
+// Ctrl-C and a farm's SIGTERM end the frame through the host's abort. A
+// lock-free atomic: written by the handler, read by the render's watcher thread.
+std::atomic<int> gStopSignal{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs a lock-free flag");
 
 void onStopSignal(int signal) {
-    gStopSignal = signal;
+    gStopSignal.store(signal);
 }
 
 void installStopHandlers() {
@@ -373,7 +375,7 @@ void installStopHandlers() {
 }
 
 int stopStatus() {
-    return 128 + static_cast<int>(gStopSignal);
+    return 128 + gStopSignal.load();
 }
 
 std::string folderOf(const std::string& path) {
