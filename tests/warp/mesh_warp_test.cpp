@@ -162,8 +162,7 @@ TEST(WarpTriangle, SharedDiagonalBelongsToTheLaterTriangle) {
     }
 }
 
-TEST(WarpTriangle, StoresAndEveryMemberInterpolatesEveryChannel) {
-    // Integer targets round by adding one half, without a clamp.
+TEST(WarpTriangle, IntegerTargetsRoundByAddingOneHalfWithoutClamp) {
     const struct {
         float value, uchar, ushort;
     } stores[] = {{2.49f, 2, 2},         {2.5f, 3, 3},  {254.6f, 255, 255},  {300.0f, 44, 300},
@@ -173,21 +172,6 @@ TEST(WarpTriangle, StoresAndEveryMemberInterpolatesEveryChannel) {
         EXPECT_EQ(Probe(*src, 0.5f, 0.5f, PLPixelUChar)[0], k.uchar) << "value " << k.value;
         EXPECT_EQ(Probe(*src, 0.5f, 0.5f, PLPixelUShort)[0], k.ushort) << "value " << k.value;
     }
-    for (int32_t sourceType : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
-        for (int32_t targetType : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
-            for (int32_t channels = 1; channels <= 4; ++channels) {
-                SCOPED_TRACE(std::to_string(sourceType) + "->" + std::to_string(targetType) + " x" +
-                             std::to_string(channels));
-                auto src = MakeImage(5, 4, channels, sourceType,
-                                     [](int32_t x, int32_t y, int32_t c) { return Ramp(x, y) + c; });
-                const std::vector<float> exact = Probe(*src, 1.25f, 2.5f, targetType);
-                const std::vector<float> half = Probe(*src, 1.125f, 0.5f, targetType);
-                for (int32_t c = 0; c < channels; ++c) {
-                    EXPECT_EQ(exact[c], 45.0f + c);
-                    // 12.5 + c: kept in a float target, rounded up in an integer one.
-                    EXPECT_EQ(half[c], (targetType == PLPixelFloat ? 12.5f : 13.0f) + c);
-                }
-            }
 }
 
 TEST(WarpTriangle, BilinearSampleAndItsGuards) {
@@ -275,7 +259,7 @@ TEST(SampleFlow, DirectReadAndBilinearSample) {
     }
     float dx = -1, dy = -1;
     PLSampleFlow(1, 1, 1, 1, Blank(4, 3, 2, PLPixelUChar).get(), &dx, &dy);
-    EXPECT_EQ(dx * 10 + dy, 0.0f) << "not a float flow";
+    EXPECT_TRUE(dx == 0.0f && dy == 0.0f) << "not a float flow";
 }
 
 struct Mesh {
@@ -313,7 +297,7 @@ TEST(WarpMesh, ZeroFlowReproducesTheSourceInEveryMember) {
                 m.record.reserved0 = 7;
                 m.record.reserved1 = 9;
                 PLWarpMesh(1.5f, &m.record);
-                EXPECT_EQ(m.record.reserved0 + m.record.reserved1, 0u) << "both cleared";
+                EXPECT_TRUE(m.record.reserved0 == 0 && m.record.reserved1 == 0);
                 for (int32_t y = 0; y < 4; ++y)
                     for (int32_t x = 0; x < 5; ++x)
                         for (int32_t c = 0; c < 4; ++c)  // channels past the source's keep what they held
