@@ -80,7 +80,7 @@ TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
     struct Case {
         const char* what;
         int32_t fw, fh, fc, ftype, vw, vc, vtype;
-        int32_t decodedColumns;  // columns of row 0 written with 3.0, the rest untouched
+        int32_t decodedColumns;  // leading columns of each row decoded to 3.0, the rest untouched
     };
     const Case cases[] = {
         {"other width", 5, 3, 2, PLPixelFloat, 4, 4, PLPixelUChar, 0},

@@ -96,52 +96,53 @@ std::vector<float> Probe(const PLImage& src, float u, float v, int32_t targetTyp
 
 TEST(WarpTriangle, CoverageScanClosingPassAndThresholds) {
     auto src = RampSource(8, 8);
-    const auto drawn = [&](const Triangle& t, int32_t w, int32_t h, int32_t xLimit, int32_t yLimit) {
+    const auto check = [&](const char* what, const Triangle& t, int32_t w, int32_t h, int32_t yLimit,
+                           const Pixels& expected) {
+        SCOPED_TRACE(what);
         auto dst = Blank(w, h);
-        Draw(t, *src, *dst, xLimit, yLimit);
-        return dst;
+        Draw(t, *src, *dst, w - 1, yLimit);
+        ExpectPixels(*dst, expected);
     };
-    SCOPED_TRACE(
-        "wholly outside: left, above, past xLimit, past yLimit, an edge x + y = -4 missing the image");
+    const Pixels at11 = [](int32_t, int32_t) { return Ramp(1, 1); };
     for (const Triangle& t : {Flat(-5, 0, -0.5f, 0, -3, 5, 1, 1), Flat(0, -5, 7, -0.5f, 3, -2, 1, 1),
                               Flat(5.5f, 0, 7.5f, 0, 7, 5, 1, 1), Flat(0, 3.5f, 7, 3.5f, 3, 5.5f, 1, 1),
-                              Flat(-9, 5, 5, -9, -9, -9, 1, 1)})
-        ExpectPixels(*drawn(t, 8, 6, 5, 3), nullptr);
+                              Flat(-9, 5, 5, -9, -9, -9, 1, 1)}) {
+        auto dst = Blank(8, 6);
+        Draw(t, *src, *dst, 5, 3);  // left, above, past xLimit, past yLimit, edge x + y = -4 missing it
+        ExpectPixels(*dst, nullptr);
+    }
     // Integer corners: rows from the top vertex down to the row before the
     // bottom one, columns from ceil(left) to floor(right).
-    ExpectPixels(*drawn(Identity(0, 0, 4, 0, 0, 4), 8, 8, 7, 7),
-                 Where([](int32_t x, int32_t y) { return y <= 3 && x <= 4 - y; }, kRamp));
+    check("integer corners", Identity(0, 0, 4, 0, 0, 4), 8, 8, 7,
+          Where([](int32_t x, int32_t y) { return y <= 3 && x <= 4 - y; }, kRamp));
     // Fractional corners past column 0 and yLimit: rows 1 to 7, left edge at
     // 1.75 - y / 2 (rounded up, clipped at 0), right edge at 6 - y.
-    ExpectPixels(
-        *drawn(Flat(1.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), 8, 8, 7, 7),
-        Where([](int32_t x, int32_t y) { return y >= 1 && x >= std::ceil(1.75f - y / 2.0f) && x <= 6 - y; },
-              [](int32_t, int32_t) { return Ramp(1, 1); }));
+    check("fractional corners", Flat(1.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), 8, 8, 7,
+          Where([](int32_t x, int32_t y) { return y >= 1 && x >= std::ceil(1.75f - y / 2.0f) && x <= 6 - y; },
+                at11));
     // Flat bottom on row 3: apex row 1 has a zero span, row 2 spans 0..2; row 3
     // is drawn only when it is yLimit, by the closing pass.
-    const Triangle flatBottom = Identity(0, 1, 0, 3, 4, 3);
-    ExpectPixels(*drawn(flatBottom, 8, 6, 7, 3),
-                 Where([](int32_t x, int32_t y) { return (y == 2 && x <= 2) || (y == 3 && x <= 4); }, kRamp));
-    ExpectPixels(*drawn(flatBottom, 8, 6, 7, 5),
-                 Where([](int32_t x, int32_t y) { return y == 2 && x <= 2; }, kRamp));
+    check("bottom on yLimit", Identity(0, 1, 0, 3, 4, 3), 8, 6, 3,
+          Where([](int32_t x, int32_t y) { return (y == 2 && x <= 2) || (y == 3 && x <= 4); }, kRamp));
+    check("bottom above yLimit", Identity(0, 1, 0, 3, 4, 3), 8, 6, 5,
+          Where([](int32_t x, int32_t y) { return y == 2 && x <= 2; }, kRamp));
     // Zero height: nothing, except on row yLimit. The first corner lies between
     // the other two, so the span is 0..3 whichever two bound it.
-    const Triangle line = Identity(2, 4, 0, 4, 3, 4);
-    ExpectPixels(*drawn(line, 8, 6, 7, 4),
-                 Where([](int32_t x, int32_t y) { return y == 4 && x <= 3; }, kRamp));
-    ExpectPixels(*drawn(line, 8, 6, 7, 5), nullptr);
+    check("line on yLimit", Identity(2, 4, 0, 4, 3, 4), 8, 6, 4,
+          Where([](int32_t x, int32_t y) { return y == 4 && x <= 3; }, kRamp));
+    check("line above yLimit", Identity(2, 4, 0, 4, 3, 4), 8, 6, 5, nullptr);
     // A sliver on column 0 from y = -1 to 3 of width w at the bottom: its span
     // on row y is w * (y + 1) / 4. The scan needs more than 1e-8 (row 0's span
     // of 8e-9 holds pixel 0's centre, yet is not drawn); the closing pass on
     // row 3 = yLimit needs more than 1e-5.
     const struct {
+        const char* what;
         float w;
         int32_t firstRow, lastRow;
-    } slivers[] = {{3.2e-8f, 1, 2}, {5e-6f, 0, 2}, {2e-5f, 0, 3}};
-    for (const auto& s : slivers)
-        ExpectPixels(*drawn(Flat(0, -1, 0, 3, s.w, 3, 1, 1), 2, 5, 1, 3),
-                     Where([&](int32_t x, int32_t y) { return x == 0 && y >= s.firstRow && y <= s.lastRow; },
-                           [](int32_t, int32_t) { return Ramp(1, 1); }));
+    } slivers[] = {{"w 3.2e-8", 3.2e-8f, 1, 2}, {"w 5e-6", 5e-6f, 0, 2}, {"w 2e-5", 2e-5f, 0, 3}};
+    for (const auto& k : slivers)
+        check(k.what, Flat(0, -1, 0, 3, k.w, 3, 1, 1), 2, 5, 3,
+              Where([&](int32_t x, int32_t y) { return x == 0 && y >= k.firstRow && y <= k.lastRow; }, at11));
 }
 
 TEST(WarpTriangle, SharedDiagonalBelongsToTheLaterTriangle) {
