@@ -1,5 +1,5 @@
 // Small helpers of the vector-field tests: typed element access by logical
-// position, sentinel filling, and a scoped thread limit.
+// position, bit views, and a scoped thread limit.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,6 @@ void Set(PLImage* im, int32_t x, int32_t y, int32_t c, T v) {
                 &v, sizeof v);
 }
 
-// Every element of the image as one value.
 template <typename T>
 void FillAll(PLImage* im, T v) {
     for (int32_t y = 0; y < im->height; ++y)
@@ -39,8 +38,8 @@ void FillAll(PLImage* im, T v) {
 }
 
 inline bool SameBytes(const PLImage* a, const PLImage* b) {
-    if (a->rowBytes != b->rowBytes || a->height != b->height) return false;
-    return std::memcmp(a->data, b->data, static_cast<size_t>(a->rowBytes) * a->height) == 0;
+    return a->rowBytes == b->rowBytes && a->height == b->height &&
+           std::memcmp(a->data, b->data, static_cast<size_t>(a->rowBytes) * a->height) == 0;
 }
 
 inline ImagePtr CopyOf(const PLImage* im) {
@@ -49,29 +48,22 @@ inline ImagePtr CopyOf(const PLImage* im) {
     return copy;
 }
 
-// A sentinel float whose bits no computation here produces.
-inline float Sentinel() {
-    const uint32_t bits = 0x7fc0dead;
-    float v;
-    std::memcpy(&v, &bits, sizeof v);
-    return v;
-}
-
-inline bool IsSentinel(float v) {
-    uint32_t bits;
-    std::memcpy(&bits, &v, sizeof bits);
-    return bits == 0x7fc0dead;
-}
-
 inline uint32_t Bits(float v) {
     uint32_t bits;
     std::memcpy(&bits, &v, sizeof bits);
     return bits;
 }
 
-// Sets the thread limit for one test and puts the processor count back after.
-class ThreadLimit {
-  public:
+// A NaN whose bits no computation here produces, to show an untouched element.
+constexpr uint32_t kSentinelBits = 0x7fc0dead;
+inline float Sentinel() {
+    float v;
+    std::memcpy(&v, &kSentinelBits, sizeof v);
+    return v;
+}
+
+// Sets the thread limit for one scope and puts the processor count back after.
+struct ThreadLimit {
     explicit ThreadLimit(int32_t count) { setThreadCount(count); }
     ~ThreadLimit() { setThreadCount(0); }
 };

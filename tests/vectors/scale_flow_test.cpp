@@ -1,14 +1,12 @@
 // The user's vector scale on the flow image.
 #include <gtest/gtest.h>
 
-#include <cmath>
-
 #include "flow_field.h"
 #include "image_helpers.h"
 
 namespace {
 
-TEST(ScaleFlow, ScalesEachAxisByItsFactorWithoutShortCuts) {
+TEST(ScaleFlow, ScalesEachAxisWithoutShortCutsAndLeavesOtherImagesAlone) {
     ImagePtr flow = MakeImage(3, 40, 2, PLPixelFloat, 1);
     for (int32_t y = 0; y < 40; ++y)
         for (int32_t x = 0; x < 3; ++x) {
@@ -19,21 +17,16 @@ TEST(ScaleFlow, ScalesEachAxisByItsFactorWithoutShortCuts) {
     PLScaleFlow(0.0f, -2.5f, flow.get());
     for (int32_t y = 0; y < 40; ++y)
         for (int32_t x = 0; x < 3; ++x) {
-            const float dx = Get<float>(flow.get(), x, y, 0);
-            EXPECT_EQ(dx, 0.0f);
-            EXPECT_FALSE(std::signbit(dx));
+            EXPECT_EQ(Bits(Get<float>(flow.get(), x, y, 0)), 0u) << "positive zero";
             EXPECT_EQ(Get<float>(flow.get(), x, y, 1), 2.5f * static_cast<float>(y + 1)) << y;
         }
     PLScaleFlow(-1.0f, 1.0f, flow.get());
-    EXPECT_TRUE(std::signbit(Get<float>(flow.get(), 0, 0, 0))) << "0 * -1 is negative zero";
-}
+    EXPECT_EQ(Bits(Get<float>(flow.get(), 0, 0, 0)), 0x80000000u) << "0 * -1 is negative zero";
 
-TEST(ScaleFlow, OtherImagesAreLeftAlone) {
     ImagePtr three = MakeImage(2, 2, 3, PLPixelFloat);
     FillAll<float>(three.get(), 1.5f);
     PLScaleFlow(2.0f, 2.0f, three.get());
     EXPECT_EQ(Get<float>(three.get(), 1, 1, 0), 1.5f);
-
     ImagePtr shorts = MakeImage(2, 2, 2, PLPixelUShort);
     FillAll<uint16_t>(shorts.get(), 7);
     PLScaleFlow(2.0f, 2.0f, shorts.get());

@@ -20,38 +20,23 @@ namespace {
 constexpr float kSentinel = 250.0f;
 constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
-// Element c of logical pixel (x, y), addressed from the record's fields.
-uint8_t* At(const PLImage& im, int32_t x, int32_t y, int32_t c) {
-    const int32_t storedRow = im.flipped ? im.height - 1 - y : y;
-    return im.data + static_cast<std::ptrdiff_t>(storedRow) * im.rowBytes + x * im.pixelStride +
-           c * im.bytesPerElement;
-}
-
 float Get(const PLImage& im, int32_t x, int32_t y, int32_t c = 0) {
-    const uint8_t* p = At(im, x, y, c);
-    if (im.pixelType == PLPixelUChar) return *p;
-    if (im.pixelType == PLPixelUShort) {
-        uint16_t e;
-        std::memcpy(&e, p, sizeof e);
-        return e;
-    }
-    float e;
-    std::memcpy(&e, p, sizeof e);
-    return e;
-}
-
-void Set(const PLImage& im, int32_t x, int32_t y, int32_t c, float value) {
-    PLFloatToElement(im.pixelType, At(im, x, y, c), value);
+    float v;
+    im.GetChannel(x, y, &v, c);
+    return v;
 }
 
 using PixelValue = std::function<float(int32_t x, int32_t y, int32_t c)>;
+using Pixels = std::function<float(int32_t x, int32_t y)>;
 
 std::unique_ptr<PLImage> MakeImage(int32_t w, int32_t h, int32_t channels, int32_t type,
                                    const PixelValue& value, int32_t flipped = 0) {
     auto im = std::make_unique<PLImage>(w, h, channels, type, flipped);
     for (int32_t y = 0; y < h; ++y)
         for (int32_t x = 0; x < w; ++x)
-            for (int32_t c = 0; c < channels; ++c) Set(*im, x, y, c, value(x, y, c));
+            for (int32_t c = 0; c < channels; ++c)
+                PLFloatToElement(type, im->Row(y) + x * im->pixelStride + c * im->bytesPerElement,
+                                 value(x, y, c));
     return im;
 }
 
@@ -63,37 +48,41 @@ std::unique_ptr<PLImage> Blank(int32_t w, int32_t h, int32_t channels = 1, int32
 float Ramp(float x, float y) {
     return 4.0f * x + 16.0f * y;
 }
+const Pixels kRamp = [](int32_t x, int32_t y) { return Ramp(x, y); };
 
 std::unique_ptr<PLImage> RampSource(int32_t w, int32_t h) {
     return MakeImage(w, h, 1, PLPixelFloat, [](int32_t x, int32_t y, int32_t) { return Ramp(x, y); });
 }
 
-struct Corner {
-    float x, y, u, v;
-};
-
 using Triangle = std::array<float, 3 * PLWarpVertexFloats>;
 
-Triangle Tri(Corner a, Corner b, Corner c) {
-    return {a.x, a.y, a.u, a.v, 0.0f, b.x, b.y, b.u, b.v, 0.0f, c.x, c.y, c.u, c.v, 0.0f};
+// Corners (x, y) in the target mapped to the same (x, y) in the source.
+Triangle Identity(float ax, float ay, float bx, float by, float cx, float cy) {
+    return {ax, ay, ax, ay, 0, bx, by, bx, by, 0, cx, cy, cx, cy, 0};
 }
 
 // A triangle whose corners all map to source position (u, v).
 Triangle Flat(float ax, float ay, float bx, float by, float cx, float cy, float u, float v) {
-    return Tri({ax, ay, u, v}, {bx, by, u, v}, {cx, cy, u, v});
+    return {ax, ay, u, v, 0, bx, by, u, v, 0, cx, cy, u, v, 0};
 }
 
 void Draw(const Triangle& t, const PLImage& src, PLImage& dst, int32_t xLimit, int32_t yLimit) {
     PLWarpTriangle(t.data(), 0, &src, &dst, xLimit, yLimit);
 }
 
-// Channel 0 of every pixel: value(x, y) where covered, the sentinel elsewhere.
-void ExpectPixels(const PLImage& im, const std::function<bool(int32_t, int32_t)>& covered,
-                  const std::function<float(int32_t, int32_t)>& value, const char* what) {
+// Channel 0 of every pixel: value(x, y) where `value` is given and returns a
+// number, the sentinel elsewhere (a NaN from `value` means not covered).
+void ExpectPixels(const PLImage& im, const Pixels& value) {
     for (int32_t y = 0; y < im.height; ++y)
-        for (int32_t x = 0; x < im.width; ++x)
-            EXPECT_EQ(Get(im, x, y), covered(x, y) ? value(x, y) : kSentinel)
-                << what << ": pixel (" << x << ", " << y << ")";
+        for (int32_t x = 0; x < im.width; ++x) {
+            const float want = value ? value(x, y) : kNaN;
+            EXPECT_EQ(Get(im, x, y), std::isnan(want) ? kSentinel : want)
+                << "pixel (" << x << ", " << y << ")";
+        }
+}
+
+Pixels Where(std::function<bool(int32_t, int32_t)> covered, Pixels value) {
+    return [=](int32_t x, int32_t y) { return covered(x, y) ? value(x, y) : kNaN; };
 }
 
 // The value written for a triangle mapped wholly to (u, v), one per channel.
@@ -105,136 +94,93 @@ std::vector<float> Probe(const PLImage& src, float u, float v, int32_t targetTyp
     return out;
 }
 
-TEST(WarpTriangle, TrianglesWhollyOutsideWriteNothing) {
-    auto src = RampSource(4, 4);
-    auto dst = Blank(8, 6);
-    Draw(Flat(-5, 0, -0.5f, 0, -3, 5, 1, 1), *src, *dst, 5, 3);     // left of column 0
-    Draw(Flat(0, -5, 7, -0.5f, 3, -2, 1, 1), *src, *dst, 5, 3);     // above row 0
-    Draw(Flat(5.5f, 0, 7.5f, 0, 7, 5, 1, 1), *src, *dst, 5, 3);     // past xLimit, inside the image
-    Draw(Flat(0, 3.5f, 7, 3.5f, 3, 5.5f, 1, 1), *src, *dst, 5, 3);  // past yLimit, inside the image
-    Draw(Flat(-9, 5, 5, -9, -9, -9, 1, 1), *src, *dst, 5,
-         3);  // crosses the axes, its edge x + y = -4 misses the image
-    ExpectPixels(
-        *dst, [](int32_t, int32_t) { return false; }, nullptr, "outside");
-}
-
-TEST(WarpTriangle, ScanCoverageAndInterpolation) {
+TEST(WarpTriangle, CoverageScanClosingPassAndThresholds) {
     auto src = RampSource(8, 8);
-    // Integer corners, identity mapping: rows from the top vertex down to the
-    // row before the bottom one, columns from ceil(left) to floor(right), each
-    // pixel the source pixel under it.
-    auto dst = Blank(8, 8);
-    Draw(Tri({0, 0, 0, 0}, {4, 0, 4, 0}, {0, 4, 0, 4}), *src, *dst, 7, 7);
-    ExpectPixels(
-        *dst, [](int32_t x, int32_t y) { return y <= 3 && x <= 4 - y; },
-        [](int32_t x, int32_t y) { return Ramp(x, y); }, "integer triangle");
-
-    // Fractional corners reaching past column 0 and past yLimit: rows 1 to 7,
-    // left edge at 1.75 - y / 2 (rounded up, clipped at 0), right edge at 6 - y.
-    auto clipped = Blank(8, 8);
-    Draw(Flat(1.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), *src, *clipped, 7, 7);
-    ExpectPixels(
-        *clipped,
-        [](int32_t x, int32_t y) { return y >= 1 && x >= std::ceil(1.75f - y / 2.0f) && x <= 6 - y; },
-        [](int32_t, int32_t) { return Ramp(1, 1); }, "fractional triangle");
-}
-
-TEST(WarpTriangle, BottomEdgeOnTheLastRowIsDrawnByTheClosingPass) {
-    auto src = RampSource(8, 8);
-    const auto ramp = [](int32_t x, int32_t y) { return Ramp(x, y); };
-    const Triangle flatBottom = Tri({0, 1, 0, 1}, {0, 3, 0, 3}, {4, 3, 4, 3});
-    // Row 1 is the apex (zero span), row 2 spans 0..2, row 3 is the bottom edge.
-    auto atLimit = Blank(8, 6);
-    Draw(flatBottom, *src, *atLimit, 7, 3);
-    ExpectPixels(
-        *atLimit, [](int32_t x, int32_t y) { return (y == 2 && x <= 2) || (y == 3 && x <= 4); }, ramp,
-        "bottom edge on yLimit");
-    auto aboveLimit = Blank(8, 6);
-    Draw(flatBottom, *src, *aboveLimit, 7, 5);
-    ExpectPixels(
-        *aboveLimit, [](int32_t x, int32_t y) { return y == 2 && x <= 2; }, ramp, "bottom edge above yLimit");
-
-    // Zero height: nothing, except on row yLimit. The first corner lies
-    // between the other two, so the span is 0..3 whichever two bound it.
-    const Triangle line = Tri({2, 4, 2, 4}, {0, 4, 0, 4}, {3, 4, 3, 4});
-    auto lineOnLimit = Blank(8, 6);
-    Draw(line, *src, *lineOnLimit, 7, 4);
-    ExpectPixels(
-        *lineOnLimit, [](int32_t x, int32_t y) { return y == 4 && x <= 3; }, ramp, "line on yLimit");
-    auto lineAboveLimit = Blank(8, 6);
-    Draw(line, *src, *lineAboveLimit, 7, 5);
-    ExpectPixels(
-        *lineAboveLimit, [](int32_t, int32_t) { return false; }, nullptr, "line above yLimit");
+    const auto check = [&](const char* what, const Triangle& t, int32_t w, int32_t h, int32_t yLimit,
+                           const Pixels& expected) {
+        SCOPED_TRACE(what);
+        auto dst = Blank(w, h);
+        Draw(t, *src, *dst, w - 1, yLimit);
+        ExpectPixels(*dst, expected);
+    };
+    const Pixels at11 = [](int32_t, int32_t) { return Ramp(1, 1); };
+    for (const Triangle& t : {Flat(-5, 0, -0.5f, 0, -3, 5, 1, 1), Flat(0, -5, 7, -0.5f, 3, -2, 1, 1),
+                              Flat(5.5f, 0, 7.5f, 0, 7, 5, 1, 1), Flat(0, 3.5f, 7, 3.5f, 3, 5.5f, 1, 1),
+                              Flat(-9, 5, 5, -9, -9, -9, 1, 1)}) {
+        auto dst = Blank(8, 6);
+        Draw(t, *src, *dst, 5, 3);  // left, above, past xLimit, past yLimit, edge x + y = -4 missing it
+        ExpectPixels(*dst, nullptr);
+    }
+    // Integer corners: rows from the top vertex down to the row before the
+    // bottom one, columns from ceil(left) to floor(right).
+    check("integer corners", Identity(0, 0, 4, 0, 0, 4), 8, 8, 7,
+          Where([](int32_t x, int32_t y) { return y <= 3 && x <= 4 - y; }, kRamp));
+    // Fractional corners past column 0 and yLimit: rows 1 to 7, left edge at
+    // 1.75 - y / 2 (rounded up, clipped at 0), right edge at 6 - y.
+    check("fractional corners", Flat(1.5f, 0.5f, 5.5f, 0.5f, -2.5f, 8.5f, 1, 1), 8, 8, 7,
+          Where([](int32_t x, int32_t y) { return y >= 1 && x >= std::ceil(1.75f - y / 2.0f) && x <= 6 - y; },
+                at11));
+    // Flat bottom on row 3: apex row 1 has a zero span, row 2 spans 0..2; row 3
+    // is drawn only when it is yLimit, by the closing pass.
+    check("bottom on yLimit", Identity(0, 1, 0, 3, 4, 3), 8, 6, 3,
+          Where([](int32_t x, int32_t y) { return (y == 2 && x <= 2) || (y == 3 && x <= 4); }, kRamp));
+    check("bottom above yLimit", Identity(0, 1, 0, 3, 4, 3), 8, 6, 5,
+          Where([](int32_t x, int32_t y) { return y == 2 && x <= 2; }, kRamp));
+    // Zero height: nothing, except on row yLimit. The first corner lies between
+    // the other two, so the span is 0..3 whichever two bound it.
+    check("line on yLimit", Identity(2, 4, 0, 4, 3, 4), 8, 6, 4,
+          Where([](int32_t x, int32_t y) { return y == 4 && x <= 3; }, kRamp));
+    check("line above yLimit", Identity(2, 4, 0, 4, 3, 4), 8, 6, 5, nullptr);
+    // A sliver on column 0 from y = -1 to 3 of width w at the bottom: its span
+    // on row y is w * (y + 1) / 4. The scan needs more than 1e-8 (row 0's span
+    // of 8e-9 holds pixel 0's centre, yet is not drawn); the closing pass on
+    // row 3 = yLimit needs more than 1e-5.
+    const struct {
+        const char* what;
+        float w;
+        int32_t firstRow, lastRow;
+    } slivers[] = {{"w 3.2e-8", 3.2e-8f, 1, 2}, {"w 5e-6", 5e-6f, 0, 2}, {"w 2e-5", 2e-5f, 0, 3}};
+    for (const auto& k : slivers)
+        check(k.what, Flat(0, -1, 0, 3, k.w, 3, 1, 1), 2, 5, 3,
+              Where([&](int32_t x, int32_t y) { return x == 0 && y >= k.firstRow && y <= k.lastRow; }, at11));
 }
 
 TEST(WarpTriangle, SharedDiagonalBelongsToTheLaterTriangle) {
     auto src = RampSource(4, 4);
-    const Triangle upper = Flat(0, 0, 4, 0, 0, 4, 1, 1);  // writes Ramp(1, 1) = 20
-    const Triangle lower = Flat(4, 4, 4, 0, 0, 4, 2, 2);  // writes Ramp(2, 2) = 40
-    // The upper one covers x <= 4 - y on rows 0 to 3; the lower one starts
-    // with a zero span on row 0 and covers 4 - y <= x <= 4 on rows 1 to 3.
+    const Triangle upper = Flat(0, 0, 4, 0, 0, 4, 1, 1);  // writes Ramp(1, 1) = 20 on x <= 4 - y, rows 0..3
+    const Triangle lower = Flat(4, 4, 4, 0, 0, 4, 2, 2);  // writes 40 on 4 - y <= x <= 4, rows 1..3
     const auto inUpper = [](int32_t x, int32_t y) { return y <= 3 && x <= 4 - y; };
     const auto inLower = [](int32_t x, int32_t y) { return y >= 1 && y <= 3 && x >= 4 - y && x <= 4; };
-    const auto inEither = [&](int32_t x, int32_t y) { return inUpper(x, y) || inLower(x, y); };
-    auto lowerLast = Blank(6, 6);
-    Draw(upper, *src, *lowerLast, 5, 5);
-    Draw(lower, *src, *lowerLast, 5, 5);
-    ExpectPixels(
-        *lowerLast, inEither, [&](int32_t x, int32_t y) { return inLower(x, y) ? 40.0f : 20.0f; },
-        "lower last");
-    auto upperLast = Blank(6, 6);
-    Draw(lower, *src, *upperLast, 5, 5);
-    Draw(upper, *src, *upperLast, 5, 5);
-    ExpectPixels(
-        *upperLast, inEither, [&](int32_t x, int32_t y) { return inUpper(x, y) ? 20.0f : 40.0f; },
-        "upper last");
-}
-
-TEST(WarpTriangle, SpansBelowTheThresholdsDrawNothing) {
-    // A sliver on column 0 from y = -1 to 3 of width w at the bottom: its span
-    // on row y is w * (y + 1) / 4, and row 3 (= yLimit) is the closing pass's.
-    auto src = RampSource(2, 2);
-    const auto drawSliver = [&](float w) {
-        auto dst = Blank(2, 5);
-        Draw(Flat(0, -1, 0, 3, w, 3, 1, 1), *src, *dst, 1, 3);
-        return dst;
-    };
-    const auto value = [](int32_t, int32_t) { return Ramp(1, 1); };
-    // Row 0's span is 8e-9: pixel 0's centre lies in it, yet it is not drawn.
-    ExpectPixels(
-        *drawSliver(3.2e-8f), [](int32_t x, int32_t y) { return x == 0 && (y == 1 || y == 2); }, value,
-        "w 3.2e-8");
-    // The scan draws rows 0 to 2; the closing pass needs more than 1e-5.
-    ExpectPixels(
-        *drawSliver(5e-6f), [](int32_t x, int32_t y) { return x == 0 && y <= 2; }, value, "w 5e-6");
-    ExpectPixels(
-        *drawSliver(2e-5f), [](int32_t x, int32_t y) { return x == 0 && y <= 3; }, value, "w 2e-5");
+    for (bool lowerLast : {true, false}) {
+        SCOPED_TRACE(lowerLast ? "lower last" : "upper last");
+        auto dst = Blank(6, 6);
+        Draw(lowerLast ? upper : lower, *src, *dst, 5, 5);
+        Draw(lowerLast ? lower : upper, *src, *dst, 5, 5);
+        ExpectPixels(*dst, [&](int32_t x, int32_t y) {
+            if (!inUpper(x, y) && !inLower(x, y)) return kNaN;
+            return (lowerLast ? inLower(x, y) : !inUpper(x, y)) ? 40.0f : 20.0f;
+        });
+    }
 }
 
 TEST(WarpTriangle, IntegerTargetsRoundByAddingOneHalfWithoutClamp) {
-    struct Case {
-        float value;
-        float uchar;
-        float ushort;
-    };
-    const Case cases[] = {{2.49f, 2, 2},         {2.5f, 3, 3},  {254.6f, 255, 255},  {300.0f, 44, 300},
-                          {70000.0f, 112, 4464}, {-0.4f, 0, 0}, {-2.0f, 255, 65535}, {kNaN, 0, 0}};
-    for (const Case& k : cases) {
+    const struct {
+        float value, uchar, ushort;
+    } stores[] = {{2.49f, 2, 2},         {2.5f, 3, 3},  {254.6f, 255, 255},  {300.0f, 44, 300},
+                  {70000.0f, 112, 4464}, {-0.4f, 0, 0}, {-2.0f, 255, 65535}, {kNaN, 0, 0}};
+    for (const auto& k : stores) {
         auto src = MakeImage(2, 2, 1, PLPixelFloat, [&](int32_t, int32_t, int32_t) { return k.value; });
         EXPECT_EQ(Probe(*src, 0.5f, 0.5f, PLPixelUChar)[0], k.uchar) << "value " << k.value;
         EXPECT_EQ(Probe(*src, 0.5f, 0.5f, PLPixelUShort)[0], k.ushort) << "value " << k.value;
     }
-    auto src = MakeImage(2, 2, 1, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 2.49f; });
-    EXPECT_EQ(Probe(*src, 0.5f, 0.5f, PLPixelFloat)[0], 2.49f);
 }
 
 TEST(WarpTriangle, BilinearSampleAndItsGuards) {
     auto src = RampSource(5, 4);
-    struct Case {
+    const struct {
         float u, v, want;
         const char* what;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {1.25f, 2.5f, 45, "inside"},
         {3.5f, 2.75f, 58, "last cell"},
         {4, 3, 64, "last column and row: fraction forced to 1"},
@@ -246,61 +192,37 @@ TEST(WarpTriangle, BilinearSampleAndItsGuards) {
         {2, kNaN, 8, "NaN v: row 0"},
         {3e9f, 1, 16, "u beyond int32: column 0"},
     };
-    for (const Case& k : cases) EXPECT_EQ(Probe(*src, k.u, k.v)[0], k.want) << k.what;
-
-    // One column or one row: the neighbour is the pixel itself. The bytes
-    // right of and below the image hold infinity, which would show as NaN.
+    for (const auto& k : cases) EXPECT_EQ(Probe(*src, k.u, k.v)[0], k.want) << k.what;
+    // One column or one row: the neighbour is the pixel itself. The bytes right
+    // of and below the image hold infinity, which would show as NaN.
     const auto padded = [](int32_t w, int32_t h, std::vector<float>& block) {
         block.assign((w + 1) * (h + 1), std::numeric_limits<float>::infinity());
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x) block[y * (w + 1) + x] = Ramp(x, y);
         return std::make_unique<PLImage>(block.data(), w, h, (w + 1) * 4, 1, PLPixelFloat, 0);
     };
-    std::vector<float> columnBlock;
+    std::vector<float> columnBlock, rowBlock;
     auto column = padded(1, 3, columnBlock);
+    auto row = padded(3, 1, rowBlock);
+    auto single = MakeImage(1, 1, 1, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 9.0f; });
     EXPECT_EQ(Probe(*column, 0.3f, 1.5f)[0], 24.0f) << "one column";
     EXPECT_EQ(Probe(*column, 5, 7)[0], 32.0f) << "one column, beyond";
-    std::vector<float> rowBlock;
-    auto row = padded(3, 1, rowBlock);
     EXPECT_EQ(Probe(*row, 1.5f, 0.2f)[0], 6.0f) << "one row";
-    auto single = MakeImage(1, 1, 1, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 9.0f; });
     EXPECT_EQ(Probe(*single, 0.5f, 0.5f)[0], 9.0f) << "one pixel";
     EXPECT_EQ(Probe(*single, -4, kNaN)[0], 9.0f) << "one pixel, off it";
 }
 
-TEST(WarpTriangle, FamilyMembersInterpolateEveryChannel) {
-    for (int32_t sourceType : {PLPixelUChar, PLPixelUShort, PLPixelFloat}) {
-        for (int32_t targetType : {PLPixelUChar, PLPixelUShort, PLPixelFloat}) {
-            for (int32_t channels = 1; channels <= 4; ++channels) {
-                auto src = MakeImage(5, 4, channels, sourceType,
-                                     [](int32_t x, int32_t y, int32_t c) { return Ramp(x, y) + c; });
-                const std::vector<float> exact = Probe(*src, 1.25f, 2.5f, targetType);
-                const std::vector<float> half = Probe(*src, 1.125f, 0.5f, targetType);
-                for (int32_t c = 0; c < channels; ++c) {
-                    EXPECT_EQ(exact[c], 45.0f + c) << sourceType << "->" << targetType << " x" << channels;
-                    // 12.5 + c: kept in a float target, rounded up in an integer one.
-                    const float want = targetType == PLPixelFloat ? 12.5f + c : 13.0f + c;
-                    EXPECT_EQ(half[c], want) << sourceType << "->" << targetType << " x" << channels;
-                }
-            }
-        }
-    }
-}
-
-TEST(WarpTriangle, LimitsBeyondTheTargetStayInside) {
+TEST(WarpTriangle, LimitsBeyondTheTargetStayInsideAndATallScanEnds) {
     auto src = RampSource(2, 2);
     for (int32_t flipped : {0, 1}) {
-        // A 4 x 3 float target in the middle of a larger block: 2 floats of
-        // padding per row and 10 spare rows on either side, all of which must
-        // stay untouched.
-        const int32_t rowFloats = 6;
-        const int32_t firstRow = 10;
+        // A 4 x 3 float target inside a larger block: 2 floats of padding per
+        // row and 10 spare rows on either side, all of which must stay untouched.
+        const int32_t rowFloats = 6, firstRow = 10;
         std::vector<float> block(rowFloats * 23, kSentinel);
         PLImage dst(block.data() + firstRow * rowFloats, 4, 3, rowFloats * 4, 1, PLPixelFloat, flipped);
         Draw(Flat(-1, -1, 30, -1, -1, 30, 1, 1), *src, dst, 50, 50);
-        Draw(Flat(0, 8, 3, 8, 1, 8, 0, 0), *src, dst, 50, 8);  // closing pass on a row past the target
-        // Closing pass on the last row with xLimit past the last column.
-        Draw(Flat(-5, 2, 20, 2, 0, 2, 0, 0), *src, dst, 40, 2);
+        Draw(Flat(0, 8, 3, 8, 1, 8, 0, 0), *src, dst, 50, 8);    // closing pass on a row past the target
+        Draw(Flat(-5, 2, 20, 2, 0, 2, 0, 0), *src, dst, 40, 2);  // and on the last row, xLimit past it
         const int32_t lastStoredRow = firstRow + (flipped ? 0 : 2);
         for (int32_t i = 0; i < static_cast<int32_t>(block.size()); ++i) {
             const int32_t storedRow = i / rowFloats;
@@ -309,21 +231,14 @@ TEST(WarpTriangle, LimitsBeyondTheTargetStayInside) {
             EXPECT_EQ(block[i], inside ? want : kSentinel) << "flipped " << flipped << ", float " << i;
         }
     }
-}
-
-TEST(WarpTriangle, TallTargetScanStopsWhereAFloatRowStillSteps) {
     // Past 2^24 a float row plus 1 rounds back to itself: the scan must end.
     // The triangle starts just above that row, so only a few rows are scanned.
     const int32_t steppable = 1 << 24;
-    const int32_t height = steppable + 2;
-    auto src = RampSource(2, 2);
-    PLImage dst(1, height, 1, PLPixelUChar, 0);
-    std::memset(dst.data, 0, static_cast<size_t>(height));
-    Draw(Flat(0, steppable - 16, 0, 2e7f, 3, 2e7f, 0.5f, 0), *src, dst, 0, height - 1);
-    EXPECT_EQ(dst.data[steppable - 16], 0) << "apex row, zero span";
-    for (int32_t y = steppable - 15; y < steppable; ++y) EXPECT_EQ(dst.data[y], 2) << "row " << y;
-    EXPECT_EQ(dst.data[steppable], 0);
-    EXPECT_EQ(dst.data[steppable + 1], 0);
+    PLImage tall(1, steppable + 2, 1, PLPixelUChar, 0);
+    std::memset(tall.data, 0, static_cast<size_t>(steppable + 2));
+    Draw(Flat(0, steppable - 16, 0, 2e7f, 3, 2e7f, 0.5f, 0), *src, tall, 0, steppable + 1);
+    for (int32_t y = steppable - 16; y < steppable + 2; ++y)
+        EXPECT_EQ(tall.data[y], y > steppable - 16 && y < steppable ? 2 : 0) << "row " << y;
 }
 
 TEST(SampleFlow, DirectReadAndBilinearSample) {
@@ -331,22 +246,21 @@ TEST(SampleFlow, DirectReadAndBilinearSample) {
     auto flow = MakeImage(
         4, 3, 2, PLPixelFloat,
         [](int32_t x, int32_t y, int32_t c) { return (c ? -1.0f : 1.0f) * (x + 10.0f * y); }, 1);
-    float dx = -1;
-    float dy = -1;
-    PLSampleFlow(2.7f, 1.2f, 1, 1, flow.get(), &dx, &dy);
-    EXPECT_EQ(dx, 12.0f);
-    EXPECT_EQ(dy, -12.0f);
-    PLSampleFlow(-1, 5, 1, 1, flow.get(), &dx, &dy);  // off the flow: its edge
-    EXPECT_EQ(dx, 20.0f);
-    PLSampleFlow(3, 6, 0.5f, 0.25f, flow.get(), &dx, &dy);  // at (1.5, 1.5)
-    EXPECT_EQ(dx, 16.5f);
-    EXPECT_EQ(dy, -16.5f);
-    PLSampleFlow(100, 100, 0.5f, 0.25f, flow.get(), &dx, &dy);
-    EXPECT_EQ(dx, 23.0f);
-    auto notFlow = Blank(4, 3, 2, PLPixelUChar);
-    PLSampleFlow(1, 1, 1, 1, notFlow.get(), &dx, &dy);
-    EXPECT_EQ(dx, 0.0f);
-    EXPECT_EQ(dy, 0.0f);
+    const struct {
+        float x, y, sx, sy, dx, dy;
+    } cases[] = {{2.7f, 1.2f, 1, 1, 12, -12},
+                 {-1, 5, 1, 1, 20, -20},  // truncated; off the flow: its edge
+                 {3, 6, 0.5f, 0.25f, 16.5f, -16.5f},
+                 {100, 100, 0.5f, 0.25f, 23, -23}};
+    for (const auto& k : cases) {
+        float dx = -1, dy = -1;
+        PLSampleFlow(k.x, k.y, k.sx, k.sy, flow.get(), &dx, &dy);
+        EXPECT_EQ(dx, k.dx) << k.x << "," << k.y;
+        EXPECT_EQ(dy, k.dy) << k.x << "," << k.y;
+    }
+    float dx = -1, dy = -1;
+    PLSampleFlow(1, 1, 1, 1, Blank(4, 3, 2, PLPixelUChar).get(), &dx, &dy);
+    EXPECT_TRUE(dx == 0.0f && dy == 0.0f) << "not a float flow";
 }
 
 struct Mesh {
@@ -354,11 +268,11 @@ struct Mesh {
     PLMeshWarp record;
 };
 
-// A mesh with one grid point per source pixel and a flow of the given size.
+// A mesh with one grid point per source pixel and a uniform flow (fx, fy).
 Mesh MakeMesh(const PLImage& src, PLImage& dst, int32_t flowWidth, int32_t flowHeight, float fx, float fy) {
-    Mesh m;
-    m.flow = MakeImage(flowWidth, flowHeight, 2, PLPixelFloat,
-                       [&](int32_t, int32_t, int32_t c) { return c ? fy : fx; });
+    Mesh m{MakeImage(flowWidth, flowHeight, 2, PLPixelFloat,
+                     [&](int32_t, int32_t, int32_t c) { return c ? fy : fx; }),
+           {}};
     m.record.source = &src;
     m.record.target = &dst;
     m.record.flow = m.flow.get();
@@ -372,91 +286,84 @@ Mesh MakeMesh(const PLImage& src, PLImage& dst, int32_t flowWidth, int32_t flowH
 }
 
 TEST(WarpMesh, ZeroFlowReproducesTheSourceInEveryMember) {
-    for (int32_t sourceType : {PLPixelUChar, PLPixelUShort, PLPixelFloat}) {
-        for (int32_t targetType : {PLPixelUChar, PLPixelUShort, PLPixelFloat}) {
+    const PixelValue value = [](int32_t x, int32_t y, int32_t c) {
+        return static_cast<float>((3 * x + 7 * y + 11 * c) % 200);
+    };
+    for (int32_t sourceType : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
+        for (int32_t targetType : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
             for (int32_t channels = 1; channels <= 4; ++channels) {
-                const PixelValue value = [](int32_t x, int32_t y, int32_t c) {
-                    return static_cast<float>((3 * x + 7 * y + 11 * c) % 200);
-                };
                 auto src = MakeImage(5, 4, channels, sourceType, value);
                 auto dst = Blank(5, 4, 4, targetType);
                 Mesh m = MakeMesh(*src, *dst, 5, 4, 0, 0);
                 m.record.reserved0 = 7;
                 m.record.reserved1 = 9;
                 PLWarpMesh(1.5f, &m.record);
-                EXPECT_EQ(m.record.reserved0, 0u);
-                EXPECT_EQ(m.record.reserved1, 0u);
+                EXPECT_TRUE(m.record.reserved0 == 0 && m.record.reserved1 == 0);
                 for (int32_t y = 0; y < 4; ++y)
                     for (int32_t x = 0; x < 5; ++x)
-                        for (int32_t c = 0; c < 4; ++c)
+                        for (int32_t c = 0; c < 4; ++c)  // channels past the source's keep what they held
                             EXPECT_EQ(Get(*dst, x, y, c), c < channels ? value(x, y, c) : kSentinel)
                                 << sourceType << "->" << targetType << " x" << channels << " at (" << x
                                 << ", " << y << ", " << c << ")";
             }
-        }
-    }
-}
-
-TEST(WarpMesh, UniformIntegerFlowTranslates) {
-    const int32_t w = 6;
-    const int32_t h = 5;
-    const PixelValue value = [](int32_t x, int32_t y, int32_t) { return 3.0f * x + 7.0f * y + 1.0f; };
-    auto src = MakeImage(w, h, 1, PLPixelFloat, value);
-    struct Case {
-        int32_t dx, dy, flowScale;
-    };
-    // A flow twice as fine as the grid holds vectors twice as long.
-    for (const Case& k : {Case{2, 1, 1}, Case{-2, -1, 1}, Case{1, 0, 1}, Case{2, 1, 2}}) {
-        auto dst = Blank(w, h);
-        Mesh m = MakeMesh(*src, *dst, (w - 1) * k.flowScale + 1, (h - 1) * k.flowScale + 1,
-                          static_cast<float>(k.dx * k.flowScale), static_cast<float>(k.dy * k.flowScale));
-        PLWarpMesh(1.0f, &m.record);
-        // Each source pixel lands at (x + dx, y + dy); the source's last row
-        // only where it lands on yLimit, through the closing pass.
-        ExpectPixels(
-            *dst,
-            [&](int32_t x, int32_t y) {
-                const int32_t sx = x - k.dx;
-                const int32_t sy = y - k.dy;
-                return sx >= 0 && sx < w && sy >= 0 && (sy < h - 1 || (sy == h - 1 && y == h - 1));
-            },
-            [&](int32_t x, int32_t y) { return value(x - k.dx, y - k.dy, 0); }, "translation");
-    }
-}
-
-TEST(WarpMesh, MeshExtentSetsTheCellSizeOnBothAxes) {
-    // A 3 x 3 grid over 5 x 5 target pixels: cells of 2, so target (x, y)
-    // samples the source at (x / 2, y / 2).
+    // A 3 x 3 grid over 5 x 5 target pixels: cells of 2 on both axes, so
+    // target (x, y) samples the source at (x / 2, y / 2).
     auto src = RampSource(3, 3);
     auto dst = Blank(5, 5);
     Mesh m = MakeMesh(*src, *dst, 3, 3, 0, 0);
     PLWarpMesh(1.0f, &m.record);
-    ExpectPixels(
-        *dst, [](int32_t, int32_t) { return true; },
-        [](int32_t x, int32_t y) { return Ramp(x / 2.0f, y / 2.0f); }, "cells of 2");
+    ExpectPixels(*dst, [](int32_t x, int32_t y) { return Ramp(x / 2.0f, y / 2.0f); });
+}
+
+TEST(WarpMesh, UniformIntegerFlowTranslates) {
+    const int32_t w = 6, h = 5;
+    const auto value = [](int32_t x, int32_t y) { return 3.0f * x + 7.0f * y + 1.0f; };
+    auto src = MakeImage(w, h, 1, PLPixelFloat, [&](int32_t x, int32_t y, int32_t) { return value(x, y); });
+    // A flow twice as fine as the grid holds vectors twice as long.
+    const struct { int32_t dx, dy, flowScale; } cases[] = {{2, 1, 1}, {-2, -1, 1}, {1, 0, 1}, {2, 1, 2}};
+    for (const auto& k : cases) {
+        SCOPED_TRACE(std::to_string(k.dx) + "," + std::to_string(k.dy) + " scale " +
+                     std::to_string(k.flowScale));
+        auto dst = Blank(w, h);
+        Mesh m = MakeMesh(*src, *dst, (w - 1) * k.flowScale + 1, (h - 1) * k.flowScale + 1,
+                          static_cast<float>(k.dx * k.flowScale), static_cast<float>(k.dy * k.flowScale));
+        PLWarpMesh(1.0f, &m.record);
+        // Each source pixel lands at (x + dx, y + dy); the source's last row only
+        // where it lands on yLimit, through the closing pass. Uncovered pixels keep what they held.
+        ExpectPixels(*dst, Where(
+                               [&](int32_t x, int32_t y) {
+                                   const int32_t sx = x - k.dx, sy = y - k.dy;
+                                   return sx >= 0 && sx < w && sy >= 0 &&
+                                          (sy < h - 1 || (sy == h - 1 && y == h - 1));
+                               },
+                               [&](int32_t x, int32_t y) { return value(x - k.dx, y - k.dy); }));
+    }
 }
 
 TEST(WarpMesh, UnusableInputsLeaveTheTargetAlone) {
     auto src = RampSource(3, 3);
-    const auto untouched = [](int32_t, int32_t) { return false; };
-    const auto run = [&](const char* what, const std::function<void(Mesh&)>& spoil) {
+    const auto ones = [](int32_t, int32_t, int32_t) { return 1.0f; };
+    auto signedSource = MakeImage(3, 3, 1, PLPixelChar, ones);
+    auto fiveChannels = MakeImage(3, 3, 5, PLPixelFloat, ones);
+    auto twoChannels = MakeImage(3, 3, 2, PLPixelFloat, ones);
+    PLImage empty(static_cast<void*>(nullptr), 3, 3, 1, PLPixelFloat, 0);
+    const std::pair<const char*, std::function<void(PLMeshWarp&)>> spoils[] = {
+        {"one grid column", [](PLMeshWarp& r) { r.gridColumns = 1; }},
+        {"no flow", [](PLMeshWarp& r) { r.flow = nullptr; }},
+        {"no mesh extent", [](PLMeshWarp& r) { r.meshExtent = 0; }},
+        {"source type without a member", [&](PLMeshWarp& r) { r.source = signedSource.get(); }},
+        {"five channels", [&](PLMeshWarp& r) { r.source = fiveChannels.get(); }},
+        {"target with fewer channels", [&](PLMeshWarp& r) { r.source = twoChannels.get(); }},
+        {"empty source", [&](PLMeshWarp& r) { r.source = &empty; }},
+    };
+    for (const auto& spoil : spoils) {
+        SCOPED_TRACE(spoil.first);
         auto dst = Blank(3, 3);
         Mesh m = MakeMesh(*src, *dst, 3, 3, 0, 0);
-        spoil(m);
+        spoil.second(m.record);
         PLWarpMesh(1.0f, &m.record);
-        ExpectPixels(*dst, untouched, nullptr, what);
-    };
-    run("one grid column", [](Mesh& m) { m.record.gridColumns = 1; });
-    run("no flow", [](Mesh& m) { m.record.flow = nullptr; });
-    run("no mesh extent", [](Mesh& m) { m.record.meshExtent = 0; });
-    auto signedSource = MakeImage(3, 3, 1, PLPixelChar, [](int32_t, int32_t, int32_t) { return 1.0f; });
-    run("source type without a member", [&](Mesh& m) { m.record.source = signedSource.get(); });
-    auto fiveChannels = MakeImage(3, 3, 5, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 1.0f; });
-    run("five channels", [&](Mesh& m) { m.record.source = fiveChannels.get(); });
-    auto twoChannels = MakeImage(3, 3, 2, PLPixelFloat, [](int32_t, int32_t, int32_t) { return 1.0f; });
-    run("target with fewer channels", [&](Mesh& m) { m.record.source = twoChannels.get(); });
-    PLImage empty(static_cast<void*>(nullptr), 3, 3, 1, PLPixelFloat, 0);
-    run("empty source", [&](Mesh& m) { m.record.source = &empty; });
+        ExpectPixels(*dst, nullptr);
+    }
 }
 
 }  // namespace
