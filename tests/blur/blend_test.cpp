@@ -6,162 +6,114 @@
 #include <thread>
 
 #include "blur_test_util.h"
-#include "kqmp.h"
 #include "motion_blur.h"
 
 namespace {
 
+// A row of four-channel pixels, one {r, g, b, a} per column.
 template <typename T>
-void SetPixel(PLImage& image, int32_t x, int32_t y, T r, T g, T b, T a) {
-    At<T>(image, x, y, 0) = r;
-    At<T>(image, x, y, 1) = g;
-    At<T>(image, x, y, 2) = b;
-    At<T>(image, x, y, 3) = a;
+ImagePtr Pixels(std::vector<std::vector<float>> pixels) {
+    return Pattern(static_cast<int32_t>(pixels.size()), 1, 4, PixelTypeOf<T>(),
+                   [&](int32_t x, int32_t, int32_t c) { return pixels[x][c]; });
 }
 
 template <typename T>
-std::vector<T> Pixel(const PLImage& image, int32_t x, int32_t y) {
-    std::vector<T> values;
-    for (int32_t c = 0; c < image.numChannels; ++c) values.push_back(At<T>(image, x, y, c));
-    return values;
+std::vector<T> Pixel(const PLImage& image, int32_t x) {
+    return {At<T>(image, x, 0, 0), At<T>(image, x, 0, 1), At<T>(image, x, 0, 2), At<T>(image, x, 0, 3)};
 }
 
-TEST(BlendMP, UCharRoundsColoursTruncatesAlphaAndClearsWithoutAlpha) {
-    ImagePtr first = MakeImage(4, 1, 4, PLPixelUChar);
-    ImagePtr second = MakeImage(4, 1, 4, PLPixelUChar);
-    // 255 + (250 - 255) * 0.06 = 254.7 in colour and in alpha.
-    SetPixel<uint8_t>(*first, 0, 0, 250, 0, 255, 250);
-    SetPixel<uint8_t>(*second, 0, 0, 255, 0, 255, 255);
-    ASSERT_TRUE(PLBlendMP(0.06f, first.get(), second.get()));
-    EXPECT_EQ(Pixel<uint8_t>(*first, 0, 0), (std::vector<uint8_t>{255, 0, 255, 254}));
-
-    // t = -1: colours overshoot and clamp at both ends, alpha stops at white.
-    SetPixel<uint8_t>(*first, 1, 0, 100, 120, 60, 100);
-    SetPixel<uint8_t>(*second, 1, 0, 250, 20, 60, 200);
-    // Extrapolated alpha below zero, and exactly zero: the pixel is cleared.
-    SetPixel<uint8_t>(*first, 2, 0, 90, 90, 90, 100);
-    SetPixel<uint8_t>(*second, 2, 0, 10, 10, 10, 10);
-    SetPixel<uint8_t>(*first, 3, 0, 30, 40, 50, 100);
-    SetPixel<uint8_t>(*second, 3, 0, 90, 90, 90, 50);
+TEST(BlendMP, StoresRoundColoursTruncateAlphaAndClearWithoutAlpha) {
+    // t = 0.06: 255 + (250 - 255) * 0.06 = 254.7 rounds in colour, truncates in
+    // alpha. t = -1 on pixel 1: colours clamp at both ends, alpha stops at
+    // white; on pixels 2 and 3 alpha goes below zero or to zero: cleared.
+    ImagePtr first =
+        Pixels<uint8_t>({{250, 0, 255, 250}, {100, 120, 60, 100}, {90, 90, 90, 100}, {30, 40, 50, 100}});
+    ImagePtr second =
+        Pixels<uint8_t>({{255, 0, 255, 255}, {250, 20, 60, 200}, {10, 10, 10, 10}, {90, 90, 90, 50}});
+    ImagePtr firstAgain = Pixels<uint8_t>({{250, 0, 255, 250}});
+    ASSERT_TRUE(PLBlendMP(0.06f, firstAgain.get(), Pixels<uint8_t>({{255, 0, 255, 255}}).get()));
+    EXPECT_EQ(Pixel<uint8_t>(*firstAgain, 0), (std::vector<uint8_t>{255, 0, 255, 254}));
     ASSERT_TRUE(PLBlendMP(-1.0f, first.get(), second.get()));
-    EXPECT_EQ(Pixel<uint8_t>(*first, 1, 0), (std::vector<uint8_t>{255, 0, 60, 255}));
-    EXPECT_EQ(Pixel<uint8_t>(*first, 2, 0), (std::vector<uint8_t>{0, 0, 0, 0}));
-    EXPECT_EQ(Pixel<uint8_t>(*first, 3, 0), (std::vector<uint8_t>{0, 0, 0, 0}));
-}
+    EXPECT_EQ(Pixel<uint8_t>(*first, 1), (std::vector<uint8_t>{255, 0, 60, 255}));
+    EXPECT_EQ(Pixel<uint8_t>(*first, 2), (std::vector<uint8_t>{0, 0, 0, 0}));
+    EXPECT_EQ(Pixel<uint8_t>(*first, 3), (std::vector<uint8_t>{0, 0, 0, 0}));
 
-TEST(BlendMP, UShortAndFloatStores) {
-    ImagePtr first = MakeImage(2, 1, 4, PLPixelUShort);
-    ImagePtr second = MakeImage(2, 1, 4, PLPixelUShort);
-    // 65535 + (65530 - 65535) * 0.06 = 65534.7.
-    SetPixel<uint16_t>(*first, 0, 0, 65530, 1000, 0, 65530);
-    SetPixel<uint16_t>(*second, 0, 0, 65535, 3000, 0, 65535);
-    SetPixel<uint16_t>(*first, 1, 0, 7, 7, 7, 0);
-    SetPixel<uint16_t>(*second, 1, 0, 7, 7, 7, 0);
-    ASSERT_TRUE(PLBlendMP(0.06f, first.get(), second.get()));
-    EXPECT_EQ(Pixel<uint16_t>(*first, 0, 0), (std::vector<uint16_t>{65535, 2880, 0, 65534}));
-    EXPECT_EQ(Pixel<uint16_t>(*first, 1, 0), (std::vector<uint16_t>{0, 0, 0, 0})) << "no alpha, no colour";
+    // 65535 + (65530 - 65535) * 0.06 = 65534.7 in 16 bits; no alpha, no colour.
+    ImagePtr wide = Pixels<uint16_t>({{65530, 1000, 0, 65530}, {7, 7, 7, 0}});
+    ASSERT_TRUE(
+        PLBlendMP(0.06f, wide.get(), Pixels<uint16_t>({{65535, 3000, 0, 65535}, {7, 7, 7, 0}}).get()));
+    EXPECT_EQ(Pixel<uint16_t>(*wide, 0), (std::vector<uint16_t>{65535, 2880, 0, 65534}));
+    EXPECT_EQ(Pixel<uint16_t>(*wide, 1), (std::vector<uint16_t>{0, 0, 0, 0}));
 
-    ImagePtr f = MakeImage(1, 1, 4, PLPixelFloat);
-    ImagePtr s = MakeImage(1, 1, 4, PLPixelFloat);
-    SetPixel<float>(*f, 0, 0, 0.85f, 0.3f, 2.5f, 0.85f);
-    SetPixel<float>(*s, 0, 0, 1.0f, 0.1f, 0.5f, 1.0f);
-    ASSERT_TRUE(PLBlendMP(-2.0f, f.get(), s.get()));
+    // Float colours are not clamped (1.3 is kept); alpha stops at white.
+    ImagePtr f = Pixels<float>({{0.85f, 0.3f, 2.5f, 0.85f}});
+    ASSERT_TRUE(PLBlendMP(-2.0f, f.get(), Pixels<float>({{1.0f, 0.1f, 0.5f, 1.0f}}).get()));
     const float colour = (0.85f - 1.0f) * -2.0f + 1.0f;
     ASSERT_GT(colour, 1.29f);
-    EXPECT_EQ(Pixel<float>(*f, 0, 0),
-              (std::vector<float>{colour, (0.3f - 0.1f) * -2.0f + 0.1f, (2.5f - 0.5f) * -2.0f + 0.5f, 1.0f}))
-        << "float colours are not clamped; alpha stops at white";
+    EXPECT_EQ(Pixel<float>(*f, 0),
+              (std::vector<float>{colour, (0.3f - 0.1f) * -2.0f + 0.1f, (2.5f - 0.5f) * -2.0f + 0.5f, 1.0f}));
 }
 
-TEST(BlendMP, ShortcutsAndQuietRefusals) {
-    ImagePtr first = MakeImage(5, 3, 4, PLPixelUChar);
-    ImagePtr second = MakeImage(5, 3, 4, PLPixelUChar);
-    for (int32_t y = 0; y < 3; ++y)
-        for (int32_t i = 0; i < 20; ++i) {
-            first->Row(y)[i] = static_cast<uint8_t>(3 * i + y);
-            second->Row(y)[i] = static_cast<uint8_t>(200 - 5 * i - y);
-        }
+TEST(BlendMP, ShortcutsQuietRefusalsAndThreads) {
+    auto pattern = [](int k) {
+        return Pattern(5, 3, 4, PLPixelUChar, [=](int32_t x, int32_t y, int32_t c) {
+            return float(k > 0 ? 3 * (x * 4 + c) + y : 200 - 5 * (x * 4 + c) - y);
+        });
+    };
+    ImagePtr first = pattern(1), second = pattern(-1);
     const std::vector<uint8_t> before = RowBytes(*first);
-
-    EXPECT_TRUE(PLBlendMP(1.0f, first.get(), second.get()));
-    EXPECT_EQ(RowBytes(*first), before) << "t = 1 keeps the first image";
-
-    ImagePtr wider = MakeImage(6, 3, 4, PLPixelUChar);
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), wider.get()));
-    EXPECT_EQ(RowBytes(*first), before) << "images that differ are left alone";
-
-    ImagePtr flipped = MakeImage(5, 3, 4, PLPixelUChar, 1);
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), flipped.get()));
-    EXPECT_EQ(RowBytes(*first), before) << "another row order is left alone";
-
-    ImagePtr threeChannels = MakeImage(5, 3, 3, PLPixelUChar);
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), threeChannels.get()))
-        << "the older blend refuses, true all the same";
+    ImagePtr wider = MakeImage(6, 3, 4, PLPixelUChar), flipped = MakeImage(5, 3, 4, PLPixelUChar, 1),
+             three = MakeImage(5, 3, 3, PLPixelUChar);
+    EXPECT_TRUE(PLBlendMP(1.0f, first.get(), second.get())) << "t = 1 keeps the first image";
+    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), wider.get())) << "images that differ are left alone";
+    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), flipped.get())) << "another row order is left alone";
+    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), three.get())) << "the older blend refuses, true all the same";
     EXPECT_EQ(RowBytes(*first), before);
-    EXPECT_FALSE(PLBlendMP(-1.0f, threeChannels.get(), first.get())) << "the older blend's answer comes back";
+    EXPECT_FALSE(PLBlendMP(-1.0f, three.get(), first.get())) << "the older blend's answer comes back";
     EXPECT_FALSE(PLBlendMP(-1.0f, nullptr, first.get()));
-
     EXPECT_TRUE(PLBlendMP(0.0f, first.get(), second.get()));
     EXPECT_EQ(RowBytes(*first), RowBytes(*second)) << "t = 0 copies the second image";
-
     // A NaN t blends: the alpha it gives is not above white, so it is white.
-    ImagePtr again = MakeImage(5, 3, 4, PLPixelUChar);
-    FillBytes(*again, 100);
-    EXPECT_TRUE(PLBlendMP(std::nanf(""), again.get(), second.get()));
+    FillBytes(*first, 100);
+    EXPECT_TRUE(PLBlendMP(std::nanf(""), first.get(), second.get()));
     for (int32_t y = 0; y < 3; ++y)
-        for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(At<uint8_t>(*again, x, y, 3), 255);
-}
+        for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(At<uint8_t>(*first, x, y, 3), 255);
 
-TEST(BlendMP, ThreadCountDoesNotChangeTheResult) {
     std::vector<uint8_t> results[2];
     for (int32_t threads = 1; threads <= 2; ++threads) {
-        setThreadCount(threads);
-        ImagePtr first = MakeImage(30, 64, 4, PLPixelFloat);
-        ImagePtr second = MakeImage(30, 64, 4, PLPixelFloat);
-        for (int32_t y = 0; y < 64; ++y)
-            for (int32_t x = 0; x < 30; ++x)
-                for (int32_t c = 0; c < 4; ++c) {
-                    At<float>(*first, x, y, c) = static_cast<float>((x * 7 + y * 3 + c) % 17) / 16.0f;
-                    At<float>(*second, x, y, c) = static_cast<float>((x * 5 + y * 11 + c) % 13) / 12.0f;
-                }
-        PLBlendMP(-0.7f, first.get(), second.get());
-        results[threads - 1] = RowBytes(*first);
+        ThreadLimit limit(threads);
+        ImagePtr a = Pattern(30, 64, 4, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) {
+            return static_cast<float>((x * 7 + y * 3 + c) % 17) / 16.0f;
+        });
+        ImagePtr b = Pattern(30, 64, 4, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) {
+            return static_cast<float>((x * 5 + y * 11 + c) % 13) / 12.0f;
+        });
+        PLBlendMP(-0.7f, a.get(), b.get());
+        results[threads - 1] = RowBytes(*a);
     }
-    setThreadCount(0);
-    EXPECT_EQ(results[0], results[1]);
+    EXPECT_EQ(results[0], results[1]) << "one thread against two";
 }
 
-TEST(BlendCompatible, AgreementAndChannelCounts) {
-    ImagePtr a = MakeImage(4, 4, 4, PLPixelUShort);
-    ImagePtr b = MakeImage(4, 4, 4, PLPixelUShort);
-    ImagePtr rgb = MakeImage(4, 4, 3, PLPixelUShort);
-    ImagePtr rgb2 = MakeImage(4, 4, 3, PLPixelUShort);
-    ImagePtr two = MakeImage(4, 4, 2, PLPixelUShort);
-    ImagePtr two2 = MakeImage(4, 4, 2, PLPixelUShort);
-    ImagePtr tall = MakeImage(4, 5, 4, PLPixelUShort);
-    ImagePtr flipped = MakeImage(4, 4, 4, PLPixelUShort, 1);
-    ImagePtr fraction = MakeImage(4, 4, 4, PLPixelFractionUShort);  // same element size
+TEST(Blend, CompatibleImages) {
+    ImagePtr a = MakeImage(4, 4, 4, PLPixelUShort), b = MakeImage(4, 4, 4, PLPixelUShort),
+             rgb = MakeImage(4, 4, 3, PLPixelUShort), rgb2 = MakeImage(4, 4, 3, PLPixelUShort),
+             two = MakeImage(4, 4, 2, PLPixelUShort), tall = MakeImage(4, 5, 4, PLPixelUShort),
+             flipped = MakeImage(4, 4, 4, PLPixelUShort, 1),
+             fraction = MakeImage(4, 4, 4, PLPixelFractionUShort);  // same element size
     EXPECT_EQ(PLBlendCompatible(a.get(), b.get()), 1);
     EXPECT_EQ(PLBlendCompatible(rgb.get(), rgb2.get()), 1);
-    EXPECT_EQ(PLBlendCompatible(two.get(), two2.get()), 0);
-    EXPECT_EQ(PLBlendCompatible(a.get(), rgb.get()), 0);
-    EXPECT_EQ(PLBlendCompatible(a.get(), tall.get()), 0);
-    EXPECT_EQ(PLBlendCompatible(a.get(), flipped.get()), 0);
-    EXPECT_EQ(PLBlendCompatible(a.get(), fraction.get()), 0);
-    EXPECT_EQ(PLBlendCompatible(a.get(), nullptr), 0);
+    for (const PLImage* other :
+         {two.get(), rgb.get(), tall.get(), flipped.get(), fraction.get(), static_cast<PLImage*>(nullptr)})
+        EXPECT_EQ(PLBlendCompatible(other == two.get() ? two.get() : a.get(), other), 0) << other;
 }
 
 // Every pair of 8-bit values through the three-channel table.
 TEST(Blend, ThreeUCharChannelsEveryPair) {
-    ImagePtr first = MakeImage(256, 256, 3, PLPixelUChar);
-    ImagePtr second = MakeImage(256, 256, 3, PLPixelUChar);
     for (float t : {0.3f, -1.5f, 2.25f}) {
-        for (int32_t i = 0; i < 256; ++i)
-            for (int32_t j = 0; j < 256; ++j)
-                for (int32_t c = 0; c < 3; ++c) {
-                    At<uint8_t>(*second, j, i, c) = static_cast<uint8_t>(i);
-                    At<uint8_t>(*first, j, i, c) = static_cast<uint8_t>(j);
-                }
+        ImagePtr first =
+            Pattern(256, 256, 3, PLPixelUChar, [](int32_t x, int32_t, int32_t) { return float(x); });
+        ImagePtr second =
+            Pattern(256, 256, 3, PLPixelUChar, [](int32_t, int32_t y, int32_t) { return float(y); });
         ASSERT_EQ(PLBlend(t, first.get(), second.get(), 1), 1);
         for (int32_t i = 0; i < 256; ++i)
             for (int32_t j = 0; j < 256; ++j) {
@@ -173,34 +125,33 @@ TEST(Blend, ThreeUCharChannelsEveryPair) {
     }
 }
 
-TEST(Blend, FieldsShortcutsAndFloatWhite) {
-    ImagePtr first = MakeImage(3, 6, 3, PLPixelUChar);
-    ImagePtr second = MakeImage(3, 6, 3, PLPixelUChar);
-    struct Case {
+TEST(Blend, FieldsFourChannelsAndFloatWhite) {
+    ImagePtr first = MakeImage(3, 6, 3, PLPixelUChar), second = MakeImage(3, 6, 3, PLPixelUChar);
+    const struct {
         float t;
-        int32_t fieldMode;
-        int32_t firstRow, rowStep;
-    };
-    for (const Case& c : {Case{0.5f, 1, 0, 1}, Case{0.5f, 3, 1, 2}, Case{0.5f, 2, 0, 2}, Case{0.0f, 3, 1, 2},
-                          Case{0.0f, 0, 0, 2}}) {
+        int32_t fieldMode, firstRow, rowStep;
+    } cases[] = {{0.5f, 1, 0, 1}, {0.5f, 3, 1, 2}, {0.5f, 2, 0, 2},
+                 {0.0f, 3, 1, 2}, {0.0f, 0, 0, 2}, {1.0f, 1, 0, 99}};
+    for (const auto& c : cases) {
         FillBytes(*first, 100);
         FillBytes(*second, 200);
         ASSERT_EQ(PLBlend(c.t, first.get(), second.get(), c.fieldMode), 1);
-        const uint8_t blended = c.t == 0.0f ? 200 : 150;
         for (int32_t y = 0; y < 6; ++y) {
-            const bool selected = y >= c.firstRow && (y - c.firstRow) % c.rowStep == 0;
-            EXPECT_EQ(At<uint8_t>(*first, 1, y, 1), selected ? blended : 100)
+            const bool selected = y >= c.firstRow && (y - c.firstRow) % c.rowStep == 0 && c.t != 1.0f;
+            EXPECT_EQ(At<uint8_t>(*first, 1, y, 1), selected ? (c.t == 0.0f ? 200 : 150) : 100)
                 << "t " << c.t << ", field mode " << c.fieldMode << ", row " << y;
         }
     }
-    FillBytes(*first, 100);
-    EXPECT_EQ(PLBlend(1.0f, first.get(), second.get(), 1), 1);
-    EXPECT_EQ(At<uint8_t>(*first, 0, 0), 100);
 
-    ImagePtr f = MakeImage(2, 2, 3, PLPixelFloat);
-    ImagePtr s = MakeImage(2, 2, 3, PLPixelFloat);
-    FillBytes(*f, 0);
-    FillBytes(*s, 0);
+    // t = 2: colours (300, 60, 300) over alpha 300 are divided by 300/255;
+    // colour 200 above alpha 100 is lowered to it.
+    ImagePtr four = Pixels<uint8_t>({{200, 60, 250, 250}, {200, 20, 0, 100}});
+    ASSERT_EQ(PLBlend(2.0f, four.get(), Pixels<uint8_t>({{100, 60, 200, 200}, {200, 20, 0, 100}}).get(), 1),
+              1);
+    EXPECT_EQ(Pixel<uint8_t>(*four, 0), (std::vector<uint8_t>{255, 51, 255, 255}));
+    EXPECT_EQ(Pixel<uint8_t>(*four, 1), (std::vector<uint8_t>{100, 20, 0, 100}));
+
+    ImagePtr f = MakeImage(2, 2, 3, PLPixelFloat), s = MakeImage(2, 2, 3, PLPixelFloat);
     s->whitePoint = 2.0f;
     testing::internal::CaptureStderr();
     EXPECT_EQ(PLBlend(0.5f, f.get(), s.get(), 1), 0);
@@ -208,46 +159,24 @@ TEST(Blend, FieldsShortcutsAndFloatWhite) {
               "PLBlend: float image doesn't have 1.0 for white point\n");
 }
 
-TEST(Blend, FourChannelsDivideOutAlphaAboveWhite) {
-    ImagePtr first = MakeImage(2, 1, 4, PLPixelUChar);
-    ImagePtr second = MakeImage(2, 1, 4, PLPixelUChar);
-    // t = 2: colours (300, 60, 300), alpha 300, a ratio of 300/255 divides the colours.
-    SetPixel<uint8_t>(*first, 0, 0, 200, 60, 250, 250);
-    SetPixel<uint8_t>(*second, 0, 0, 100, 60, 200, 200);
-    // Colour 200 above alpha 100 is lowered to it.
-    SetPixel<uint8_t>(*first, 1, 0, 200, 20, 0, 100);
-    SetPixel<uint8_t>(*second, 1, 0, 200, 20, 0, 100);
-    ASSERT_EQ(PLBlend(2.0f, first.get(), second.get(), 1), 1);
-    EXPECT_EQ(Pixel<uint8_t>(*first, 0, 0), (std::vector<uint8_t>{255, 51, 255, 255}));
-    EXPECT_EQ(Pixel<uint8_t>(*first, 1, 0), (std::vector<uint8_t>{100, 20, 0, 100}));
-}
-
 TEST(Blend, ConcurrentCallersEachGetTheirOwnTable) {
     auto run = [](float t, std::vector<uint8_t>* result) {
-        ImagePtr first = MakeImage(256, 64, 3, PLPixelUChar);
-        ImagePtr second = MakeImage(256, 64, 3, PLPixelUChar);
-        for (int32_t y = 0; y < 64; ++y)
-            for (int32_t i = 0; i < 256 * 3; ++i) {
-                first->Row(y)[i] = static_cast<uint8_t>(i / 3);
-                second->Row(y)[i] = static_cast<uint8_t>(y * 4 + i % 3);
-            }
+        ImagePtr second =
+            Pattern(256, 64, 3, PLPixelUChar, [](int32_t, int32_t y, int32_t c) { return float(y * 4 + c); });
         for (int repeat = 0; repeat < 20; ++repeat) {
-            ImagePtr work = MakeImage(256, 64, 3, PLPixelUChar);
-            for (int32_t y = 0; y < 64; ++y) std::memcpy(work->Row(y), first->Row(y), 256 * 3);
+            ImagePtr work =
+                Pattern(256, 64, 3, PLPixelUChar, [](int32_t x, int32_t, int32_t) { return float(x); });
             PLBlend(t, work.get(), second.get(), 1);
-            if (repeat == 0) {
+            if (repeat == 0)
                 *result = RowBytes(*work);
-            } else if (RowBytes(*work) != *result) {
-                result->clear();
-                return;
-            }
+            else if (RowBytes(*work) != *result)
+                return result->clear();
         }
     };
     std::vector<uint8_t> alone[2], together[2];
     run(0.25f, &alone[0]);
     run(-2.0f, &alone[1]);
-    std::thread a(run, 0.25f, &together[0]);
-    std::thread b(run, -2.0f, &together[1]);
+    std::thread a(run, 0.25f, &together[0]), b(run, -2.0f, &together[1]);
     a.join();
     b.join();
     EXPECT_EQ(together[0], alone[0]);

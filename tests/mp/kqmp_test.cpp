@@ -73,15 +73,6 @@ TEST(Kqmp, ThreadsForRows) {
     const int32_t onFour[] = {0, -5, 1, 1, 1, 2, 2, 3, 3, 4, 4};
     for (size_t i = 0; i < std::size(rows); ++i)
         EXPECT_EQ(kqmp_threadsfor(rows[i]), onFour[i]) << rows[i] << " rows, limit 4";
-    setThreadCount(2);
-    EXPECT_EQ(kqmp_threadsfor(48), 2);
-    EXPECT_EQ(kqmp_threadsfor(1000), 2);
-    setThreadCount(8);
-    EXPECT_EQ(kqmp_threadsfor(64), 4);
-    EXPECT_EQ(kqmp_threadsfor(128), 8);
-    EXPECT_EQ(kqmp_threadsfor(127), 7);
-    setThreadCount(1);
-    EXPECT_EQ(kqmp_threadsfor(1000), 1);
     setThreadCount(-3);  // a non-positive limit is read as 1
     EXPECT_EQ(kqmp_maxthreads(), 1);
     EXPECT_EQ(kqmp_threadsfor(1000), 1);
