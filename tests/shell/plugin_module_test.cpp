@@ -68,23 +68,21 @@ TEST(PluginModule, UnloadsForRealSoTheNextLoadStartsWithoutHost) {
 
 TEST(PluginModule, DispatchMatchesWholeActionNamesOnly) {
     Session s;  // no setHost: nothing that is reached by mistake can use a host
-    const char* actions[] = {
-        kOfxActionDescribe,
-        kOfxImageEffectActionDescribeInContext,
-        kOfxActionLoad,
-        kOfxActionUnload,
-        kOfxActionCreateInstance,
-        kOfxActionDestroyInstance,
-        kOfxImageEffectActionIsIdentity,
-        kOfxImageEffectActionRender,
-        kOfxImageEffectActionGetRegionOfDefinition,
-        kOfxImageEffectActionGetRegionsOfInterest,
-        kOfxImageEffectActionGetClipPreferences,
-        kOfxActionInstanceChanged,
-        kOfxImageEffectActionGetTimeDomain,
-        kOfxImageEffectActionGetFramesNeeded,
-        kOfxActionSyncPrivateData,
-    };
+    const char* actions[] = {kOfxActionDescribe,
+                             kOfxImageEffectActionDescribeInContext,
+                             kOfxActionLoad,
+                             kOfxActionUnload,
+                             kOfxActionCreateInstance,
+                             kOfxActionDestroyInstance,
+                             kOfxImageEffectActionIsIdentity,
+                             kOfxImageEffectActionRender,
+                             kOfxImageEffectActionGetRegionOfDefinition,
+                             kOfxImageEffectActionGetRegionsOfInterest,
+                             kOfxImageEffectActionGetClipPreferences,
+                             kOfxActionInstanceChanged,
+                             kOfxImageEffectActionGetTimeDomain,
+                             kOfxImageEffectActionGetFramesNeeded,
+                             kOfxActionSyncPrivateData};
     for (const char* action : actions) {
         std::string name = action;
         for (const std::string& variant :
