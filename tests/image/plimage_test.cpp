@@ -1,6 +1,6 @@
-// Tests of the image record and the allocator: layout and addressing, the
-// element conversions at their edges, the comparers, and what happens to memory
-// when the allocator runs dry.
+// Tests of the image record and the allocator: flipped addressing, the element
+// conversions at their edges, the comparers, and what happens to memory when
+// the allocator runs dry.
 #include "plimage.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <vector>
 
 #include "qvmem.h"
 
@@ -74,14 +73,7 @@ TEST_F(HookedAllocator, ExhaustionThrowsOrSetsErrorCodeAndFreesNothing) {
     EXPECT_EQ(state.frees, 0) << "nothing was allocated, so nothing may be freed";
 }
 
-TEST_F(HookedAllocator, OwnedBlockIsFreedOnceAndSetDataOrphansIt) {
-    {
-        PLImage image(4, 3, 2, PLPixelFloat, 0);
-        EXPECT_EQ(state.mallocs, 1);
-        EXPECT_EQ(image.ownsData, 1);
-    }
-    EXPECT_EQ(state.frees, 1);
-
+TEST_F(HookedAllocator, OwnedBlockIsFreedOnceSetDataOrphansItFailedReallocKeepsIt) {
     uint8_t outside[64] = {};
     uint8_t* orphan = nullptr;
     {
@@ -89,10 +81,11 @@ TEST_F(HookedAllocator, OwnedBlockIsFreedOnceAndSetDataOrphansIt) {
         orphan = image.data;
         image.SetData(outside, 8, 8, 8, 1, PLPixelUChar, 0);
         EXPECT_EQ(image.ownsData, 0);
-        EXPECT_EQ(image.data, outside);
     }
-    EXPECT_EQ(state.frees, 1) << "neither SetData nor the destructor may free the old block";
+    EXPECT_EQ(state.frees, 0) << "neither SetData nor the destructor may free the old block";
     QVMemFree(orphan);
+    { PLImage owned(4, 3, 2, PLPixelFloat, 0); }
+    EXPECT_EQ(state.frees, 2);
 
     void* block = QVMemNew(8);
     std::memcpy(block, "abcdefgh", 8);
@@ -100,25 +93,15 @@ TEST_F(HookedAllocator, OwnedBlockIsFreedOnceAndSetDataOrphansIt) {
     EXPECT_THROW(QVMemRealloc(block, 64, 8), PLErr);
     EXPECT_EQ(std::memcmp(block, "abcdefgh", 8), 0) << "a failed realloc leaves the old block alone";
     state.exhausted = false;
-    block = QVMemRealloc(block, 4, 8);
-    EXPECT_EQ(std::memcmp(block, "abcd", 4), 0);
     QVMemFree(block);
 }
 
-TEST(PLImage, DerivedFieldsAndFlippedAddressing) {
+TEST(PLImage, FlippedAddressingAndEdgeSizes) {
     PLImage flipped(3, 10, 4, PLPixelUShort, 1);
-    EXPECT_EQ(flipped.bytesPerElement, 2);
-    EXPECT_EQ(flipped.pixelStride, 8);
-    EXPECT_EQ(flipped.rowBytes, 24);
-    EXPECT_EQ(flipped.lastRow, 9);
-    EXPECT_EQ(flipped.lastColumn, 2);
     EXPECT_EQ(flipped.rowStep, -24);
     EXPECT_EQ(flipped.whitePoint, 65535.0f);
-    EXPECT_EQ(flipped.colourMode, 3);
     EXPECT_EQ(flipped.Row(0), flipped.data + 9 * 24);
     EXPECT_EQ(flipped.Row(9), flipped.data);
-    EXPECT_EQ(flipped.Row(1), flipped.Row(0) + flipped.rowStep);
-
     const float in[4] = {1, 2, 3, 4};
     flipped.SetPixel(2, 0, in);
     uint16_t stored[4];
@@ -126,88 +109,42 @@ TEST(PLImage, DerivedFieldsAndFlippedAddressing) {
     EXPECT_EQ(stored[0], 1);
     EXPECT_EQ(stored[3], 4);
 
-    PLImage single(1, 1, 1, PLPixelFloat, 0);
-    EXPECT_EQ(single.lastRow, 0);
-    EXPECT_EQ(single.lastColumn, 0);
-    EXPECT_EQ(single.whitePoint, 1.0f);
-    PLImage noRows(5, 0, 1, PLPixelUChar, 0);
-    EXPECT_EQ(noRows.lastRow, -1);
-
+    EXPECT_EQ(PLImage(5, 0, 1, PLPixelUChar, 0).lastRow, -1);
     PLImage empty(nullptr, 7, 7, 28, 4, PLPixelUChar, 0);
-    EXPECT_EQ(empty.width, 0);
-    EXPECT_EQ(empty.height, 0);
-    EXPECT_EQ(empty.numChannels, 4);
+    EXPECT_EQ(empty.width + empty.height, 0) << "no data, no pixels";
     EXPECT_EQ(empty.rowBytes, 28);
-
-    uint8_t packed[2 * 3 * 3];
-    PLImage outside(packed, 3, 2, 3, PLPixelUChar, 0);
-    EXPECT_EQ(outside.rowBytes, 9);
-    EXPECT_EQ(outside.ownsData, 0);
 }
 
-TEST(PLImage, PaddedRowsKeepTheirPaddingThroughPixelAccess) {
-    const int32_t width = 5, height = 4, channels = 3, padding = 7;
-    const int32_t rowBytes = width * channels * 2 + padding;
-    std::vector<uint8_t> block(rowBytes * height, 0xA5);
-    PLImage image(block.data(), width, height, rowBytes, channels, PLPixelUShort, 1);
-    for (int32_t y = 0; y < height; ++y) {
-        for (int32_t x = 0; x < width; ++x) {
-            const float in[3] = {float(x), float(y), 1000.0f};
-            image.SetPixel(x, y, in);
-            float out[3];
-            image.GetPixel(x, y, out);
-            EXPECT_EQ(out[0], float(x));
-            EXPECT_EQ(out[1], float(y));
-            image.GetChannel(x, y, out, 2);
-            EXPECT_EQ(out[0], 1000.0f);
-        }
-    }
-    for (int32_t r = 0; r < height; ++r)
-        for (int32_t i = width * channels * 2; i < rowBytes; ++i)
-            EXPECT_EQ(block[r * rowBytes + i], 0xA5) << "padding touched in stored row " << r;
-}
-
-TEST(PLImage, ElementWritersTruncateAndKeepLowBits) {
+TEST(PLImage, ElementConversionsAtTheirEdges) {
     EXPECT_EQ(StoredUChar(255.9f), 255);
     EXPECT_EQ(StoredUChar(-1.0f), 255);
     EXPECT_EQ(StoredUChar(256.0f), 0);
-    EXPECT_EQ(StoredUChar(0.999f), 0);
     EXPECT_EQ(StoredUChar(std::nanf("")), 0) << "NaN truncates to INT_MIN, whose low bits are 0";
     EXPECT_EQ(StoredUChar(1e20f), 0);
     EXPECT_EQ(StoredUShort(65535.9f), 65535);
     EXPECT_EQ(StoredUShort(65536.0f), 0);
     EXPECT_EQ(StoredUShort(-2.0f), 65534);
     EXPECT_EQ(StoredUShort(std::numeric_limits<float>::infinity()), 0);
-
     int8_t c = 0;
     PLFloatToElement(PLPixelChar, &c, 200.0f);
     EXPECT_EQ(c, -56);
-    // Type 5 writes with the same 2^-16 factor as its reader; type 6 has the reciprocal pair.
+    // Type 5 writes with the same 2^-16 factor as its reader.
     int16_t fraction = 0;
     PLFloatToElement(PLPixelFractionShort, &fraction, 3.0f * 65536.0f);
     EXPECT_EQ(fraction, 3);
     int64_t wide = 0;
     PLFloatToElement(PLPixelLong, &wide, -3e10f);
     EXPECT_EQ(wide, -30000001024LL);
-    double d = 0;
-    PLFloatToElement(PLPixelDouble, &d, 0.1f);
-    EXPECT_EQ(d, static_cast<double>(0.1f));
-}
 
-TEST(PLImage, EveryEightAndSixteenBitCodeRoundTrips) {
-    for (int32_t v = 0; v < 256; ++v) {
-        const uint8_t e = static_cast<uint8_t>(v);
-        float f = -1;
-        PLElementReaderFor(PLPixelUChar)(&f, &e);
-        ASSERT_EQ(f, float(v));
-        ASSERT_EQ(StoredUChar(f), v);
-        const int8_t s = static_cast<int8_t>(v);
-        PLElementReaderFor(PLPixelChar)(&f, &s);
-        ASSERT_EQ(f, float(s));
-    }
     for (int32_t v = 0; v < 65536; ++v) {
         const uint16_t e = static_cast<uint16_t>(v);
         float f = -1;
+        if (v < 256) {
+            const uint8_t b = static_cast<uint8_t>(v);
+            PLElementReaderFor(PLPixelUChar)(&f, &b);
+            ASSERT_EQ(f, float(v));
+            ASSERT_EQ(StoredUChar(f), v);
+        }
         PLElementReaderFor(PLPixelUShort)(&f, &e);
         ASSERT_EQ(f, float(v));
         ASSERT_EQ(StoredUShort(f), v);
@@ -216,12 +153,15 @@ TEST(PLImage, EveryEightAndSixteenBitCodeRoundTrips) {
         uint16_t back = 0;
         PLFloatToElement(PLPixelFractionUShort, &back, f);
         ASSERT_EQ(back, v);
-        const int16_t s = static_cast<int16_t>(v);
-        PLElementReaderFor(PLPixelShort)(&f, &s);
-        ASSERT_EQ(f, float(s));
     }
-    EXPECT_EQ(PLElementReaderFor(9), nullptr);
-    EXPECT_EQ(PLElementSize(9), 0);
+
+    // Unknown type: no reader, and pixel access reads nothing.
+    uint8_t block[16] = {};
+    PLImage unknown(block, 2, 2, 4, 1, 9, 0);
+    EXPECT_EQ(unknown.elementToFloat, nullptr);
+    float out = 42.0f;
+    unknown.GetChannel(1, 1, &out, 0);
+    EXPECT_EQ(out, 42.0f);
 }
 
 TEST(PLImage, GetPixelReadsFloatRowsAsSixteenBitElements) {
@@ -239,15 +179,6 @@ TEST(PLImage, GetPixelReadsFloatRowsAsSixteenBitElements) {
     EXPECT_EQ(out, 1.0f) << "GetChannel reads the stored float";
 }
 
-TEST(PLImage, UnknownPixelTypeReadsNothing) {
-    uint8_t block[16] = {};
-    PLImage image(block, 2, 2, 4, 1, 9, 0);
-    EXPECT_EQ(image.elementToFloat, nullptr);
-    float out = 42.0f;
-    image.GetChannel(1, 1, &out, 0);
-    EXPECT_EQ(out, 42.0f);
-}
-
 TEST(PLImage, Comparers) {
     PLImage a(4, 3, 4, PLPixelUChar, 0);
     PLImage same(4, 3, 4, PLPixelUChar, 1);
@@ -262,14 +193,12 @@ TEST(PLImage, Comparers) {
     EXPECT_TRUE(PLDimensionsDiffer(&a, nullptr));
     uint8_t outside[48];
     PLImage sameSize(outside, 4, 3, 4, PLPixelUChar, 0);
-    EXPECT_FALSE(PLDimensionsDiffer(&a, &sameSize));
     sameSize.data = nullptr;
     EXPECT_TRUE(PLDimensionsDiffer(&a, &sameSize)) << "equal sizes, but one has no data";
 
     EXPECT_TRUE(PLDimensionsOrChannelsDiffer(&a, &twoChannels));
     EXPECT_FALSE(PLDimensionsOrChannelsDiffer(&a, &asShort));
     EXPECT_TRUE(PLDimensionsOrTypeDiffer(&a, &asShort));
-    EXPECT_FALSE(PLDimensionsOrTypeDiffer(&a, &same));
     EXPECT_FALSE(PLLayoutsDiffer(&a, &asChar));
     EXPECT_TRUE(PLLayoutsDiffer(&a, &asShort));
     EXPECT_TRUE(PLLayoutsDiffer(nullptr, &a));

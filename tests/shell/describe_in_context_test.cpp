@@ -37,25 +37,18 @@ const Numeric kNumeric[] = {
     {"valVecScaleY", -2.0, 10.0, -2.0, 10.0, 1.0, "Value: Vector Scale Y", "Vector Scale Y"},
 };
 
-std::vector<PropertyWrite> customWrites() {
-    return {num(kOfxParamPropEvaluateOnChange, 0),
-            num(kOfxParamPropPersistant, 1),
-            str(kOfxParamPropDefault, k256),
-            str(kOfxPropLabel, "CustomData_DoNotEdit"),
-            str(kOfxParamPropScriptName, "CustomData_DoNotEdit"),
-            str(kOfxParamPropHint, "Custom data string, do not edit!"),
-            num(kOfxParamPropSecret, 1)};
-}
-
-std::vector<PropertyWrite> stringWrites() {
-    return {num(kOfxParamPropEvaluateOnChange, 0),
-            num(kOfxParamPropPersistant, 1),
-            str(kOfxParamPropDefault, k256),
-            str(kOfxPropLabel, "license"),
-            str(kOfxParamPropScriptName, "CustomData_DoNotEdit"),
-            str(kOfxParamPropHint, "Custom data string, do not edit!"),
-            num(kOfxParamPropEnabled, 0),
-            num(kOfxParamPropSecret, 1)};
+// The hidden parameter's properties; the string form has its own label and
+// is disabled.
+std::vector<PropertyWrite> hiddenWrites(bool asString) {
+    std::vector<PropertyWrite> w = {num(kOfxParamPropEvaluateOnChange, 0),
+                                    num(kOfxParamPropPersistant, 1),
+                                    str(kOfxParamPropDefault, k256),
+                                    str(kOfxPropLabel, asString ? "license" : "CustomData_DoNotEdit"),
+                                    str(kOfxParamPropScriptName, "CustomData_DoNotEdit"),
+                                    str(kOfxParamPropHint, "Custom data string, do not edit!")};
+    if (asString) w.push_back(num(kOfxParamPropEnabled, 0));
+    w.push_back(num(kOfxParamPropSecret, 1));
+    return w;
 }
 
 // Everything that doesn't depend on the host: clips, numeric parameters and
@@ -117,56 +110,43 @@ std::vector<ParamDefinition> definitions(std::vector<ParamDefinition> hidden) {
 
 }  // namespace
 
-TEST(DescribeInContext, OrdinaryHostsGetFourParametersAndAPageOfFour) {
-    for (const char* name :
-         {"com.corvane.trelvo-render", kToxik, "uk.co.thefoundry.nu", "com.eyeonline.Fus"}) {
-        Session s(hostNamed(name));
+TEST(DescribeInContext, TheHiddenParameterOnNukeOnceAndOnFusionTwice) {
+    const ParamDefinition custom = {kOfxParamTypeCustom, "QFXCustomData", kOfxStatOK};
+    // Our host refuses Fusion's second name, so the string form's properties
+    // land on the handle left in the variable: the custom parameter's.
+    const ParamDefinition refused = {kOfxParamTypeString, "QFXCustomData", kOfxStatErrExists};
+    std::vector<PropertyWrite> both = hiddenWrites(false);
+    for (const PropertyWrite& w : hiddenWrites(true)) both.push_back(w);
+    const struct {
+        const char* host;
+        std::vector<ParamDefinition> hidden;
+        std::vector<PropertyWrite> writes;
+    } rows[] = {
+        {"com.corvane.trelvo-render", {}, {}},  {kToxik, {}, {}},
+        {"uk.co.thefoundry.nu", {}, {}},        {"com.eyeonline.Fus", {}, {}},
+        {kNuke, {custom}, hiddenWrites(false)}, {"uk.co.thefoundry.nukeX 12", {custom}, hiddenWrites(false)},
+        {kFusion, {custom, refused}, both},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.host);
+        Session s(hostNamed(row.host));
         s.describe();
         ImageEffect& d = *s.plugin().contextDescriptor();
-        expectCommonInterface(d, name);
-        EXPECT_EQ(d.params().definitions(), definitions({})) << name;
-        EXPECT_EQ(d.param("Main")->properties().values(kOfxParamPropPageChild).size(), 4u) << name;
-        EXPECT_EQ(d.param("QFXCustomData"), nullptr) << name;
-    }
-}
-
-TEST(DescribeInContext, NukeGetsTheHiddenParameterOnceAsCustomAndFifthOnThePage) {
-    for (const char* name : {kNuke, "uk.co.thefoundry.nuk", "uk.co.thefoundry.nukeX 12"}) {
-        Session s(hostNamed(name));
-        s.describe();
-        ImageEffect& d = *s.plugin().contextDescriptor();
-        expectCommonInterface(d, name);
-        EXPECT_EQ(d.params().definitions(),
-                  definitions({{kOfxParamTypeCustom, "QFXCustomData", kOfxStatOK}}));
+        expectCommonInterface(d, row.host);
+        EXPECT_EQ(d.params().definitions(), definitions(row.hidden));
+        Values children = d.param("Main")->properties().values(kOfxParamPropPageChild);
         ofxhost::Param* hidden = d.param("QFXCustomData");
+        if (row.hidden.empty()) {
+            EXPECT_EQ(hidden, nullptr);
+            EXPECT_EQ(children.size(), 4u);
+            continue;
+        }
         ASSERT_NE(hidden, nullptr);
         EXPECT_EQ(hidden->type(), kOfxParamTypeCustom);
-        EXPECT_EQ(hidden->properties().writes(), customWrites());
-        Values children = d.param("Main")->properties().values(kOfxParamPropPageChild);
+        EXPECT_EQ(hidden->properties().writes(), row.writes);
         ASSERT_EQ(children.size(), 5u);
         EXPECT_EQ(children[4], PropertyValue(std::string("QFXCustomData")));
     }
-}
-
-TEST(DescribeInContext, FusionDefinesTheHiddenParameterTwiceCustomThenString) {
-    Session s(hostNamed(kFusion));
-    s.describe();
-    ImageEffect& d = *s.plugin().contextDescriptor();
-    expectCommonInterface(d, kFusion);
-    // Our host refuses the second name, so the string form's properties land
-    // on the handle left in the variable: the custom parameter's.
-    EXPECT_EQ(d.params().definitions(),
-              definitions({{kOfxParamTypeCustom, "QFXCustomData", kOfxStatOK},
-                           {kOfxParamTypeString, "QFXCustomData", kOfxStatErrExists}}));
-    std::vector<PropertyWrite> both = customWrites();
-    for (const PropertyWrite& w : stringWrites()) both.push_back(w);
-    EXPECT_EQ(d.param("QFXCustomData")->properties().writes(), both);
-    Values def = d.param("QFXCustomData")->properties().values(kOfxParamPropDefault);
-    ASSERT_EQ(def.size(), 1u);
-    EXPECT_EQ(std::get<std::string>(def[0]).size(), 256u);
-    Values children = d.param("Main")->properties().values(kOfxParamPropPageChild);
-    ASSERT_EQ(children.size(), 5u);
-    EXPECT_EQ(children[4], PropertyValue(std::string("QFXCustomData")));
 }
 
 TEST(DescribeInContext, EveryOtherContextFailsAndDefinesNothing) {

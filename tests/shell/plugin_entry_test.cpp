@@ -3,6 +3,7 @@
 // the thread layer, and Unload's clean-up.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -65,54 +66,51 @@ HostConfig named(const std::string& name) {
 }  // namespace
 
 TEST(HostTests, ComparePrefixesOfFixedLength) {
-    struct Case {
-        const char* name;
-        bool nuke, fusion, toxik;
-    } cases[] = {
-        {"uk.co.thefoundry.nuke", true, false, false},
-        {"uk.co.thefoundry.nuk", true, false, false},  // exactly the 20 compared bytes
-        {"uk.co.thefoundry.nukeX", true, false, false},
-        {"uk.co.thefoundry.nu", false, false, false},
-        {"uk.co.thefoundry.nukE", true, false, false},  // byte 21 is not compared
-        {"uk.co.thefoundry.nUke", false, false, false},
-        {"com.eyeonline.Fusion", false, true, false},
-        {"com.eyeonline.Fusi", false, true, false},  // 18 bytes
-        {"com.eyeonline.Fus", false, false, false},
-        {"Autodesk Toxik", false, false, true},
-        {"Autodesk Toxik 2009", false, false, true},
-        {"Autodesk Toxi", false, false, true},  // all 13 compared bytes agree
-        {"Autodesk Tox", false, false, false},
-        {"autodesk toxik", false, false, false},
-        {"", false, false, false},
-        {nullptr, false, false, false},
+    // Which of Nuke, Fusion and Toxik each name is taken for.
+    const std::pair<const char*, const char*> cases[] = {
+        {"uk.co.thefoundry.nuke", "N"},
+        {"uk.co.thefoundry.nuk", "N"},  // exactly the 20 compared bytes
+        {"uk.co.thefoundry.nukeX", "N"},
+        {"uk.co.thefoundry.nu", ""},
+        {"uk.co.thefoundry.nukE", "N"},  // byte 21 is not compared
+        {"uk.co.thefoundry.nUke", ""},
+        {"com.eyeonline.Fusion", "F"},
+        {"com.eyeonline.Fusi", "F"},  // 18 bytes
+        {"com.eyeonline.Fus", ""},
+        {"Autodesk Toxik 2009", "T"},
+        {"Autodesk Toxi", "T"},  // all 13 compared bytes agree
+        {"Autodesk Tox", ""},
+        {"autodesk toxik", ""},
+        {"", ""},
+        {nullptr, ""},
     };
-    for (const Case& c : cases) {
-        ofxHost h{"label", c.name};
-        const char* shown = c.name ? c.name : "(null)";
-        EXPECT_EQ(hostIsNuke(&h), c.nuke) << shown;
-        EXPECT_EQ(hostIsFusion(&h), c.fusion) << shown;
-        EXPECT_EQ(hostIsToxik(&h), c.toxik) << shown;
+    for (const auto& [name, is] : cases) {
+        SCOPED_TRACE(name ? name : "(null)");
+        ofxHost h{"label", name};
+        EXPECT_EQ(hostIsNuke(&h), std::strchr(is, 'N') != nullptr);
+        EXPECT_EQ(hostIsFusion(&h), std::strchr(is, 'F') != nullptr);
+        EXPECT_EQ(hostIsToxik(&h), std::strchr(is, 'T') != nullptr);
     }
 }
 
 TEST_F(ShellEntry, DescribeProbesTheHostAndKeepsStartValuesWhenUnanswered) {
-    HostConfig silent;
-    silent.omittedProperties = {kOfxImageEffectPropSupportsMultipleClipDepths,
-                                kOfxImageEffectHostPropIsBackground};
-    startHost(silent);
-    ofxhost::ImageEffect descriptor;
-    EXPECT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
-    EXPECT_EQ(gHostSupportsMultipleBitDepths, 1);
-    EXPECT_EQ(gHostIsBackground, 0);
-    stopHost();
-
-    Host& host = startHost();
-    host.properties().assign(kOfxImageEffectPropSupportsMultipleClipDepths, {0});
-    host.properties().assign(kOfxImageEffectHostPropIsBackground, {1});
-    ofxhost::ImageEffect descriptor2;
-    EXPECT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor2.handle(), nullptr, nullptr), kOfxStatOK);
-    EXPECT_EQ(gHostSupportsMultipleBitDepths, 0);
-    EXPECT_EQ(gHostIsBackground, 1);
+    for (bool answered : {false, true}) {
+        SCOPED_TRACE(answered ? "answered" : "unanswered");
+        HostConfig config;
+        if (!answered)
+            config.omittedProperties = {kOfxImageEffectPropSupportsMultipleClipDepths,
+                                        kOfxImageEffectHostPropIsBackground};
+        Host& host = startHost(config);
+        if (answered) {
+            host.properties().assign(kOfxImageEffectPropSupportsMultipleClipDepths, {0});
+            host.properties().assign(kOfxImageEffectHostPropIsBackground, {1});
+        }
+        ofxhost::ImageEffect descriptor;
+        EXPECT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
+        EXPECT_EQ(gHostSupportsMultipleBitDepths, answered ? 0 : 1);
+        EXPECT_EQ(gHostIsBackground, answered ? 1 : 0);
+        stopHost();
+    }
 }
 
 TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
