@@ -154,7 +154,7 @@ TEST_F(HostServices, MemoryHooksGoThroughTheHostAndTrustOnlyItsStatus) {
     EXPECT_EQ(QVUserMallocFunc(nullptr, 8), nullptr);
 
     // A host that fails yet hands back a pointer, and one that succeeds with null.
-    OfxMemorySuiteV1 stub = {stubAlloc, nullptr};
+    static OfxMemorySuiteV1 stub = {stubAlloc, nullptr};
     gMemoryHost = &stub;
     char dummy = 0;
     for (auto [status, given] : {std::pair{kOfxStatFailed, static_cast<void*>(&dummy)},
