@@ -26,9 +26,9 @@ bool WriteExr(const std::string& path, const DemoShot& shot, const std::vector<f
         std::fprintf(stderr, "trelvo-makeshot: %s: %s\n", path.c_str(), OIIO::geterror().c_str());
         return false;
     }
-    OIIO::ImageSpec spec(shot.width, shot.height, 4, OIIO::TypeDesc::FLOAT);
-    spec.attribute("compression", "zip");
-    if (!out->open(path, spec) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close()) {
+    OIIO::ImageSpec format(shot.width, shot.height, 4, OIIO::TypeDesc::FLOAT);
+    format.attribute("compression", "zip");
+    if (!out->open(path, format) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close()) {
         std::fprintf(stderr, "trelvo-makeshot: %s: %s\n", path.c_str(), out->geterror().c_str());
         return false;
     }
