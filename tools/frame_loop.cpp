@@ -1,0 +1,169 @@
+#include "frame_loop.h"
+
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+#include <vector>
+
+#include "image_file.h"
+#include "progress_report.h"
+#include "render_session.h"
+#include "stop_signal.h"
+
+namespace {
+
+// The colours the plug-in paints a frame it could not render (and then
+// reports success), with what each means here.
+const char* failureMeaning(const HostPixels& image) {
+    if (image.width <= 0 || image.height <= 0) return nullptr;
+    float first[4];
+    for (int c = 0; c < 4; ++c) first[c] = image.at(0, 0, c);
+    for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x)
+            for (int c = 0; c < 4; ++c)
+                if (image.at(x, y, c) != first[c]) return nullptr;
+    static const struct {
+        float rgba[4];
+        const char* meaning;
+    } colours[] = {
+        {{1.0f, 0.0f, 0.0f, 1.0f},
+         "solid red: the plug-in failed (an input unconnected, missing or alpha-only, or the engine failed)"},
+        {{0.9f, 0.6f, 0.0f, 1.0f}, "solid orange: the render was aborted"},
+        {{0.0f, 0.0f, 0.0f, 0.0f}, "transparent black: no source or vector frame at this time"},
+    };
+    // One code of an 8-bit image either way.
+    for (const auto& colour : colours) {
+        bool same = true;
+        for (int c = 0; c < 4; ++c) same = same && std::fabs(first[c] - colour.rgba[c]) <= 1.0f / 255.0f;
+        if (same) return colour.meaning;
+    }
+    return nullptr;
+}
+
+// The frames in order. Gives the exit code.
+int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& session,
+                 ProgressReport& progress, std::atomic<unsigned long>& frameStartPolls) {
+    std::string error;
+    FrameInputs inputs;
+    inputs.firstFrame = job.frames.front();
+    inputs.lastFrame = job.frames.front();
+    for (int f : job.frames) {
+        inputs.firstFrame = std::min<double>(inputs.firstFrame, f);
+        inputs.lastFrame = std::max<double>(inputs.lastFrame, f);
+    }
+    inputs.renderScale = o.proxy;
+    const WriteSettings writeSettings{o.depth, o.compression};
+    int warnings = 0;
+    for (int frame : job.frames) {
+        if (stopSignal()) break;
+        frameStartPolls = session.abortPolls();
+        progress.frameStarted(frame);
+        HostPixels source, vectors, output;
+        if (!readHostPixels(job.source.frame(frame), {o.proxy, false}, source, error) ||
+            !readHostPixels(job.vectors.frame(frame), {o.proxy, true}, vectors, error)) {
+            progress.message("trelvo-render: " + error);
+            progress.finish();
+            return 1;
+        }
+        if (o.premultiplication == "unpremultiplied" && source.alpha != AlphaState::Opaque)
+            source.alpha = AlphaState::Unpremultiplied;
+        else if (o.premultiplication == "premultiplied" && source.alpha != AlphaState::Opaque)
+            source.alpha = AlphaState::Premultiplied;
+        inputs.source = &source;
+        inputs.vectors = &vectors;
+        if (!session.render(frame, inputs, output, error)) {
+            progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + error);
+            progress.finish();
+            return 1;
+        }
+        for (const std::string& text : session.takeMessages())
+            progress.message("trelvo-render: plug-in " + text);
+        // An aborted frame is never written: it would be orange.
+        if (stopSignal()) break;
+        if (const char* meaning = failureMeaning(output)) {
+            ++warnings;
+            progress.message("trelvo-render: warning: frame " + std::to_string(frame) + " came back " +
+                             meaning);
+        }
+        output.fileHeader = source.fileHeader;
+        output.alpha = source.alpha;
+        const std::string path = job.output.frame(frame);
+        if (!writeHostPixels(path, output, writeSettings, error)) {
+            progress.message("trelvo-render: " + error);
+            progress.finish();
+            return 1;
+        }
+        progress.frameDone(path);
+    }
+    progress.finish();
+    if (stopSignal()) {
+        std::fprintf(stderr, "trelvo-render: interrupted; the frame in progress was not written\n");
+        return stopStatus();
+    }
+    if (warnings)
+        std::fprintf(stderr, "trelvo-render: %d frame%s came back in a failure colour\n", warnings,
+                     warnings == 1 ? "" : "s");
+    return 0;
+}
+
+// --threads: the host reports N processors, and the process keeps to N of
+// the cores it may use, so that a plug-in which sizes its pool from the
+// machine (ours does, on hosts it doesn't single out) still uses N at a time.
+// Threads started later inherit the mask.
+void limitCores(long threads) {
+    cpu_set_t allowed, chosen;
+    if (threads <= 0 || sched_getaffinity(0, sizeof allowed, &allowed) != 0) return;
+    CPU_ZERO(&chosen);
+    long taken = 0;
+    for (int cpu = 0; cpu < CPU_SETSIZE && taken < threads; ++cpu)
+        if (CPU_ISSET(cpu, &allowed)) {
+            CPU_SET(cpu, &chosen);
+            ++taken;
+        }
+    sched_setaffinity(0, sizeof chosen, &chosen);
+}
+
+}  // namespace
+
+int renderJob(const RenderOptions& o, const RenderJob& job, const std::string& plugin) {
+    std::string error;
+    limitCores(o.threads);
+    RenderSession session(static_cast<unsigned>(o.threads));
+    if (!session.open(plugin, error)) {
+        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
+        return 1;
+    }
+    if (!checkParams(o.params, session.params(), error)) {
+        std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
+        return 2;
+    }
+    for (const ParamSetting& s : o.params) session.setParam(s.name, s.value);
+
+    const ProgressReport::Style style = o.quiet                 ? ProgressReport::Style::Quiet
+                                        : isatty(STDERR_FILENO) ? ProgressReport::Style::Bar
+                                                                : ProgressReport::Style::Lines;
+    ProgressReport progress(stderr, style, static_cast<int>(job.frames.size()));
+    installStopHandlers();
+    // The watcher turns a stop signal into the host's abort answer and feeds
+    // the bar with the plug-in's abort polls of the current frame.
+    std::atomic<bool> finished{false};
+    std::atomic<unsigned long> frameStartPolls{0};
+    std::thread watcher([&] {
+        while (!finished) {
+            if (stopSignal()) session.abort();
+            const unsigned long polls = session.abortPolls(), start = frameStartPolls;
+            progress.ticks(polls >= start ? static_cast<long>(polls - start) : 0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    const int status = renderFrames(o, job, session, progress, frameStartPolls);
+    finished = true;
+    watcher.join();
+    return status;
+}

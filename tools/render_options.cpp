@@ -1,0 +1,179 @@
+#include "render_options.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <functional>
+
+#include "image_file.h"
+
+std::string renderUsage(const std::string& defaultPlugin, const std::string& installedPlugin) {
+    return "usage: trelvo-render --source SRC --vectors VEC --output OUT [--frames RANGE] [options]\n"
+           "       trelvo-render --list | --describe [--plugin PATH]\n"
+           "\n"
+           "Files are read and written through OpenImageIO (EXR, DPX, TIFF, PNG, JPEG, ...). A sequence\n"
+           "names its frame number with #### or %04d: --source shot/beauty.####.exr.\n"
+           "\n"
+           "Render:\n"
+           "  --source PATH        the picture to blur (RGBA, RGB, Y or YA)\n"
+           "  --vectors PATH       its motion vectors, one frame each, or one file for all frames\n"
+           "  --output PATH        where the result goes; its folder must exist\n"
+           "  --frames RANGE       7 | 1-100 | 1-100x2 | 1,5,10-20 (default: the source frames on disk)\n"
+           "  --amount V           Blur Amount, valMBAmount\n"
+           "  --max-displace V     Max Displacement in pixels, valMaxDisplace: the vectors' full scale\n"
+           "  --scale-x V          Vector Scale X, valVecScaleX\n"
+           "  --scale-y V          Vector Scale Y, valVecScaleY\n"
+           "  --param NAME=V       any double parameter by its OFX name (repeatable)\n"
+           "  --proxy S            render scale S in (0, 1]: images are scaled to S and rendered at it\n"
+           "  --unpremultiplied    the source's colour is not multiplied by its alpha\n"
+           "  --premultiplied      the source's colour is multiplied by its alpha (the default,\n"
+           "                       unless the file says otherwise)\n"
+           "  --depth D            output depth: 8, 16, half or float (default: the effect's choice)\n"
+           "  --compression NAME   output compression where the format has one (zip, piz, dwaa, lzw, ...)\n"
+           "  --threads N          processors the host reports to the plug-in, and the cores the\n"
+           "                       render keeps to (default: all)\n"
+           "  --quiet              no progress, only warnings and errors\n"
+           "\n"
+           "Inspect:\n"
+           "  --list               the plug-ins in the bundle\n"
+           "  --describe           load the plug-in, print what it declares and its parameters\n"
+           "  --plugin PATH        the plug-in bundle folder or its .ofx binary\n"
+           "                       (default: " +
+           defaultPlugin + ",\n                        or " + installedPlugin +
+           " when that doesn't exist)\n"
+           "  --help               show this text\n"
+           "\n"
+           "Exit status: 0 done, 1 a render or file failed, 2 bad usage or input, 130 interrupted.\n";
+}
+
+bool parseDouble(const std::string& text, double& value) {
+    if (text.empty()) return false;
+    char* end = nullptr;
+    errno = 0;
+    value = std::strtod(text.c_str(), &end);
+    return !errno && *end == '\0' && std::isfinite(value);
+}
+
+namespace {
+
+// One entry per option; an option with a value gets it as the argument.
+// apply gives an error text, empty when the value is fine.
+struct OptionRule {
+    const char* name;
+    bool takesValue;
+    std::function<std::string(RenderOptions&, const std::string&)> apply;
+};
+
+std::function<std::string(RenderOptions&, const std::string&)> paramOption(const char* option,
+                                                                           const char* name) {
+    return [option, name](RenderOptions& o, const std::string& v) -> std::string {
+        double value;
+        if (!parseDouble(v, value))
+            return std::string("option '") + option + "': '" + v + "' is not a number";
+        o.params.push_back({std::string(option) + " " + v, name, value});
+        return "";
+    };
+}
+
+const std::vector<OptionRule>& optionRules() {
+    static const std::vector<OptionRule> rules = {
+        {"--describe", false,
+         [](RenderOptions& o, const std::string&) { return o.describe = true, std::string(); }},
+        {"--list", false, [](RenderOptions& o, const std::string&) { return o.list = true, std::string(); }},
+        {"--help", false, [](RenderOptions& o, const std::string&) { return o.help = true, std::string(); }},
+        {"--quiet", false,
+         [](RenderOptions& o, const std::string&) { return o.quiet = true, std::string(); }},
+        {"--plugin", true,
+         [](RenderOptions& o, const std::string& v) { return o.plugin = v, std::string(); }},
+        {"--source", true,
+         [](RenderOptions& o, const std::string& v) { return o.source = v, std::string(); }},
+        {"--vectors", true,
+         [](RenderOptions& o, const std::string& v) { return o.vectors = v, std::string(); }},
+        {"--output", true,
+         [](RenderOptions& o, const std::string& v) { return o.output = v, std::string(); }},
+        {"--frames", true,
+         [](RenderOptions& o, const std::string& v) { return o.frames = v, std::string(); }},
+        {"--compression", true,
+         [](RenderOptions& o, const std::string& v) { return o.compression = v, std::string(); }},
+        {"--depth", true,
+         [](RenderOptions& o, const std::string& v) {
+             if (v.empty() || !isOutputDepth(v))
+                 return "option '--depth': '" + v + "' is not 8, 16, half or float";
+             o.depth = v;
+             return std::string();
+         }},
+        {"--unpremultiplied", false,
+         [](RenderOptions& o, const std::string&) {
+             return o.premultiplication = "unpremultiplied", std::string();
+         }},
+        {"--premultiplied", false,
+         [](RenderOptions& o, const std::string&) {
+             return o.premultiplication = "premultiplied", std::string();
+         }},
+        {"--proxy", true,
+         [](RenderOptions& o, const std::string& v) {
+             if (!parseDouble(v, o.proxy) || o.proxy <= 0.0 || o.proxy > 1.0)
+                 return "option '--proxy': '" + v + "' is not a scale in (0, 1]";
+             return std::string();
+         }},
+        {"--threads", true,
+         [](RenderOptions& o, const std::string& v) {
+             char* end = nullptr;
+             o.threads = std::strtol(v.c_str(), &end, 10);
+             if (v.empty() || *end || o.threads < 1 || o.threads > 1024)
+                 return "option '--threads': '" + v + "' is not a count from 1 to 1024";
+             return std::string();
+         }},
+        {"--amount", true, paramOption("--amount", "valMBAmount")},
+        {"--max-displace", true, paramOption("--max-displace", "valMaxDisplace")},
+        {"--scale-x", true, paramOption("--scale-x", "valVecScaleX")},
+        {"--scale-y", true, paramOption("--scale-y", "valVecScaleY")},
+        {"--param", true,
+         [](RenderOptions& o, const std::string& v) {
+             const size_t equals = v.find('=');
+             double value;
+             if (equals == std::string::npos || equals == 0 || !parseDouble(v.substr(equals + 1), value))
+                 return "option '--param': '" + v + "' is not NAME=NUMBER";
+             o.params.push_back({"--param " + v, v.substr(0, equals), value});
+             return std::string();
+         }},
+    };
+    return rules;
+}
+
+}  // namespace
+
+bool parseRenderOptions(int argc, char** argv, RenderOptions& options, std::string& error) {
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        std::string name = arg;
+        std::string value;
+        bool inlineValue = false;
+        size_t equals = arg.find('=');
+        if (arg.rfind("--", 0) == 0 && equals != std::string::npos) {
+            name = arg.substr(0, equals);
+            value = arg.substr(equals + 1);
+            inlineValue = true;
+        }
+        const OptionRule* rule = nullptr;
+        for (const OptionRule& s : optionRules())
+            if (name == s.name) rule = &s;
+        if (!rule) {
+            error = "unknown option '" + arg + "'";
+            return false;
+        }
+        if (rule->takesValue && !inlineValue) {
+            if (i + 1 >= argc) {
+                error = "option '" + name + "' needs a value";
+                return false;
+            }
+            value = argv[++i];
+        } else if (!rule->takesValue && inlineValue) {
+            error = "option '" + name + "' takes no value";
+            return false;
+        }
+        error = rule->apply(options, value);
+        if (!error.empty()) return false;
+    }
+    return true;
+}
