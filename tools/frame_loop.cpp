@@ -15,6 +15,7 @@
 #include "progress_report.h"
 #include "render_session.h"
 #include "stop_signal.h"
+#include "vector_encoding.h"
 
 namespace {
 
@@ -46,6 +47,35 @@ const char* failureMeaning(const HostPixels& image) {
     return nullptr;
 }
 
+// One frame's vector clip in the plug-in's encoding. Motion in pixels is
+// encoded here with its own M (per frame, so a frame renders alike alone or
+// in a sequence), which `maxDisplace` returns; 0 leaves the parameter as the
+// user set it. `noneKnown` says why, when no vector of the frame is known.
+bool frameVectors(const RenderOptions& o, const RenderJob& job, int frame, HostPixels& vectors,
+                  double& maxDisplace, std::string& noneKnown, std::string& error) {
+    maxDisplace = 0.0;
+    noneKnown.clear();
+    if (MotionSource* motion = job.inputs.motion.get()) {
+        RawVectors raw;
+        if (!motion->read(frame, o.proxy, raw, error)) return false;
+        const double largest = largestComponent(raw);
+        bool any = false;
+        for (size_t i = 0; i < raw.size() && !any; ++i) any = raw.isKnown(i);
+        if (!any) noneKnown = motion->name(frame) + " has no known vector: " + motion->whyNoneKnown();
+        maxDisplace = maxDisplaceFor(largest);
+        encodeVectors(raw, maxDisplace, PixelDepth::Float, vectors);
+        return true;
+    }
+    const std::string path = job.vectors.frame(frame);
+    if (!readHostPixels(path, {o.proxy, true, job.inputs.vectorChannels}, vectors, error)) return false;
+    const std::string why = whyNoKnownVector(vectors);
+    if (!why.empty())
+        noneKnown = path + " has no known vector: " + why +
+                    ". Only alpha exactly 1 (255, 65535) marks a known vector; a motion pass in pixels reads "
+                    "with --vector-units pixels";
+    return true;
+}
+
 // The frames in order. Gives the exit code.
 int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& session,
                  ProgressReport& progress, std::atomic<unsigned long>& frameStartPolls) {
@@ -59,18 +89,33 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
     }
     inputs.renderScale = o.proxy;
     const WriteSettings writeSettings{o.depth, o.compression};
-    int warnings = 0;
+    int failureColours = 0, unblurred = 0;
     for (int frame : job.frames) {
         if (stopSignal()) break;
         frameStartPolls = session.abortPolls();
         progress.frameStarted(frame);
         HostPixels source, vectors, output;
-        if (!readHostPixels(job.source.frame(frame), {o.proxy, false}, source, error) ||
-            !readHostPixels(job.vectors.frame(frame), {o.proxy, true}, vectors, error)) {
+        double maxDisplace = 0.0;
+        std::string noneKnown;
+        if (!readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
+                            error) ||
+            !frameVectors(o, job, frame, vectors, maxDisplace, noneKnown, error)) {
             progress.message("trelvo-render: " + error);
             progress.finish();
             return 1;
         }
+        if (!noneKnown.empty()) {
+            if (o.strict) {
+                progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + noneKnown +
+                                 ". Stopped (--strict); the frame was not rendered");
+                progress.finish();
+                return 1;
+            }
+            ++unblurred;
+            progress.message("trelvo-render: warning: frame " + std::to_string(frame) + ": " + noneKnown +
+                             ". The frame renders unblurred");
+        }
+        if (maxDisplace > 0.0) session.setParam("valMaxDisplace", maxDisplace);
         if (o.premultiplication == "unpremultiplied" && source.alpha != AlphaState::Opaque)
             source.alpha = AlphaState::Unpremultiplied;
         else if (o.premultiplication == "premultiplied" && source.alpha != AlphaState::Opaque)
@@ -87,7 +132,7 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
         // An aborted frame is never written: it would be orange.
         if (stopSignal()) break;
         if (const char* meaning = failureMeaning(output)) {
-            ++warnings;
+            ++failureColours;
             progress.message("trelvo-render: warning: frame " + std::to_string(frame) + " came back " +
                              meaning);
         }
@@ -106,9 +151,12 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
         std::fprintf(stderr, "trelvo-render: interrupted; the frame in progress was not written\n");
         return stopStatus();
     }
-    if (warnings)
-        std::fprintf(stderr, "trelvo-render: %d frame%s came back in a failure colour\n", warnings,
-                     warnings == 1 ? "" : "s");
+    if (failureColours)
+        std::fprintf(stderr, "trelvo-render: %d frame%s came back in a failure colour\n", failureColours,
+                     failureColours == 1 ? "" : "s");
+    if (unblurred)
+        std::fprintf(stderr, "trelvo-render: %d frame%s had no known vector and rendered unblurred\n",
+                     unblurred, unblurred == 1 ? "" : "s");
     return 0;
 }
 

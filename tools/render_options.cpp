@@ -1,11 +1,9 @@
 #include "render_options.h"
 
-#include <cerrno>
-#include <cmath>
-#include <cstdlib>
 #include <functional>
 
 #include "image_file.h"
+#include "option_table.h"
 
 std::string renderUsage(const std::string& defaultPlugin, const std::string& installedPlugin) {
     return "usage: trelvo-render --source SRC --vectors VEC --output OUT [--frames RANGE] [options]\n"
@@ -15,12 +13,14 @@ std::string renderUsage(const std::string& defaultPlugin, const std::string& ins
            "names its frame number with #### or %04d: --source shot/beauty.####.exr.\n"
            "\n"
            "Render:\n"
-           "  --source PATH        the picture to blur (RGBA, RGB, Y or YA)\n"
+           "  --source PATH        the picture to blur (RGBA, RGB, Y or YA, or a layer of it)\n"
            "  --vectors PATH       its motion vectors, one frame each, or one file for all frames\n"
            "  --output PATH        where the result goes; its folder must exist\n"
            "  --frames RANGE       7 | 1-100 | 1-100x2 | 1,5,10-20 (default: the source frames on disk)\n"
-           "  --amount V           Blur Amount, valMBAmount\n"
+           "  --amount V           Blur Amount, valMBAmount: the shutter in frames (0.5: a 180-degree\n"
+           "                       shutter)\n"
            "  --max-displace V     Max Displacement in pixels, valMaxDisplace: the vectors' full scale\n"
+           "                       (encoded vectors only; for vectors in pixels the tool chooses it)\n"
            "  --scale-x V          Vector Scale X, valVecScaleX\n"
            "  --scale-y V          Vector Scale Y, valVecScaleY\n"
            "  --param NAME=V       any double parameter by its OFX name (repeatable)\n"
@@ -33,6 +33,11 @@ std::string renderUsage(const std::string& defaultPlugin, const std::string& ins
            "  --threads N          processors the host reports to the plug-in, and the cores the\n"
            "                       render keeps to (default: all)\n"
            "  --quiet              no progress, only warnings and errors\n"
+           "  --strict             a vector frame with no known vector is an error, not a warning\n"
+           "\n"
+           "Channels and vectors (checked on every frame's file before the first frame):\n"
+           "  --source-layer NAME  the Source's R, G, B, A from layer NAME, e.g. ViewLayer.Combined\n" +
+           std::string(kVectorOptionsHelp) +
            "\n"
            "Inspect:\n"
            "  --list               the plug-ins in the bundle\n"
@@ -46,23 +51,7 @@ std::string renderUsage(const std::string& defaultPlugin, const std::string& ins
            "Exit status: 0 done, 1 a render or file failed, 2 bad usage or input, 130 interrupted.\n";
 }
 
-bool parseDouble(const std::string& text, double& value) {
-    if (text.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    value = std::strtod(text.c_str(), &end);
-    return !errno && *end == '\0' && std::isfinite(value);
-}
-
 namespace {
-
-// One entry per option; an option with a value gets it as the argument.
-// apply gives an error text, empty when the value is fine.
-struct OptionRule {
-    const char* name;
-    bool takesValue;
-    std::function<std::string(RenderOptions&, const std::string&)> apply;
-};
 
 std::function<std::string(RenderOptions&, const std::string&)> paramOption(const char* option,
                                                                            const char* name) {
@@ -75,8 +64,8 @@ std::function<std::string(RenderOptions&, const std::string&)> paramOption(const
     };
 }
 
-const std::vector<OptionRule>& optionRules() {
-    static const std::vector<OptionRule> rules = {
+std::vector<OptionRule<RenderOptions>> makeRules() {
+    std::vector<OptionRule<RenderOptions>> rules = {
         {"--describe", false,
          [](RenderOptions& o, const std::string&) { return o.describe = true, std::string(); }},
         {"--list", false, [](RenderOptions& o, const std::string&) { return o.list = true, std::string(); }},
@@ -137,43 +126,22 @@ const std::vector<OptionRule>& optionRules() {
              o.params.push_back({"--param " + v, v.substr(0, equals), value});
              return std::string();
          }},
+        {"--source-layer", true,
+         [](RenderOptions& o, const std::string& v) {
+             if (v.empty()) return std::string("option '--source-layer' needs a layer name");
+             o.sourceLayer = v;
+             return std::string();
+         }},
+        {"--strict", false,
+         [](RenderOptions& o, const std::string&) { return o.strict = true, std::string(); }},
     };
+    addOptionRules(rules, &RenderOptions::vectorInput, vectorOptionRules());
     return rules;
 }
 
 }  // namespace
 
 bool parseRenderOptions(int argc, char** argv, RenderOptions& options, std::string& error) {
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        std::string name = arg;
-        std::string value;
-        bool inlineValue = false;
-        size_t equals = arg.find('=');
-        if (arg.rfind("--", 0) == 0 && equals != std::string::npos) {
-            name = arg.substr(0, equals);
-            value = arg.substr(equals + 1);
-            inlineValue = true;
-        }
-        const OptionRule* rule = nullptr;
-        for (const OptionRule& s : optionRules())
-            if (name == s.name) rule = &s;
-        if (!rule) {
-            error = "unknown option '" + arg + "'";
-            return false;
-        }
-        if (rule->takesValue && !inlineValue) {
-            if (i + 1 >= argc) {
-                error = "option '" + name + "' needs a value";
-                return false;
-            }
-            value = argv[++i];
-        } else if (!rule->takesValue && inlineValue) {
-            error = "option '" + name + "' takes no value";
-            return false;
-        }
-        error = rule->apply(options, value);
-        if (!error.empty()) return false;
-    }
-    return true;
+    static const std::vector<OptionRule<RenderOptions>> rules = makeRules();
+    return parseOptionTable(argc, argv, rules, options, error);
 }

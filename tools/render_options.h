@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "vector_input.h"
+
 struct ParamSetting {
     std::string option;  // as the user wrote it, for messages
     std::string name;
@@ -24,6 +26,9 @@ struct RenderOptions {
     double proxy = 1.0;
     long threads = 0;
     std::vector<ParamSetting> params;
+    std::string sourceLayer;  // --source-layer: the Source's R, G, B, A from this layer
+    VectorOptions vectorInput;
+    bool strict = false;  // a vector frame with no known vector stops the job
 };
 
 // Accepts "--name value" and "--name=value". Gives false with a message for
@@ -32,6 +37,3 @@ bool parseRenderOptions(int argc, char** argv, RenderOptions& options, std::stri
 
 // The --help text; the two paths are where the plug-in is looked for by default.
 std::string renderUsage(const std::string& defaultPlugin, const std::string& installedPlugin);
-
-// A whole, finite number; false on anything else.
-bool parseDouble(const std::string& text, double& value);

@@ -26,8 +26,15 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
         return false;
     }
     if (!job.source.parse(o.source, error) || !job.vectors.parse(o.vectors, error) ||
-        !job.output.parse(o.output, error))
+        !job.output.parse(o.output, error) || !checkVectorOptions(o.vectorInput, error))
         return false;
+    if (o.vectorInput.inPixels())
+        for (const ParamSetting& s : o.params)
+            if (s.name == "valMaxDisplace") {
+                error = s.option +
+                        ": with vectors in pixels the tool chooses Max Displacement itself; leave it out";
+                return false;
+            }
     if (!o.frames.empty()) {
         if (!parseFrames(o.frames, job.frames, error)) return false;
     } else if (job.source.isSequence()) {
@@ -64,7 +71,7 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
         error = "--output: the folder '" + folder + "' is not writable";
         return false;
     }
-    return true;
+    return planInputs(&job.source, o.sourceLayer, job.vectors, job.frames, o.vectorInput, job.inputs, error);
 }
 
 bool checkParams(const std::vector<ParamSetting>& settings, const std::vector<ParamInfo>& defined,

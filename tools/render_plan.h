@@ -9,13 +9,16 @@
 #include "frames.h"
 #include "render_options.h"
 #include "render_session.h"
+#include "vector_input.h"
 
 struct RenderJob {
     SequencePath source, vectors, output;
     std::vector<int> frames;
+    InputPlan inputs;  // the channels of every frame's files, the vectors' units
 };
 
-// Paths, frame range, frames on disk, the output folder. Gives false with a
+// Paths, frame range, frames on disk, the output folder, the options of the
+// vector clip and the channels of every frame's files. Gives false with a
 // message naming the culprit.
 bool planRender(const RenderOptions& options, RenderJob& job, std::string& error);
 
