@@ -15,6 +15,7 @@
 #include "progress_report.h"
 #include "render_session.h"
 #include "stop_signal.h"
+#include "vector_clip.h"
 #include "vector_encoding.h"
 
 namespace {
@@ -47,32 +48,40 @@ const char* failureMeaning(const HostPixels& image) {
     return nullptr;
 }
 
-// One frame's vector clip in the plug-in's encoding. Motion in pixels is
-// encoded here with its own M (per frame, so a frame renders alike alone or
-// in a sequence), which `maxDisplace` returns; 0 leaves the parameter as the
-// user set it. `noneKnown` says why, when no vector of the frame is known.
-bool frameVectors(const RenderOptions& o, const RenderJob& job, int frame, HostPixels& vectors,
-                  double& maxDisplace, std::string& noneKnown, std::string& error) {
-    maxDisplace = 0.0;
-    noneKnown.clear();
+// One frame's vector clip in the plug-in's encoding and the Max
+// Displacement to render it with. Motion in pixels is encoded here with its
+// own M (per frame, so a frame renders alike alone or in a sequence); a clip
+// written by trelvo-vectors says its M, unless the user set one; otherwise
+// `standing` holds, the user's M or the plug-in's default.
+struct FrameVectors {
+    HostPixels clip;
+    double maxDisplace = 0.0;
+    double clipSays = 0.0;  // the M in the clip's metadata, if any
+    std::string noneKnown;  // why no vector of the frame is known, if none is
+};
+
+bool frameVectors(const RenderOptions& o, const RenderJob& job, int frame, bool userMaxDisplace,
+                  double standing, FrameVectors& vectors, std::string& error) {
     if (MotionSource* motion = job.inputs.motion.get()) {
         RawVectors raw;
         if (!motion->read(frame, o.proxy, raw, error)) return false;
-        const double largest = largestComponent(raw);
         bool any = false;
         for (size_t i = 0; i < raw.size() && !any; ++i) any = raw.isKnown(i);
-        if (!any) noneKnown = motion->name(frame) + " has no known vector: " + motion->whyNoneKnown();
-        maxDisplace = maxDisplaceFor(largest);
-        encodeVectors(raw, maxDisplace, PixelDepth::Float, vectors);
+        if (!any) vectors.noneKnown = motion->name(frame) + " has no known vector: " + motion->whyNoneKnown();
+        vectors.maxDisplace = maxDisplaceFor(largestComponent(raw));
+        encodeVectors(raw, vectors.maxDisplace, PixelDepth::Float, vectors.clip);
         return true;
     }
     const std::string path = job.vectors.frame(frame);
-    if (!readHostPixels(path, {o.proxy, true, job.inputs.vectorChannels}, vectors, error)) return false;
-    const std::string why = whyNoKnownVector(vectors);
+    if (!readHostPixels(path, {o.proxy, true, job.inputs.vectorChannels}, vectors.clip, error)) return false;
+    vectors.clipSays = clipMaxDisplace(vectors.clip.fileHeader);
+    vectors.maxDisplace = vectors.clipSays > 0.0 && !userMaxDisplace ? vectors.clipSays : standing;
+    const std::string why = whyNoKnownVector(vectors.clip);
     if (!why.empty())
-        noneKnown = path + " has no known vector: " + why +
-                    ". Only alpha exactly 1 (255, 65535) marks a known vector; a motion pass in pixels reads "
-                    "with --vector-units pixels";
+        vectors.noneKnown =
+            path + " has no known vector: " + why +
+            ". Only alpha exactly 1 (255, 65535) marks a known vector; a motion pass in pixels "
+            "reads with --vector-units pixels";
     return true;
 }
 
@@ -90,38 +99,52 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
     inputs.renderScale = o.proxy;
     const WriteSettings writeSettings{o.depth, o.compression};
     int failureColours = 0, unblurred = 0;
+    double standing = 0.0;
+    bool userMaxDisplace = false;
+    for (const ParamInfo& p : session.params())
+        if (p.name == "valMaxDisplace") standing = p.defaultValue;
+    for (const ParamSetting& s : o.params)
+        if (s.name == "valMaxDisplace") standing = s.value, userMaxDisplace = true;
+    bool toldOverride = false;
     for (int frame : job.frames) {
         if (stopSignal()) break;
         frameStartPolls = session.abortPolls();
         progress.frameStarted(frame);
-        HostPixels source, vectors, output;
-        double maxDisplace = 0.0;
-        std::string noneKnown;
+        HostPixels source, output;
+        FrameVectors vectors;
         if (!readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
                             error) ||
-            !frameVectors(o, job, frame, vectors, maxDisplace, noneKnown, error)) {
+            !frameVectors(o, job, frame, userMaxDisplace, standing, vectors, error)) {
             progress.message("trelvo-render: " + error);
             progress.finish();
             return 1;
         }
-        if (!noneKnown.empty()) {
+        if (!vectors.noneKnown.empty()) {
             if (o.strict) {
-                progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + noneKnown +
+                progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + vectors.noneKnown +
                                  ". Stopped (--strict); the frame was not rendered");
                 progress.finish();
                 return 1;
             }
             ++unblurred;
-            progress.message("trelvo-render: warning: frame " + std::to_string(frame) + ": " + noneKnown +
-                             ". The frame renders unblurred");
+            progress.message("trelvo-render: warning: frame " + std::to_string(frame) + ": " +
+                             vectors.noneKnown + ". The frame renders unblurred");
         }
-        if (maxDisplace > 0.0) session.setParam("valMaxDisplace", maxDisplace);
+        if (vectors.clipSays > 0.0 && userMaxDisplace && vectors.clipSays != standing && !toldOverride) {
+            char text[96];
+            std::snprintf(text, sizeof text,
+                          " was encoded with Max Displacement %.9g; --max-displace %.9g overrides it",
+                          vectors.clipSays, standing);
+            progress.message("trelvo-render: warning: " + job.vectors.frame(frame) + text);
+            toldOverride = true;
+        }
+        session.setParam("valMaxDisplace", vectors.maxDisplace);
         if (o.premultiplication == "unpremultiplied" && source.alpha != AlphaState::Opaque)
             source.alpha = AlphaState::Unpremultiplied;
         else if (o.premultiplication == "premultiplied" && source.alpha != AlphaState::Opaque)
             source.alpha = AlphaState::Premultiplied;
         inputs.source = &source;
-        inputs.vectors = &vectors;
+        inputs.vectors = &vectors.clip;
         if (!session.render(frame, inputs, output, error)) {
             progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + error);
             progress.finish();
