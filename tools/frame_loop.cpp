@@ -81,7 +81,8 @@ bool frameVectors(const RenderOptions& o, const RenderJob& job, int frame, bool 
         vectors.noneKnown =
             path + " has no known vector: " + why +
             ". Only alpha exactly 1 (255, 65535) marks a known vector; a motion pass in pixels "
-            "reads with --vector-units pixels";
+            "reads with --vector-units pixels (a Blender Vector pass saved as RGBA with --vectors-from "
+            "blender --vector-channels R,G,B,A)";
     return true;
 }
 

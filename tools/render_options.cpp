@@ -37,7 +37,7 @@ std::string renderUsage(const std::string& defaultPlugin, const std::string& ins
            "\n"
            "Channels and vectors (checked on every frame's file before the first frame):\n"
            "  --source-layer NAME  the Source's R, G, B, A from layer NAME, e.g. ViewLayer.Combined\n" +
-           std::string(kVectorOptionsHelp) +
+           vectorOptionsHelp(true) +
            "\n"
            "Inspect:\n"
            "  --list               the plug-ins in the bundle\n"

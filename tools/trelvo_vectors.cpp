@@ -56,29 +56,30 @@ std::vector<OptionRule<Options>> makeRules() {
     return rules;
 }
 
-const std::string kUsage =
-    std::string(
-        "usage: trelvo-vectors --vectors PASS --output CLIP [--frames RANGE] [options]\n"
-        "\n"
-        "Writes motion vectors in pixels as a vector clip in the plug-in's encoding, for any OFX\n"
-        "host to feed to its Motion Vectors input. Prints the Max Displacement to set in the host,\n"
-        "and stores it in every file. A sequence names its frame number with #### or %04d.\n"
-        "\n"
-        "  --vectors PATH       the motion pass, in pixels per frame\n"
-        "  --output PATH        the clip to write: .exr (float), or .tif/.png with --depth 16;\n"
-        "                       its folder must exist\n"
-        "  --frames RANGE       7 | 1-100 | 1-100x2 | 1,5,10-20 (default: the pass's frames on disk)\n"
-        "  --depth D            float (default: c = 0.5 + 0.5 d/M) or 16 (c = 32767 + 32767 d/M)\n"
-        "  --max-displace M     encode with this M instead of the smallest power of two that holds\n"
-        "                       the clip's largest vector (one reading of the pass less)\n"
-        "  --compression NAME   output compression where the format has one (zip, piz, lzw, ...)\n"
-        "  --strict             a frame with no known vector is an error, not a warning\n"
-        "  --quiet              no progress, only warnings, errors and the Max Displacement\n"
-        "\n"
-        "Channels (checked on every frame's file before the first frame):\n") +
-    kVectorOptionsHelp +
-    "\n"
-    "Exit status: 0 done, 1 a file failed, 2 bad usage or input, 130 interrupted.\n";
+std::string usage() {
+    return std::string(
+               "usage: trelvo-vectors --vectors PASS --output CLIP [--frames RANGE] [options]\n"
+               "\n"
+               "Writes motion vectors in pixels as a vector clip in the plug-in's encoding, for any OFX\n"
+               "host to feed to its Motion Vectors input. Prints the Max Displacement to set in the host,\n"
+               "and stores it in every file. A sequence names its frame number with #### or %04d.\n"
+               "\n"
+               "  --vectors PATH       the motion pass, in pixels per frame\n"
+               "  --output PATH        the clip to write: .exr (float), or .tif/.png with --depth 16;\n"
+               "                       its folder must exist\n"
+               "  --frames RANGE       7 | 1-100 | 1-100x2 | 1,5,10-20 (default: the pass's frames on disk)\n"
+               "  --depth D            float (default: c = 0.5 + 0.5 d/M) or 16 (c = 32767 + 32767 d/M)\n"
+               "  --max-displace M     encode with this M instead of the smallest power of two that holds\n"
+               "                       the clip's largest vector (one reading of the pass less)\n"
+               "  --compression NAME   output compression where the format has one (zip, piz, lzw, ...)\n"
+               "  --strict             a frame with no known vector is an error, not a warning\n"
+               "  --quiet              no progress, only warnings, errors and the Max Displacement\n"
+               "\n"
+               "Channels (checked on every frame's file before the first frame):\n") +
+           vectorOptionsHelp(false) +
+           "\n"
+           "Exit status: 0 done, 1 a file failed, 2 bad usage or input, 130 interrupted.\n";
+}
 
 // The clip's format by its file name: float where it holds float, 16 bits
 // where it holds 16-bit integers.
@@ -162,11 +163,11 @@ int main(int argc, char** argv) {
     std::string error;
     static const std::vector<OptionRule<Options>> rules = makeRules();
     if (!parseOptionTable(argc, argv, rules, options, error)) {
-        std::fprintf(stderr, "trelvo-vectors: %s\n\n%s", error.c_str(), kUsage.c_str());
+        std::fprintf(stderr, "trelvo-vectors: %s\n\n%s", error.c_str(), usage().c_str());
         return 2;
     }
     if (options.help) {
-        std::fputs(kUsage.c_str(), stdout);
+        std::fputs(usage().c_str(), stdout);
         return 0;
     }
     VectorClipJob job;

@@ -1,6 +1,7 @@
 #include "vector_input.h"
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 
 #include "channel_layout.h"
@@ -129,10 +130,12 @@ bool chooseBlenderLayer(const ChannelLayout& layout, const VectorOptions& option
     }
     if (layers.size() == 1) return layer = layers[0], true;
     if (layers.empty()) {
-        error = "--vectors-from blender: " + layout.path() +
-                " has no Vector pass (<layer>.Vector.X, Y, Z and W)." + listingOf(layout) +
-                "  In Blender, turn on the Vector pass of the view layer (Cycles, motion blur off) and write "
-                "OpenEXR MultiLayer.";
+        error =
+            "--vectors-from blender: " + layout.path() +
+            " has no Vector pass (<layer>.Vector.X, Y, Z and W)." + listingOf(layout) +
+            "  In Blender, turn on the Vector pass of the view layer (Cycles, motion blur off) and write "
+            "OpenEXR MultiLayer; a Vector pass saved on its own as RGBA reads with --vectors-from blender "
+            "--vector-channels R,G,B,A.";
         return false;
     }
     error = "--vectors-from blender: " + layout.path() +
@@ -161,9 +164,11 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
          }},
         {"--vectors-from", true,
          [](VectorOptions& o, const std::string& v) {
-             if (v != "blender")
+             std::string lower = v;
+             for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+             if (lower != "blender")
                  return "option '--vectors-from': '" + v + "' is not a layout this tool knows (blender)";
-             o.preset = v;
+             o.preset = lower;
              return std::string();
          }},
         {"--vector-channels", true,
@@ -171,7 +176,7 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
              const std::vector<std::string> names = splitNames(v);
              bool empty = false;
              for (const std::string& name : names) empty = empty || name.empty();
-             if (names.size() < 2 || names.size() > 3 || empty)
+             if (names.size() < 2 || names.size() > 4 || empty)
                  return "option '--vector-channels': '" + v + "' is not X,Y or X,Y,A (channel names)";
              o.channels = v;
              return std::string();
@@ -194,21 +199,40 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
     return rules;
 }
 
-const char* const kVectorOptionsHelp =
-    "  --vector-channels X,Y[,A]  the channels holding dx, dy and, optionally, which vectors are\n"
-    "                       known (default R,G,A; in pixels R,G, every vector known)\n"
-    "  --vector-units U     encoded (default: the plug-in's encoding, M from --max-displace) or\n"
-    "                       pixels (displacements in pixels; the tool encodes them and chooses M)\n"
-    "  --vectors-from blender  the Vector pass of a Blender multilayer EXR, in pixels\n"
-    "  --vector-layer NAME  the render layer whose Vector pass to read, when there are several\n"
-    "  --vector-flip-y      the pass's y points down the picture (pixels only)\n"
-    "  --vector-scale S     multiply both components by S, e.g. -1 (pixels only)\n";
+std::string vectorOptionsHelp(bool encodedToo) {
+    return std::string(
+               encodedToo
+                   ? "  --vector-channels X,Y[,A]  the channels holding dx, dy and, optionally, which "
+                     "vectors are\n"
+                     "                       known (default R,G,A; in pixels R,G, every vector known). With\n"
+                   : "  --vector-channels X,Y[,A]  the channels holding dx, dy and, optionally, a mask: "
+                     "known where\n"
+                     "                       it is 0.5 or more (default R,G, every vector known). With\n") +
+           "                       --vectors-from: the pass's own four, e.g. R,G,B,A for one saved as "
+           "RGBA\n" +
+           (encodedToo ? "  --vector-units U     encoded (default: the plug-in's encoding, M from "
+                         "--max-displace) or\n"
+                         "                       pixels (displacements in pixels; the tool encodes them and "
+                         "chooses M)\n"
+                       : "") +
+           "  --vectors-from blender  the Vector pass of a Blender multilayer EXR, in pixels\n"
+           "  --vector-layer NAME  the render layer whose Vector pass to read, when there are several\n"
+           "  --vector-flip-y      the pass's y points down the picture" +
+           (encodedToo ? " (pixels only)\n" : "\n") +
+           "  --vector-scale S     multiply both components by S, e.g. -1" +
+           (encodedToo ? " (pixels only)\n" : "\n");
+}
 
 bool checkVectorOptions(const VectorOptions& o, std::string& error) {
     if (!o.preset.empty() && o.units == "encoded")
         error = "--vectors-from " + o.preset + " reads a pass in pixels; leave out --vector-units encoded";
-    else if (!o.preset.empty() && !o.channels.empty())
-        error = "--vectors-from " + o.preset + " names the channels itself; leave out --vector-channels";
+    else if (!o.preset.empty() && !o.channels.empty() && splitNames(o.channels).size() != 4)
+        error = "--vector-channels " + o.channels + ": with --vectors-from " + o.preset +
+                " it names the pass's four channels X,Y,Z,W, e.g. R,G,B,A";
+    else if (!o.preset.empty() && !o.channels.empty() && !o.layer.empty())
+        error = "--vector-layer and --vector-channels both say where the pass is; give one";
+    else if (o.preset.empty() && splitNames(o.channels).size() > 3)
+        error = "--vector-channels " + o.channels + ": name X,Y or X,Y,A (four only with --vectors-from)";
     else if (!o.layer.empty() && o.preset.empty())
         error =
             "--vector-layer picks the render layer of --vectors-from; name other channels with "
@@ -232,11 +256,17 @@ bool planInputs(const SequencePath* source, const std::string& sourceLayer, cons
     // The vectors' channels, chosen on the first frame.
     MotionPass pass;
     std::string blenderLayer;
+    bool presetFoundLayer = false;
     if (options.preset == "blender") {
-        if (!chooseBlenderLayer(*layout, options, blenderLayer, error)) return false;
         pass.kind = MotionPass::Kind::BlenderVector;
-        for (const std::string& suffix : kBlenderVector)
-            pass.channels.push_back(channelIn(blenderLayer, suffix));
+        if (!options.channels.empty()) {
+            pass.channels = splitNames(options.channels);  // a pass saved on its own, e.g. as R,G,B,A
+        } else {
+            if (!chooseBlenderLayer(*layout, options, blenderLayer, error)) return false;
+            presetFoundLayer = true;
+            for (const std::string& suffix : kBlenderVector)
+                pass.channels.push_back(channelIn(blenderLayer, suffix));
+        }
     } else if (options.inPixels()) {
         pass.channels = splitNames(options.channels.empty() ? "R,G" : options.channels);
     } else if (!options.channels.empty()) {
@@ -251,9 +281,9 @@ bool planInputs(const SequencePath* source, const std::string& sourceLayer, cons
         layout = layouts.get(vectors.frame(frame), error);
         if (!layout) return false;
         if (!fits(*layout, vectorNames, error)) {
-            const std::string option = !options.preset.empty()     ? "--vectors-from " + options.preset
-                                       : !options.channels.empty() ? "--vector-channels " + options.channels
-                                                                   : std::string("--vectors");
+            const std::string option = !options.channels.empty() ? "--vector-channels " + options.channels
+                                       : !options.preset.empty() ? "--vectors-from " + options.preset
+                                                                 : std::string("--vectors");
             error = option + ": " + error + listingOf(*layout) + vectorHint(*layout, options);
             return false;
         }
@@ -261,7 +291,7 @@ bool planInputs(const SequencePath* source, const std::string& sourceLayer, cons
     if (source) {
         // The Source's channels, chosen on the first frame.
         const ChannelLayout* sourceLayout = layouts.get(source->frame(first), error);
-        const std::string* presetLayer = options.preset.empty() ? nullptr : &blenderLayer;
+        const std::string* presetLayer = presetFoundLayer ? &blenderLayer : nullptr;
         if (!sourceLayout ||
             !chooseSourceChannels(*sourceLayout, sourceLayer, presetLayer, plan.sourceChannels, error))
             return false;

@@ -27,8 +27,9 @@ struct VectorOptions {
 };
 
 const std::vector<OptionRule<VectorOptions>>& vectorOptionRules();
-// Their lines of --help.
-extern const char* const kVectorOptionsHelp;
+// Their lines of --help; `encodedToo` for a tool that also reads clips in
+// the plug-in's encoding.
+std::string vectorOptionsHelp(bool encodedToo);
 
 // The combinations that make no sense, named. False with a message.
 bool checkVectorOptions(const VectorOptions& options, std::string& error);

@@ -131,6 +131,17 @@ TEST_F(VectorSources, ABlenderRenderBlursLikeTheSameVectorsEncoded) {
         EXPECT_NE(Pixels("out/a." + frame), Pixels("src." + frame)) << "the frame is blurred";
     }
 
+    // The pass saved on its own as RGBA reads the same.
+    const Motion m1 = MotionOf(1);
+    WriteExr("rgba.exr", {{"R", [m1](int x, int y) { return -(m1.dx(x, y) - 1.5f); }},
+                          {"G", [m1](int x, int y) { return -(m1.dy(x, y) - 0.75f); }},
+                          {"B", [m1](int x, int y) { return -(m1.dx(x, y) + 1.5f); }},
+                          {"A", [m1](int x, int y) { return -(m1.dy(x, y) + 0.75f); }}});
+    run = Render({"--source", "src.0001.exr", "--vectors", "rgba.exr", "--vectors-from", "blender",
+                  "--vector-channels", "R,G,B,A", "--output", "out/rgba.exr", "--amount", "1"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Pixels("out/rgba.exr"), Pixels("out/a.0001.exr"));
+
     // trelvo-vectors writes one M for the clip, says it, and stores it: the
     // clip renders the same with no --max-displace.
     run =
