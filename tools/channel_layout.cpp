@@ -35,7 +35,8 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
 void ChannelLayout::read(OIIO::ImageInput& file, const std::string& path) {
     path_ = path;
     headers_.clear();
-    for (int part = 0; file.seek_subimage(part, 0); ++part) headers_.push_back(file.spec());
+    OIIO::ImageSpec header;
+    for (int part = 0; file.seek_subimage(part, 0, header); ++part) headers_.push_back(header);
     (void)file.geterror();  // seeking past the last part is how the end is found, not an error
 }
 

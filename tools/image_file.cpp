@@ -54,11 +54,11 @@ PixelDepth depthOfChannels(const OIIO::ImageSpec& header, const std::vector<int>
     return depth;
 }
 
-// Channels [first, end) of one part as `type`, scaled for a proxy.
-bool readChannelRange(OIIO::ImageInput& in, const std::string& path, int part, int first, int end,
-                      OIIO::TypeDesc type, double scale, bool nearest, OIIO::ImageBuf& file,
-                      std::string& error) {
-    const OIIO::ImageSpec header = in.spec(part);
+// Channels [first, end) of one part, whose header this is, as `type`,
+// scaled for a proxy.
+bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO::ImageSpec& header, int part,
+                      int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
+                      OIIO::ImageBuf& file, std::string& error) {
     file.reset(OIIO::ImageSpec(header.width, header.height, end - first, type));
     if (!in.read_image(part, 0, first, end, type, file.localpixels())) {
         error = path + ": " + in.geterror();
@@ -180,7 +180,8 @@ bool readHostPixels(const std::string& path, const ReadSettings& settings, HostP
         settings.channels.empty() ? depthOf(header.format) : depthOfChannels(header, used);
     const OIIO::TypeDesc type = typeOf(depth);
     OIIO::ImageBuf file;
-    if (!readChannelRange(*in, path, part, first, end, type, settings.scale, settings.nearest, file, error))
+    if (!readChannelRange(*in, path, header, part, first, end, type, settings.scale, settings.nearest, file,
+                          error))
         return false;
     in->close();
 
@@ -221,7 +222,8 @@ bool readChannelPlanes(const std::string& path, const std::vector<std::string>& 
     const int first = *std::min_element(used.begin(), used.end());
     const int end = *std::max_element(used.begin(), used.end()) + 1;
     OIIO::ImageBuf file;
-    if (!readChannelRange(*in, path, part, first, end, OIIO::TypeDesc::FLOAT, scale, true, file, error))
+    if (!readChannelRange(*in, path, layout.header(part), part, first, end, OIIO::TypeDesc::FLOAT, scale,
+                          true, file, error))
         return false;
     in->close();
     planes.width = file.roi().width();

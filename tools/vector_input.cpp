@@ -200,27 +200,23 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
 }
 
 std::string vectorOptionsHelp(bool encodedToo) {
-    return std::string(
-               encodedToo
-                   ? "  --vector-channels X,Y[,A]  the channels holding dx, dy and, optionally, which "
-                     "vectors are\n"
-                     "                       known (default R,G,A; in pixels R,G, every vector known). With\n"
-                   : "  --vector-channels X,Y[,A]  the channels holding dx, dy and, optionally, a mask: "
-                     "known where\n"
-                     "                       it is 0.5 or more (default R,G, every vector known). With\n") +
-           "                       --vectors-from: the pass's own four, e.g. R,G,B,A for one saved as "
-           "RGBA\n" +
-           (encodedToo ? "  --vector-units U     encoded (default: the plug-in's encoding, M from "
-                         "--max-displace) or\n"
-                         "                       pixels (displacements in pixels; the tool encodes them and "
-                         "chooses M)\n"
-                       : "") +
+    const char* const channels =
+        encodedToo
+            ? "  --vector-channels X,Y[,A]  dx, dy and, optionally, which vectors are known, by channel\n"
+              "                       name (default R,G,A; in pixels R,G, every vector known); with\n"
+            : "  --vector-channels X,Y[,A]  dx, dy and, optionally, a mask (known where 0.5 or more),\n"
+              "                       by channel name (default R,G, every vector known); with\n";
+    const char* const units =
+        "  --vector-units U     encoded (default: the plug-in's encoding, M from --max-displace) or\n"
+        "                       pixels (displacements in pixels; the tool encodes them and chooses M)\n";
+    const char* const pixelsOnly = encodedToo ? " (pixels only)\n" : "\n";
+    return std::string(channels) +
+           "                       --vectors-from the pass's own four, e.g. R,G,B,A for one saved as RGBA\n" +
+           (encodedToo ? units : "") +
            "  --vectors-from blender  the Vector pass of a Blender multilayer EXR, in pixels\n"
            "  --vector-layer NAME  the render layer whose Vector pass to read, when there are several\n"
            "  --vector-flip-y      the pass's y points down the picture" +
-           (encodedToo ? " (pixels only)\n" : "\n") +
-           "  --vector-scale S     multiply both components by S, e.g. -1" +
-           (encodedToo ? " (pixels only)\n" : "\n");
+           pixelsOnly + "  --vector-scale S     multiply both components by S, e.g. -1" + pixelsOnly;
 }
 
 bool checkVectorOptions(const VectorOptions& o, std::string& error) {

@@ -165,7 +165,7 @@ TEST_F(VectorSources, ABlenderRenderBlursLikeTheSameVectorsEncoded) {
     EXPECT_EQ(code[0], 54270);  // 32767 * (1 + 5.25 / 8) = 54270.34
     EXPECT_EQ(code[1], 22527);  // 32767 * (1 - 2.5 / 8) = 22527.31
     EXPECT_EQ(code[3], 65535);
-    EXPECT_NE(png.spec().get_string_attribute("ImageDescription").find("Max Displacement 8 px"),
+    EXPECT_NE(png.nativespec().get_string_attribute("ImageDescription").find("Max Displacement 8 px"),
               std::string::npos);
 }
 
