@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <set>
+#include <utility>
 
 namespace {
 
@@ -18,6 +20,24 @@ std::string folderOf(const std::string& path) {
     const size_t slash = path.find_last_of('/');
     if (slash == std::string::npos) return ".";
     return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool checkNoInputOverwritten(const SequencePath& output, const std::vector<const SequencePath*>& inputs,
+                             const std::vector<int>& frames, std::string& error) {
+    std::set<std::pair<dev_t, ino_t>> read;
+    struct stat info;
+    for (const SequencePath* input : inputs)
+        for (int frame : frames)
+            if (stat(input->frame(frame).c_str(), &info) == 0) read.insert({info.st_dev, info.st_ino});
+    for (int frame : frames) {
+        const std::string path = output.frame(frame);
+        if (stat(path.c_str(), &info) == 0 && read.count({info.st_dev, info.st_ino})) {
+            error = "--output: frame " + std::to_string(frame) + " would overwrite " + path +
+                    ", which the job reads";
+            return false;
+        }
+    }
+    return true;
 }
 
 bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
@@ -71,7 +91,8 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
         error = "--output: the folder '" + folder + "' is not writable";
         return false;
     }
-    return planInputs(&job.source, o.sourceLayer, job.vectors, job.frames, o.vectorInput, job.inputs, error);
+    return checkNoInputOverwritten(job.output, {&job.source, &job.vectors}, job.frames, error) &&
+           planInputs(&job.source, o.sourceLayer, job.vectors, job.frames, o.vectorInput, job.inputs, error);
 }
 
 bool checkParams(const std::vector<ParamSetting>& settings, const std::vector<ParamInfo>& defined,

@@ -27,5 +27,10 @@ bool planRender(const RenderOptions& options, RenderJob& job, std::string& error
 bool checkParams(const std::vector<ParamSetting>& settings, const std::vector<ParamInfo>& defined,
                  std::string& error);
 
+// False with a message when a frame written to `output` would replace a file
+// the job still reads: any frame of the `inputs`.
+bool checkNoInputOverwritten(const SequencePath& output, const std::vector<const SequencePath*>& inputs,
+                             const std::vector<int>& frames, std::string& error);
+
 // The folder a path's file is in ("." for a bare name).
 std::string folderOf(const std::string& path);

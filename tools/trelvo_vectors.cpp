@@ -148,7 +148,9 @@ int plan(Options& o, VectorClipJob& job, InputPlan& inputs, std::string& error) 
         error = "--output: the folder '" + folder + "' is not writable";
         return 2;
     }
-    if (!planInputs(nullptr, "", vectors, job.frames, o.vectorInput, inputs, error)) return 2;
+    if (!checkNoInputOverwritten(job.output, {&vectors}, job.frames, error) ||
+        !planInputs(nullptr, "", vectors, job.frames, o.vectorInput, inputs, error))
+        return 2;
     job.depth = o.depth == "16" ? PixelDepth::Short : PixelDepth::Float;
     job.compression = o.compression;
     job.maxDisplace = o.maxDisplace;

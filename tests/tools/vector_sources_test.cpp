@@ -271,6 +271,19 @@ TEST_F(VectorSources, FilesThatDontFitStopTheJobBeforeItsFirstFrame) {
     Outcome run = Render({"--source", "two.0001.exr", "--vectors", "two.0001.exr", "--vectors-from",
                           "blender", "--vector-layer", "Right", "--output", "out/right.exr"});
     EXPECT_EQ(run.status, 0) << run.err;
+
+    // Writing over a file the job reads would lose it.
+    const std::vector<std::string> overwrite = {"--vectors", "beauty.####.exr", "--vectors-from",
+                                                "blender",   "--output",        "beauty.####.exr"};
+    for (const Outcome& over :
+         {Vectors(overwrite), Render({"--source", "beauty.%04d.exr", "--vectors", "enc.####.exr", "--output",
+                                      "beauty.####.exr"})}) {
+        EXPECT_EQ(over.status, 2) << over.err;
+        EXPECT_NE(over.err.find("--output: frame 1 would overwrite " + dir_ +
+                                "/beauty.0001.exr, which the job reads"),
+                  std::string::npos)
+            << over.err;
+    }
 }
 
 }  // namespace
