@@ -160,12 +160,18 @@ bool readHostPixels(const std::string& path, const ReadSettings& settings, HostP
         }
         for (int c = 0; c < layout.header().nchannels; ++c) used.push_back(c);
     } else {
-        std::vector<std::string> named;
-        for (const std::string& name : settings.channels)
-            if (!name.empty()) named.push_back(name);
-        if (!layout.resolve(named, part, used, error)) return false;
-        for (size_t c = 0, n = 0; c < 4; ++c) order[c] = settings.channels[c].empty() ? -1 : used[n++];
-        hasAlpha = settings.channels.size() == 4 && !settings.channels[3].empty();
+        std::vector<std::string> named(4);
+        for (size_t c = 0; c < 4 && c < settings.channels.size(); ++c) named[c] = settings.channels[c];
+        std::vector<std::string> wanted;
+        for (const std::string& name : named)
+            if (!name.empty()) wanted.push_back(name);
+        if (wanted.empty()) {
+            error = path + ": no channel named to read";
+            return false;
+        }
+        if (!layout.resolve(wanted, part, used, error)) return false;
+        for (size_t c = 0, n = 0; c < 4; ++c) order[c] = named[c].empty() ? -1 : used[n++];
+        hasAlpha = !named[3].empty();
     }
     const OIIO::ImageSpec& header = layout.header(part);
     if (header.deep || header.depth > 1) {
@@ -218,6 +224,10 @@ bool readChannelPlanes(const std::string& path, const std::vector<std::string>& 
     layout.read(*in, path);
     int part = 0;
     std::vector<int> used;
+    if (names.empty()) {
+        error = path + ": no channel named to read";
+        return false;
+    }
     if (!layout.resolve(names, part, used, error)) return false;
     const int first = *std::min_element(used.begin(), used.end());
     const int end = *std::max_element(used.begin(), used.end()) + 1;
