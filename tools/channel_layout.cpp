@@ -73,6 +73,10 @@ bool ChannelLayout::resolve(const std::vector<std::string>& names, int& part, st
                             std::string& error) const {
     channels.clear();
     part = -1;
+    if (names.empty()) {
+        error = path_ + ": no channel named to read";
+        return false;
+    }
     std::string missing;
     int missingCount = 0;
     for (const std::string& name : names) {
