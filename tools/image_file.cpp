@@ -5,11 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+
+#include "channel_layout.h"
 
 namespace {
 
@@ -40,24 +44,53 @@ std::string channelList(const OIIO::ImageSpec& header) {
     return list;
 }
 
-// Where each of R, G, B, A comes from in the file (-1: alpha filled with 1),
-// or false for a layout this tool doesn't take.
-bool channelOrder(const OIIO::ImageSpec& header, int order[4], bool& hasAlpha) {
-    static const int rgba[4] = {0, 1, 2, 3}, rgb[4] = {0, 1, 2, -1}, y[4] = {0, 0, 0, -1},
-                     ya[4] = {0, 0, 0, 1};
-    const int* chosen = nullptr;
-    if (header.nchannels == 4 && (header.alpha_channel == 3 || header.alpha_channel < 0))
-        chosen = rgba;
-    else if (header.nchannels == 3 && header.alpha_channel < 0)
-        chosen = rgb;
-    else if (header.nchannels == 1 && header.alpha_channel < 0)
-        chosen = y;
-    else if (header.nchannels == 2 && header.alpha_channel == 1)
-        chosen = ya;
-    if (!chosen) return false;
-    std::memcpy(order, chosen, sizeof rgba);
-    hasAlpha = chosen[3] >= 0;
+// The depth a set of channels is read in: the widest of theirs.
+PixelDepth depthOfChannels(const OIIO::ImageSpec& header, const std::vector<int>& channels) {
+    PixelDepth depth = PixelDepth::Byte;
+    for (int c : channels) {
+        const PixelDepth one = depthOf(header.channelformat(c));
+        if (one == PixelDepth::Float || (one == PixelDepth::Short && depth == PixelDepth::Byte)) depth = one;
+    }
+    return depth;
+}
+
+// Channels [first, end) of one part, whose header this is, as `type`,
+// scaled for a proxy.
+bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO::ImageSpec& header, int part,
+                      int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
+                      OIIO::ImageBuf& file, std::string& error) {
+    file.reset(OIIO::ImageSpec(header.width, header.height, end - first, type));
+    if (!in.read_image(part, 0, first, end, type, file.localpixels())) {
+        error = path + ": " + in.geterror();
+        return false;
+    }
+    if (scale != 1.0) {
+        const int w = std::max(1, static_cast<int>(std::lround(header.width * scale)));
+        const int h = std::max(1, static_cast<int>(std::lround(header.height * scale)));
+        const OIIO::ROI roi(0, w, 0, h, 0, 1, 0, end - first);
+        OIIO::ImageBuf scaled = nearest ? OIIO::ImageBufAlgo::resample(file, false, roi)
+                                        : OIIO::ImageBufAlgo::resize(file, "", 0.0f, roi);
+        if (scaled.has_error()) {
+            error = path + ": cannot scale it (" + scaled.geterror() + ")";
+            return false;
+        }
+        file = std::move(scaled);
+    }
     return true;
+}
+
+// Opens a file for reading with straight alpha left alone.
+std::unique_ptr<OIIO::ImageInput> openImage(const std::string& path, std::string& error) {
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0) {
+        error = path + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    OIIO::ImageSpec config;
+    config.attribute("oiio:UnassociatedAlpha", 1);
+    std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path, &config);
+    if (!in) error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
+    return in;
 }
 
 std::string partialPath(const std::string& path) {
@@ -89,52 +122,75 @@ float HostPixels::at(int x, int y, int c) const {
     return v;
 }
 
+bool defaultChannelOrder(const OIIO::ImageSpec& header, int order[4], bool& hasAlpha) {
+    static const int rgba[4] = {0, 1, 2, 3}, rgb[4] = {0, 1, 2, -1}, y[4] = {0, 0, 0, -1},
+                     ya[4] = {0, 0, 0, 1};
+    const int* chosen = nullptr;
+    if (header.nchannels == 4 && (header.alpha_channel == 3 || header.alpha_channel < 0))
+        chosen = rgba;
+    else if (header.nchannels == 3 && header.alpha_channel < 0)
+        chosen = rgb;
+    else if (header.nchannels == 1 && header.alpha_channel < 0)
+        chosen = y;
+    else if (header.nchannels == 2 && header.alpha_channel == 1)
+        chosen = ya;
+    if (!chosen) return false;
+    std::memcpy(order, chosen, sizeof rgba);
+    hasAlpha = chosen[3] >= 0;
+    return true;
+}
+
 bool readHostPixels(const std::string& path, const ReadSettings& settings, HostPixels& image,
                     std::string& error) {
-    struct stat info;
-    if (stat(path.c_str(), &info) != 0) {
-        error = path + ": " + std::strerror(errno);
+    std::unique_ptr<OIIO::ImageInput> in = openImage(path, error);
+    if (!in) return false;
+    ChannelLayout layout;
+    layout.read(*in, path);
+    if (!layout.parts()) {
+        error = path + ": holds no image";
         return false;
     }
-    OIIO::ImageSpec config;
-    config.attribute("oiio:UnassociatedAlpha", 1);
-    std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path, &config);
-    if (!in) {
-        error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
-        return false;
+    int part = 0, order[4];
+    bool hasAlpha = false;
+    std::vector<int> used;
+    if (settings.channels.empty()) {
+        if (!defaultChannelOrder(layout.header(), order, hasAlpha)) {
+            error = path + ": channels " + channelList(layout.header()) + " are not RGB, RGBA, Y or YA";
+            return false;
+        }
+        for (int c = 0; c < layout.header().nchannels; ++c) used.push_back(c);
+    } else {
+        std::vector<std::string> named(4);
+        for (size_t c = 0; c < 4 && c < settings.channels.size(); ++c) named[c] = settings.channels[c];
+        std::vector<std::string> wanted;
+        for (const std::string& name : named)
+            if (!name.empty()) wanted.push_back(name);
+        if (wanted.empty()) {
+            error = path + ": no channel named to read";
+            return false;
+        }
+        if (!layout.resolve(wanted, part, used, error)) return false;
+        for (size_t c = 0, n = 0; c < 4; ++c) order[c] = named[c].empty() ? -1 : used[n++];
+        hasAlpha = !named[3].empty();
     }
-    const OIIO::ImageSpec header = in->spec();
+    const OIIO::ImageSpec& header = layout.header(part);
     if (header.deep || header.depth > 1) {
         error = path + ": deep and volume images are not supported";
         return false;
     }
-    int order[4];
-    bool hasAlpha = false;
-    if (!channelOrder(header, order, hasAlpha)) {
-        error = path + ": channels " + channelList(header) + " are not RGB, RGBA, Y or YA";
-        return false;
-    }
-    const PixelDepth depth = depthOf(header.format);
+    const int first = *std::min_element(used.begin(), used.end());
+    const int end = *std::max_element(used.begin(), used.end()) + 1;
+    for (int& c : order)
+        if (c >= 0) c -= first;
+    const PixelDepth depth =
+        settings.channels.empty() ? depthOf(header.format) : depthOfChannels(header, used);
     const OIIO::TypeDesc type = typeOf(depth);
-    OIIO::ImageBuf file(OIIO::ImageSpec(header.width, header.height, header.nchannels, type));
-    if (!in->read_image(0, 0, 0, header.nchannels, type, file.localpixels())) {
-        error = path + ": " + in->geterror();
+    OIIO::ImageBuf file;
+    if (!readChannelRange(*in, path, header, part, first, end, type, settings.scale, settings.nearest, file,
+                          error))
         return false;
-    }
     in->close();
 
-    if (settings.scale != 1.0) {
-        const int w = std::max(1, static_cast<int>(std::lround(header.width * settings.scale)));
-        const int h = std::max(1, static_cast<int>(std::lround(header.height * settings.scale)));
-        const OIIO::ROI roi(0, w, 0, h, 0, 1, 0, header.nchannels);
-        OIIO::ImageBuf scaled = settings.nearest ? OIIO::ImageBufAlgo::resample(file, false, roi)
-                                                 : OIIO::ImageBufAlgo::resize(file, "", 0.0f, roi);
-        if (scaled.has_error()) {
-            error = path + ": cannot scale it (" + scaled.geterror() + ")";
-            return false;
-        }
-        file = std::move(scaled);
-    }
     const float opaque[4] = {0.0f, 0.0f, 0.0f, 1.0f};
     OIIO::ImageBuf rgba = OIIO::ImageBufAlgo::channels(file, 4, order, opaque);
     if (rgba.has_error()) {
@@ -156,6 +212,44 @@ bool readHostPixels(const std::string& path, const ReadSettings& settings, HostP
                          OIIO::AutoStride, -rowBytes)) {
         error = path + ": " + rgba.geterror();
         return false;
+    }
+    return true;
+}
+
+bool readChannelPlanes(const std::string& path, const std::vector<std::string>& names, double scale,
+                       ChannelPlanes& planes, std::string& error) {
+    std::unique_ptr<OIIO::ImageInput> in = openImage(path, error);
+    if (!in) return false;
+    ChannelLayout layout;
+    layout.read(*in, path);
+    int part = 0;
+    std::vector<int> used;
+    if (names.empty()) {
+        error = path + ": no channel named to read";
+        return false;
+    }
+    if (!layout.resolve(names, part, used, error)) return false;
+    const int first = *std::min_element(used.begin(), used.end());
+    const int end = *std::max_element(used.begin(), used.end()) + 1;
+    OIIO::ImageBuf file;
+    if (!readChannelRange(*in, path, layout.header(part), part, first, end, OIIO::TypeDesc::FLOAT, scale,
+                          true, file, error))
+        return false;
+    in->close();
+    planes.width = file.roi().width();
+    planes.height = file.roi().height();
+    planes.planes.assign(names.size(), {});
+    const size_t count = static_cast<size_t>(planes.width) * static_cast<size_t>(planes.height);
+    const auto rowBytes = static_cast<OIIO::stride_t>(planes.width * sizeof(float));
+    for (size_t n = 0; n < names.size(); ++n) {
+        std::vector<float>& plane = planes.planes[n];
+        plane.resize(count);
+        const OIIO::ROI one(0, planes.width, 0, planes.height, 0, 1, used[n] - first, used[n] - first + 1);
+        if (!file.get_pixels(one, OIIO::TypeDesc::FLOAT, plane.data() + (planes.height - 1) * planes.width,
+                             OIIO::AutoStride, -rowBytes)) {
+            error = path + ": " + file.geterror();
+            return false;
+        }
     }
     return true;
 }

@@ -35,13 +35,32 @@ struct HostPixels {
 struct ReadSettings {
     double scale = 1.0;
     bool nearest = false;
+    // Empty: the file's own layout, RGBA, RGB (alpha 1), Y (grey, alpha 1)
+    // or YA. Otherwise the names of the channels that make R, G, B and A,
+    // all in one part of the file; "" for one not taken, which reads 0 (alpha 1).
+    std::vector<std::string> channels;
 };
 
-// Reads RGBA, RGB (alpha 1), Y (grey, alpha 1) or YA. The depth follows the
-// file: 8 bits give Byte, 16 bits (10 and 12 too) Short, anything else Float.
-// Gives false with a message naming the file and the problem.
+// The depth follows the channels read: 8 bits give Byte, 16 bits (10 and 12
+// too) Short, anything else Float. Gives false with a message naming the
+// file and the problem.
 bool readHostPixels(const std::string& path, const ReadSettings& settings, HostPixels& image,
                     std::string& error);
+
+// Named channels as float planes, rows bottom first like HostPixels, scaled
+// by nearest pixel: the raw passes of a renderer.
+struct ChannelPlanes {
+    int width = 0;
+    int height = 0;
+    std::vector<std::vector<float>> planes;  // one per name, width * height
+};
+bool readChannelPlanes(const std::string& path, const std::vector<std::string>& names, double scale,
+                       ChannelPlanes& planes, std::string& error);
+
+// Where each of R, G, B, A comes from in a file of this header's own layout
+// (-1: alpha filled with 1), or false for a layout that is not RGBA, RGB, Y
+// or YA.
+bool defaultChannelOrder(const OIIO::ImageSpec& header, int order[4], bool& hasAlpha);
 
 struct WriteSettings {
     std::string depth;        // "", "8", "16", "half" or "float"; "" follows the image

@@ -1,9 +1,16 @@
 #include "progress_report.h"
 
 #include <algorithm>
+#include <utility>
 
-ProgressReport::ProgressReport(std::FILE* to, Style style, int frameCount)
-    : to_(to), style_(style), frameCount_(frameCount), start_(Clock::now()) {}
+ProgressReport::ProgressReport(std::FILE* to, Style style, int frameCount, std::string program,
+                               std::string verb)
+    : to_(to),
+      style_(style),
+      program_(std::move(program)),
+      verb_(std::move(verb)),
+      frameCount_(frameCount),
+      start_(Clock::now()) {}
 
 std::string ProgressReport::clock(double seconds) {
     const long s = static_cast<long>(seconds + 0.5);
@@ -22,7 +29,8 @@ void ProgressReport::frameStarted(int frame) {
     ticks_ = 0;
     inFrame_ = true;
     if (style_ == Style::Lines) {
-        std::fprintf(to_, "trelvo-render: frame %d (%d/%d) rendering\n", frame, framesDone_ + 1, frameCount_);
+        std::fprintf(to_, "%s: frame %d (%d/%d) %s\n", program_.c_str(), frame, framesDone_ + 1, frameCount_,
+                     verb_.c_str());
         std::fflush(to_);
     }
     draw(true);
@@ -43,7 +51,7 @@ void ProgressReport::frameDone(const std::string& output) {
     inFrame_ = false;
     const double seconds = std::chrono::duration<double>(Clock::now() - frameStart_).count();
     if (style_ == Style::Lines) {
-        std::fprintf(to_, "trelvo-render: frame %d (%d/%d) -> %s in %.2f s\n", frame_, framesDone_,
+        std::fprintf(to_, "%s: frame %d (%d/%d) -> %s in %.2f s\n", program_.c_str(), frame_, framesDone_,
                      frameCount_, output.c_str(), seconds);
         std::fflush(to_);
     }
@@ -59,14 +67,14 @@ void ProgressReport::message(const std::string& text) {
     draw(true);
 }
 
-void ProgressReport::finish() {
+void ProgressReport::finish(bool summary) {
     std::lock_guard<std::mutex> lock(mutex_);
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
     if (lineOpen_) std::fputs("\n", to_);
     lineOpen_ = false;
-    if (style_ != Style::Quiet)
-        std::fprintf(to_, "trelvo-render: %d frame%s in %s\n", framesDone_, framesDone_ == 1 ? "" : "s",
-                     clock(seconds).c_str());
+    if (style_ != Style::Quiet && summary)
+        std::fprintf(to_, "%s: %d frame%s in %s\n", program_.c_str(), framesDone_,
+                     framesDone_ == 1 ? "" : "s", clock(seconds).c_str());
     std::fflush(to_);
 }
 
@@ -91,7 +99,8 @@ void ProgressReport::draw(bool force) {
     bar.resize(kWidth, '.');
     char where[96];
     if (inFrame_)
-        std::snprintf(where, sizeof where, "frame %d of %d (%d)", framesDone_ + 1, frameCount_, frame_);
+        std::snprintf(where, sizeof where, "%s frame %d of %d (%d)", verb_.c_str(), framesDone_ + 1,
+                      frameCount_, frame_);
     else
         std::snprintf(where, sizeof where, "%d of %d frames done", framesDone_, frameCount_);
     std::fprintf(to_, "\r\033[K[%s] %s %3d%%  elapsed %s  left %s", bar.c_str(), where,

@@ -1,4 +1,4 @@
-// What trelvo-render tells the person or the farm watching it: on a terminal
+// What the tools tell the person or the farm watching them: on a terminal
 // one line redrawn in place with a bar (frame k of n, progress inside the
 // frame, elapsed time and time left); elsewhere one plain line per frame, so
 // a render farm's log reads cleanly.
@@ -13,7 +13,9 @@ class ProgressReport {
   public:
     enum class Style { Bar, Lines, Quiet };
 
-    ProgressReport(std::FILE* to, Style style, int frameCount);
+    // `program` starts every line; `verb` says what happens to a frame.
+    ProgressReport(std::FILE* to, Style style, int frameCount, std::string program = "trelvo-render",
+                   std::string verb = "rendering");
 
     void frameStarted(int frame);
     // Signs of life from inside the frame so far (the plug-in's abort
@@ -22,7 +24,8 @@ class ProgressReport {
     void frameDone(const std::string& output);
     // A warning or error interrupts the bar without garbling it.
     void message(const std::string& text);
-    void finish();
+    // Closes the bar; `summary` adds the line with the frame count and time.
+    void finish(bool summary = true);
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -31,6 +34,7 @@ class ProgressReport {
 
     std::FILE* to_;
     Style style_;
+    std::string program_, verb_;
     int frameCount_;
     int framesDone_ = 0;
     int frame_ = 0;

@@ -181,7 +181,7 @@ TEST_F(ImageFileTest, ProxyScalesTheImage) {
     std::string error;
     HostPixels im;
     const std::string path = WriteFile<uint8_t>("p.png", 10, 6, 4, OIIO::TypeDesc::UINT8, Code8);
-    ASSERT_TRUE(readHostPixels(path, {0.5, true}, im, error)) << error;
+    ASSERT_TRUE(readHostPixels(path, {0.5, true, {}}, im, error)) << error;
     EXPECT_EQ(im.width, 5);
     EXPECT_EQ(im.height, 3);
     EXPECT_EQ(im.depth, PixelDepth::Byte);

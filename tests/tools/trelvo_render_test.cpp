@@ -3,15 +3,9 @@
 // lands in the output folder.
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imageio.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <functional>
@@ -19,74 +13,17 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "cli_rig.h"
 
 namespace {
 
-struct Outcome {
-    int status = -1;  // exit status, or 128 + signal
-    std::string err;
-};
-
-// Starts trelvo-render with stderr on a pipe; `whileRunning` gets the pid
-// and the stderr read so far each time more arrives.
 Outcome RunRender(std::vector<std::string> args,
                   const std::function<void(pid_t, const std::string&)>& whileRunning = nullptr) {
-    args.insert(args.begin(), TRELVO_RENDER_BINARY);
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    int pipeFds[2];
-    EXPECT_EQ(pipe(pipeFds), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
-    pid_t pid = 0;
-    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeFds[1]);
-    Outcome run;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(pipeFds[0], buffer, sizeof buffer)) > 0) {
-        run.err.append(buffer, static_cast<size_t>(n));
-        if (whileRunning) whileRunning(pid, run.err);
-    }
-    close(pipeFds[0]);
-    int wstatus = 0;
-    waitpid(pid, &wstatus, 0);
-    run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
-    return run;
+    return RunTool(TRELVO_RENDER_BINARY, std::move(args), whileRunning);
 }
 
-class RenderCli : public ::testing::Test {
+class RenderCli : public ToolFolder {
   protected:
-    void SetUp() override {
-        char folder[] = "/tmp/trelvo-render-cli-XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        dir_ = folder;
-        ASSERT_EQ(mkdir((dir_ + "/out").c_str(), 0777), 0);
-    }
-    void TearDown() override {
-        for (const char* sub : {"/out", ""}) {
-            for (const std::string& name : Listing(dir_ + sub))
-                std::remove((dir_ + sub + "/" + name).c_str());
-        }
-        rmdir((dir_ + "/out").c_str());
-        rmdir(dir_.c_str());
-    }
-    static std::vector<std::string> Listing(const std::string& folder) {
-        std::vector<std::string> names;
-        DIR* d = opendir(folder.c_str());
-        while (dirent* e = d ? readdir(d) : nullptr)
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
-                std::string(e->d_name) != "out")
-                names.push_back(e->d_name);
-        if (d) closedir(d);
-        std::sort(names.begin(), names.end());
-        return names;
-    }
     // An 8-bit RGB PNG source and 16-bit RGBA TIFF vectors (all moving right
     // by dx) for each frame.
     void WriteShot(const std::vector<int>& frames, int w, int h, float dx = 8.0f, float maxDisplace = 32.0f) {
@@ -125,7 +62,6 @@ class RenderCli : public ::testing::Test {
         args.insert(args.end(), extra.begin(), extra.end());
         return args;
     }
-    std::string dir_;
 };
 
 TEST_F(RenderCli, AFrameRangeRendersEveryFrameOfIt) {
@@ -136,7 +72,8 @@ TEST_F(RenderCli, AFrameRangeRendersEveryFrameOfIt) {
               (std::vector<std::string>{"res.0002.png", "res.0003.png", "res.0004.png"}));
     OIIO::ImageBuf written(dir_ + "/out/res.0003.png");
     ASSERT_TRUE(written.init_spec(written.name(), 0, 0));
-    EXPECT_EQ(written.nativespec().format, OIIO::TypeDesc::UINT8) << "the Output's depth follows the 8-bit source";
+    EXPECT_EQ(written.nativespec().format, OIIO::TypeDesc::UINT8)
+        << "the Output's depth follows the 8-bit source";
     EXPECT_EQ(written.nativespec().nchannels, 4);
     EXPECT_NE(run.err.find("frame 4 (3/3) -> " + dir_ + "/out/res.0004.png"), std::string::npos) << run.err;
 

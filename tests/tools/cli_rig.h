@@ -1,0 +1,88 @@
+// The command-line tools run as a user runs them, for the end-to-end tests:
+// the process started with its output on a pipe, its exit status, and a
+// scratch folder (with an "out" folder inside) that is gone afterwards.
+#pragma once
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+struct Outcome {
+    int status = -1;  // exit status, or 128 + signal
+    std::string err;  // standard error, and standard output mixed in
+};
+
+// Starts `binary` with `args`; `whileRunning` gets the pid and the output
+// read so far each time more arrives.
+inline Outcome RunTool(const char* binary, std::vector<std::string> args,
+                       const std::function<void(pid_t, const std::string&)>& whileRunning = nullptr) {
+    args.insert(args.begin(), binary);
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int pipeFds[2];
+    EXPECT_EQ(pipe(pipeFds), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+    pid_t pid = 0;
+    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(pipeFds[1]);
+    Outcome run;
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buffer, sizeof buffer)) > 0) {
+        run.err.append(buffer, static_cast<size_t>(n));
+        if (whileRunning) whileRunning(pid, run.err);
+    }
+    close(pipeFds[0]);
+    int wstatus = 0;
+    waitpid(pid, &wstatus, 0);
+    run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+    return run;
+}
+
+class ToolFolder : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        char folder[] = "/tmp/trelvo-tools-cli-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        dir_ = folder;
+        ASSERT_EQ(mkdir((dir_ + "/out").c_str(), 0777), 0);
+    }
+    void TearDown() override {
+        for (const char* sub : {"/out", ""}) {
+            for (const std::string& name : Listing(dir_ + sub))
+                std::remove((dir_ + sub + "/" + name).c_str());
+        }
+        rmdir((dir_ + "/out").c_str());
+        rmdir(dir_.c_str());
+    }
+    // The files of a folder, sorted, without "out".
+    static std::vector<std::string> Listing(const std::string& folder) {
+        std::vector<std::string> names;
+        DIR* d = opendir(folder.c_str());
+        while (dirent* e = d ? readdir(d) : nullptr)
+            if (std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
+                std::string(e->d_name) != "out")
+                names.push_back(e->d_name);
+        if (d) closedir(d);
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    std::string dir_;
+};

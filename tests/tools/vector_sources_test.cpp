@@ -1,0 +1,289 @@
+// Vectors from anywhere, end to end: a Blender multilayer render, a pass in
+// pixels with y down and a coverage mask, and the clip trelvo-vectors
+// writes, each rendered through the plug-in and compared bit for bit with
+// the same motion given in the plug-in's encoding. The motion is in
+// multiples of 1/8 px and every M a power of two, so encoding and decoding
+// are exact and any difference is a fault. Also: the warning for a clip
+// with no known vector, and files that don't fit stopping the job before its
+// first frame.
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imageio.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cli_rig.h"
+
+namespace {
+
+constexpr int kW = 64, kH = 48;
+
+// A function of the column and of the row counted up from the bottom.
+using Field = std::function<float(int x, int yUp)>;
+
+struct Motion {
+    Field dx, dy;
+};
+
+// Frame 1: a translation; frame 2: a turn about (32, 24) by 1/8 radian per frame.
+Motion MotionOf(int frame) {
+    if (frame == 1) return {[](int, int) { return 5.25f; }, [](int, int) { return -2.5f; }};
+    return {[](int, int y) { return -(y - 24) / 8.0f; }, [](int x, int) { return (x - 32) / 8.0f; }};
+}
+const float kMaxDisplace[3] = {0.0f, 8.0f, 4.0f};  // by frame: the smallest powers of two that hold them
+
+float Picture(int x, int y, int c) {
+    return c == 3 ? 1.0f : static_cast<float>((x * 7 + y * 13 + c * 5) % 17) / 16.0f;
+}
+
+class VectorSources : public ToolFolder {
+  protected:
+    // A float EXR with the named channels, each a function of (x, y up).
+    void WriteExr(const std::string& name, const std::vector<std::pair<std::string, Field>>& channels) {
+        const int n = static_cast<int>(channels.size());
+        OIIO::ImageSpec header(kW, kH, n, OIIO::TypeDesc::FLOAT);
+        header.channelnames.clear();
+        for (const auto& c : channels) header.channelnames.push_back(c.first);
+        header.alpha_channel = -1;
+        std::vector<float> px(static_cast<size_t>(kW) * kH * n);
+        for (int row = 0; row < kH; ++row)
+            for (int x = 0; x < kW; ++x)
+                for (int c = 0; c < n; ++c)
+                    px[(static_cast<size_t>(row) * kW + x) * n + c] = channels[c].second(x, kH - 1 - row);
+        const std::string path = dir_ + "/" + name;
+        auto out = OIIO::ImageOutput::create(path);
+        ASSERT_TRUE(out && out->open(path, header) && out->write_image(OIIO::TypeDesc::FLOAT, px.data()) &&
+                    out->close())
+            << path;
+    }
+    std::vector<std::pair<std::string, Field>> Beauty(const std::string& layer) {
+        std::vector<std::pair<std::string, Field>> channels;
+        const char* names[4] = {"R", "G", "B", "A"};
+        for (int c = 0; c < 4; ++c)
+            channels.push_back({layer + names[c], [c](int x, int y) { return Picture(x, y, c); }});
+        return channels;
+    }
+    // Blender's layout for `frame`'s motion: X,Y = previous - current and
+    // Z,W = current - next, y up, with an acceleration (1.5, 0.75) between.
+    void WriteBlender(const std::string& name, int frame, std::vector<std::string> layers = {"ViewLayer"}) {
+        std::vector<std::pair<std::string, Field>> channels;
+        const Motion m = MotionOf(frame);
+        for (const std::string& layer : layers) {
+            for (auto& beauty : Beauty(layer + ".Combined.")) channels.push_back(beauty);
+            const std::string v = layer + ".Vector.";
+            channels.push_back({v + "X", [m](int x, int y) { return -(m.dx(x, y) - 1.5f); }});
+            channels.push_back({v + "Y", [m](int x, int y) { return -(m.dy(x, y) - 0.75f); }});
+            channels.push_back({v + "Z", [m](int x, int y) { return -(m.dx(x, y) + 1.5f); }});
+            channels.push_back({v + "W", [m](int x, int y) { return -(m.dy(x, y) + 0.75f); }});
+        }
+        WriteExr(name, channels);
+    }
+    // The same motion in the plug-in's float encoding; `hole` marks alpha 0.
+    void WriteEncoded(const std::string& name, const Motion& m, float maxDisplace,
+                      const std::function<bool(int, int)>& hole = nullptr) {
+        auto known = [hole](int x, int y) { return !hole || !hole(x, y); };
+        WriteExr(
+            name,
+            {{"R", [=](int x, int y) { return known(x, y) ? 0.5f + 0.5f * m.dx(x, y) / maxDisplace : 0.5f; }},
+             {"G", [=](int x, int y) { return known(x, y) ? 0.5f + 0.5f * m.dy(x, y) / maxDisplace : 0.5f; }},
+             {"B", [](int, int) { return 0.0f; }},
+             {"A", [=](int x, int y) { return known(x, y) ? 1.0f : 0.0f; }}});
+    }
+    std::vector<float> Pixels(const std::string& name) {
+        OIIO::ImageBuf image(dir_ + "/" + name);
+        std::vector<float> px(static_cast<size_t>(kW) * kH * 4, -1.0f);
+        EXPECT_TRUE(image.get_pixels(OIIO::ROI(0, kW, 0, kH, 0, 1, 0, 4), OIIO::TypeDesc::FLOAT, px.data()))
+            << name << ": " << image.geterror();
+        return px;
+    }
+    // Runs a tool with the file names of --source, --vectors and --output in the scratch folder.
+    Outcome Run(const char* binary, std::vector<std::string> args) {
+        for (size_t i = 1; i < args.size(); ++i)
+            if (args[i - 1] == "--source" || args[i - 1] == "--vectors" || args[i - 1] == "--output")
+                args[i] = dir_ + "/" + args[i];
+        return RunTool(binary, args);
+    }
+    Outcome Render(std::vector<std::string> args) { return Run(TRELVO_RENDER_BINARY, std::move(args)); }
+    Outcome Vectors(std::vector<std::string> args) { return Run(TRELVO_VECTORS_BINARY, std::move(args)); }
+};
+
+TEST_F(VectorSources, ABlenderRenderBlursLikeTheSameVectorsEncoded) {
+    for (int f : {1, 2}) {
+        WriteBlender("beauty.000" + std::to_string(f) + ".exr", f);
+        WriteExr("src.000" + std::to_string(f) + ".exr", Beauty(""));
+        WriteEncoded("enc.000" + std::to_string(f) + ".exr", MotionOf(f), kMaxDisplace[f]);
+    }
+    Outcome run = Render({"--source", "beauty.####.exr", "--vectors", "beauty.####.exr", "--vectors-from",
+                          "blender", "--frames", "1-2", "--output", "out/a.####.exr", "--amount", "1"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    for (int f : {1, 2}) {
+        const std::string frame = "000" + std::to_string(f) + ".exr";
+        char m[16];
+        std::snprintf(m, sizeof m, "%g", kMaxDisplace[f]);
+        run = Render({"--source", "src." + frame, "--vectors", "enc." + frame, "--max-displace", m,
+                      "--output", "out/b." + frame, "--amount", "1"});
+        ASSERT_EQ(run.status, 0) << run.err;
+        EXPECT_EQ(Pixels("out/a." + frame), Pixels("out/b." + frame)) << "frame " << f;
+        EXPECT_NE(Pixels("out/a." + frame), Pixels("src." + frame)) << "the frame is blurred";
+    }
+
+    // The pass saved on its own as RGBA reads the same.
+    const Motion m1 = MotionOf(1);
+    WriteExr("rgba.exr", {{"R", [m1](int x, int y) { return -(m1.dx(x, y) - 1.5f); }},
+                          {"G", [m1](int x, int y) { return -(m1.dy(x, y) - 0.75f); }},
+                          {"B", [m1](int x, int y) { return -(m1.dx(x, y) + 1.5f); }},
+                          {"A", [m1](int x, int y) { return -(m1.dy(x, y) + 0.75f); }}});
+    run = Render({"--source", "src.0001.exr", "--vectors", "rgba.exr", "--vectors-from", "blender",
+                  "--vector-channels", "R,G,B,A", "--output", "out/rgba.exr", "--amount", "1"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Pixels("out/rgba.exr"), Pixels("out/a.0001.exr"));
+
+    // trelvo-vectors writes one M for the clip, says it, and stores it: the
+    // clip renders the same with no --max-displace.
+    run =
+        Vectors({"--vectors", "beauty.####.exr", "--vectors-from", "blender", "--output", "out/mv.####.exr"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.err.find("Max Displacement: 8\n"), std::string::npos) << run.err;
+    WriteEncoded("expected.exr", MotionOf(2), 8.0f);
+    EXPECT_EQ(Pixels("out/mv.0002.exr"), Pixels("expected.exr"));
+    run = Render({"--source", "beauty.####.exr", "--source-layer", "ViewLayer.Combined", "--vectors",
+                  "out/mv.####.exr", "--output", "out/c.####.exr", "--amount", "1"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Pixels("out/c.0002.exr"), Pixels("out/a.0002.exr"));
+
+    // At 16 bits: c = 32767 + 32767 d / M, rounded; alpha 65535.
+    run = Vectors({"--vectors", "beauty.0001.exr", "--vectors-from", "blender", "--output", "out/mv.png",
+                   "--depth", "16"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    OIIO::ImageBuf png(dir_ + "/out/mv.png");
+    uint16_t code[4];
+    ASSERT_TRUE(png.get_pixels(OIIO::ROI(3, 4, 5, 6, 0, 1, 0, 4), OIIO::TypeDesc::UINT16, code));
+    EXPECT_EQ(code[0], 54270);  // 32767 * (1 + 5.25 / 8) = 54270.34
+    EXPECT_EQ(code[1], 22527);  // 32767 * (1 - 2.5 / 8) = 22527.31
+    EXPECT_EQ(code[3], 65535);
+    EXPECT_NE(png.nativespec().get_string_attribute("ImageDescription").find("Max Displacement 8 px"),
+              std::string::npos);
+}
+
+TEST_F(VectorSources, APassInPixelsWithYDownAndAMaskBlursLikeTheSameVectorsEncoded) {
+    WriteExr("src.exr", Beauty(""));
+    const Motion m = MotionOf(2);
+    auto hole = [](int x, int) { return x < 16; };
+    WriteExr("pass.exr", {{"u", m.dx},
+                          {"v", [m](int x, int y) { return -m.dy(x, y); }},
+                          {"cover", [hole](int x, int y) { return hole(x, y) ? 0.25f : 0.5f; }}});
+    WriteEncoded("enc.exr", m, kMaxDisplace[2], hole);
+    const std::vector<std::string> pass = {"--source",       "src.exr", "--vectors",         "pass.exr",
+                                           "--vector-units", "pixels",  "--vector-channels", "u,v,cover",
+                                           "--amount",       "1"};
+    auto with = [](std::vector<std::string> args, std::vector<std::string> more) {
+        args.insert(args.end(), more.begin(), more.end());
+        return args;
+    };
+    Outcome run = Render(with(pass, {"--vector-flip-y", "--output", "out/a.exr"}));
+    ASSERT_EQ(run.status, 0) << run.err;
+    run = Render({"--source", "src.exr", "--vectors", "enc.exr", "--max-displace", "4", "--amount", "1",
+                  "--output", "out/b.exr"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(Pixels("out/a.exr"), Pixels("out/b.exr"));
+
+    run = Render(with(pass, {"--output", "out/unflipped.exr"}));
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(Pixels("out/unflipped.exr"), Pixels("out/b.exr")) << "the flip matters for a turn";
+
+    run = Render(with(pass, {"--max-displace", "4", "--output", "out/c.exr"}));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_NE(
+        run.err.find("--max-displace 4: with vectors in pixels the tool chooses Max Displacement itself"),
+        std::string::npos)
+        << run.err;
+}
+
+TEST_F(VectorSources, AClipWithNoKnownVectorWarnsAndStrictStops) {
+    WriteExr("src.exr", Beauty(""));
+    WriteExr("enc.exr", {{"R", [](int, int) { return 0.75f; }},
+                         {"G", [](int, int) { return 0.5f; }},
+                         {"B", [](int, int) { return 0.0f; }},
+                         {"A", [](int, int) { return 0.999f; }}});
+    Outcome run = Render({"--source", "src.exr", "--vectors", "enc.exr", "--output", "out/a.exr"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.err.find("warning: frame 1: " + dir_ +
+                           "/enc.exr has no known vector: alpha is exactly 1 nowhere (largest alpha 0.999)"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(Pixels("out/a.exr"), Pixels("src.exr")) << "unblurred, as the warning says";
+
+    run = Render({"--source", "src.exr", "--vectors", "enc.exr", "--output", "out/b.exr", "--strict"});
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_NE(run.err.find("Stopped (--strict)"), std::string::npos) << run.err;
+    EXPECT_EQ(Listing(dir_ + "/out"), std::vector<std::string>{"a.exr"});
+}
+
+TEST_F(VectorSources, FilesThatDontFitStopTheJobBeforeItsFirstFrame) {
+    WriteBlender("beauty.0001.exr", 1);
+    WriteBlender("beauty.0002.exr", 2);
+    WriteBlender("two.0001.exr", 1, {"Left", "Right"});
+    WriteEncoded("enc.0001.exr", MotionOf(1), 8.0f);
+    WriteEncoded("enc.0002.exr", MotionOf(1), 8.0f);
+    // Frame 2 of this one lacks W: found before frame 1 renders.
+    std::vector<std::pair<std::string, Field>> partial = Beauty("ViewLayer.Combined.");
+    partial.push_back({"ViewLayer.Vector.X", [](int, int) { return 0.0f; }});
+    partial.push_back({"ViewLayer.Vector.Y", [](int, int) { return 0.0f; }});
+    partial.push_back({"ViewLayer.Vector.Z", [](int, int) { return 0.0f; }});
+    WriteBlender("late.0001.exr", 1);
+    WriteExr("late.0002.exr", partial);
+
+    const struct {
+        std::vector<std::string> args;
+        std::vector<std::string> said;
+    } cases[] = {
+        {{"--source", "late.####.exr", "--vectors", "late.####.exr", "--vectors-from", "blender"},
+         {"--vectors-from blender: " + dir_ + "/late.0002.exr has no channel ViewLayer.Vector.W.",
+          "    ViewLayer.Vector: X, Y, Z\n"}},
+        {{"--source", "beauty.####.exr", "--vectors", "enc.####.exr"},
+         {"--source: " + dir_ + "/beauty.0001.exr is not an RGB, RGBA, Y or YA picture.",
+          "    ViewLayer.Combined: R, G, B, A\n    ViewLayer.Vector: X, Y, Z, W\n",
+          "--source-layer ViewLayer.Combined"}},
+        {{"--source", "beauty.####.exr", "--vectors", "beauty.####.exr"},
+         {"--vectors: " + dir_ + "/beauty.0001.exr is not", "read it with --vectors-from blender"}},
+        {{"--source", "enc.####.exr", "--vectors", "beauty.####.exr", "--vector-units", "pixels",
+          "--vector-channels", "ViewLayer.Vector.X,ViewLayer.Vector.Q"},
+         {"--vector-channels ViewLayer.Vector.X,ViewLayer.Vector.Q: " + dir_ +
+          "/beauty.0001.exr has no channel ViewLayer.Vector.Q."}},
+        {{"--source", "two.0001.exr", "--vectors", "two.0001.exr", "--vectors-from", "blender"},
+         {"has a Vector pass in several layers: Left, Right. Pick one with --vector-layer NAME."}},
+        {{"--source", "enc.####.exr", "--vectors", "enc.####.exr", "--vector-flip-y"},
+         {"--vector-flip-y applies to vectors in pixels"}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = c.args;
+        args.insert(args.end(), {"--frames", "1-2", "--output", "out/o.####.exr"});
+        if (args[1] == "two.0001.exr") args.erase(args.end() - 4, args.end() - 2);
+        Outcome run = Render(args);
+        EXPECT_EQ(run.status, 2) << run.err;
+        for (const std::string& text : c.said) EXPECT_NE(run.err.find(text), std::string::npos) << run.err;
+        EXPECT_TRUE(Listing(dir_ + "/out").empty()) << run.err;
+    }
+    Outcome run = Render({"--source", "two.0001.exr", "--vectors", "two.0001.exr", "--vectors-from",
+                          "blender", "--vector-layer", "Right", "--output", "out/right.exr"});
+    EXPECT_EQ(run.status, 0) << run.err;
+
+    // Writing over a file the job reads would lose it.
+    const std::vector<std::string> overwrite = {"--vectors", "beauty.####.exr", "--vectors-from",
+                                                "blender",   "--output",        "beauty.####.exr"};
+    for (const Outcome& over :
+         {Vectors(overwrite), Render({"--source", "beauty.%04d.exr", "--vectors", "enc.####.exr", "--output",
+                                      "beauty.####.exr"})}) {
+        EXPECT_EQ(over.status, 2) << over.err;
+        EXPECT_NE(over.err.find("--output: frame 1 would overwrite " + dir_ +
+                                "/beauty.0001.exr, which the job reads"),
+                  std::string::npos)
+            << over.err;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,186 @@
+// trelvo-vectors: writes motion vectors as a clip in the plug-in's encoding,
+// for OFX hosts to feed to its Motion Vectors input: from a renderer's
+// motion pass in pixels (any channels, or a renderer's layout by name). The
+// Max Displacement the clip needs is printed and stored in every file.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "frames.h"
+#include "option_table.h"
+#include "render_plan.h"
+#include "stop_signal.h"
+#include "vector_clip.h"
+#include "vector_input.h"
+
+namespace {
+
+struct Options {
+    bool help = false;
+    bool quiet = false;
+    bool strict = false;
+    std::string vectors, output, frames, depth = "float", compression;
+    double maxDisplace = 0.0;
+    VectorOptions vectorInput;
+};
+
+std::vector<OptionRule<Options>> makeRules() {
+    std::vector<OptionRule<Options>> rules = {
+        {"--help", false, [](Options& o, const std::string&) { return o.help = true, std::string(); }},
+        {"--quiet", false, [](Options& o, const std::string&) { return o.quiet = true, std::string(); }},
+        {"--strict", false, [](Options& o, const std::string&) { return o.strict = true, std::string(); }},
+        {"--vectors", true, [](Options& o, const std::string& v) { return o.vectors = v, std::string(); }},
+        {"--output", true, [](Options& o, const std::string& v) { return o.output = v, std::string(); }},
+        {"--frames", true, [](Options& o, const std::string& v) { return o.frames = v, std::string(); }},
+        {"--compression", true,
+         [](Options& o, const std::string& v) { return o.compression = v, std::string(); }},
+        {"--depth", true,
+         [](Options& o, const std::string& v) {
+             if (v != "float" && v != "16") return "option '--depth': '" + v + "' is not float or 16";
+             o.depth = v;
+             return std::string();
+         }},
+        {"--max-displace", true,
+         [](Options& o, const std::string& v) {
+             if (!parseDouble(v, o.maxDisplace) || o.maxDisplace <= 0.0 || o.maxDisplace > 10000.0)
+                 return "option '--max-displace': '" + v +
+                        "' is not a number of pixels above 0, at most 10000";
+             return std::string();
+         }},
+    };
+    addOptionRules(rules, &Options::vectorInput, vectorOptionRules());
+    return rules;
+}
+
+std::string usage() {
+    return std::string(
+               "usage: trelvo-vectors --vectors PASS --output CLIP [--frames RANGE] [options]\n"
+               "\n"
+               "Writes motion vectors in pixels as a vector clip in the plug-in's encoding, for any OFX\n"
+               "host to feed to its Motion Vectors input. Prints the Max Displacement to set in the host,\n"
+               "and stores it in every file. A sequence names its frame number with #### or %04d.\n"
+               "\n"
+               "  --vectors PATH       the motion pass, in pixels per frame\n"
+               "  --output PATH        the clip to write: .exr (float), or .tif/.png with --depth 16;\n"
+               "                       its folder must exist\n"
+               "  --frames RANGE       7 | 1-100 | 1-100x2 | 1,5,10-20 (default: the pass's frames on disk)\n"
+               "  --depth D            float (default: c = 0.5 + 0.5 d/M) or 16 (c = 32767 + 32767 d/M)\n"
+               "  --max-displace M     encode with this M instead of the smallest power of two that holds\n"
+               "                       the clip's largest vector (one reading of the pass less)\n"
+               "  --compression NAME   output compression where the format has one (zip, piz, lzw, ...)\n"
+               "  --strict             a frame with no known vector is an error, not a warning\n"
+               "  --quiet              no progress, only warnings, errors and the Max Displacement\n"
+               "\n"
+               "Channels (checked on every frame's file before the first frame):\n") +
+           vectorOptionsHelp(false) +
+           "\n"
+           "Exit status: 0 done, 1 a file failed, 2 bad usage or input, 130 interrupted.\n";
+}
+
+// The clip's format by its file name: float where it holds float, 16 bits
+// where it holds 16-bit integers.
+bool checkOutputFormat(const std::string& path, const std::string& depth, std::string& error) {
+    const size_t dot = path.find_last_of('.');
+    std::string ext = dot == std::string::npos ? "" : path.substr(dot + 1);
+    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const bool tiff = ext == "tif" || ext == "tiff";
+    if (ext == "exr" && depth == "16")
+        error = "--output '" + path + "': EXR holds no 16-bit integers; write .tif or .png with --depth 16";
+    else if (ext == "png" && depth == "float")
+        error = "--output '" + path + "': PNG holds no float; add --depth 16";
+    else if (ext != "exr" && ext != "png" && !tiff)
+        error = "--output '" + path + "': write a vector clip as .exr (float), .tif or .png (--depth 16)";
+    return error.empty();
+}
+
+// Everything that can be checked before the first frame. Gives the exit code
+// of a failure, or 0 with the job and its motion source filled in.
+int plan(Options& o, VectorClipJob& job, InputPlan& inputs, std::string& error) {
+    if (o.vectors.empty() || o.output.empty()) {
+        error = "writing a clip needs --vectors and --output";
+        return 2;
+    }
+    if (o.vectorInput.units == "encoded") {
+        error =
+            "--vector-units encoded: trelvo-vectors reads motion in pixels; a clip in the plug-in's encoding "
+            "needs no conversion";
+        return 2;
+    }
+    o.vectorInput.units = "pixels";
+    SequencePath vectors;
+    if (!vectors.parse(o.vectors, error) || !job.output.parse(o.output, error) ||
+        !checkVectorOptions(o.vectorInput, error) || !checkOutputFormat(o.output, o.depth, error))
+        return 2;
+    if (!o.frames.empty()) {
+        if (!parseFrames(o.frames, job.frames, error)) return 2;
+    } else if (vectors.isSequence()) {
+        job.frames = vectors.framesOnDisk();
+        if (job.frames.empty()) {
+            error = "--vectors '" + o.vectors + "': no frames on disk match it";
+            return 2;
+        }
+    } else {
+        job.frames = {1};
+    }
+    if (job.frames.size() > 1 && !job.output.isSequence()) {
+        error = "--output '" + o.output + "' needs a frame pattern (#### or %04d) to hold " +
+                std::to_string(job.frames.size()) + " frames";
+        return 2;
+    }
+    for (int frame : job.frames) {
+        struct stat info;
+        if (stat(vectors.frame(frame).c_str(), &info) != 0) {
+            error = "vector frame " + std::to_string(frame) + " is missing: " + vectors.frame(frame);
+            return 2;
+        }
+    }
+    const std::string folder = folderOf(o.output);
+    struct stat info;
+    if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+        error = "--output: the folder '" + folder + "' does not exist";
+        return 2;
+    }
+    if (access(folder.c_str(), W_OK | X_OK) != 0) {
+        error = "--output: the folder '" + folder + "' is not writable";
+        return 2;
+    }
+    if (!checkNoInputOverwritten(job.output, {&vectors}, job.frames, error) ||
+        !planInputs(nullptr, "", vectors, job.frames, o.vectorInput, inputs, error))
+        return 2;
+    job.depth = o.depth == "16" ? PixelDepth::Short : PixelDepth::Float;
+    job.compression = o.compression;
+    job.maxDisplace = o.maxDisplace;
+    job.strict = o.strict;
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    std::string error;
+    static const std::vector<OptionRule<Options>> rules = makeRules();
+    if (!parseOptionTable(argc, argv, rules, options, error)) {
+        std::fprintf(stderr, "trelvo-vectors: %s\n\n%s", error.c_str(), usage().c_str());
+        return 2;
+    }
+    if (options.help) {
+        std::fputs(usage().c_str(), stdout);
+        return 0;
+    }
+    VectorClipJob job;
+    InputPlan inputs;
+    if (const int status = plan(options, job, inputs, error)) {
+        std::fprintf(stderr, "trelvo-vectors: %s\n", error.c_str());
+        return status;
+    }
+    installStopHandlers();
+    const ProgressReport::Style style = options.quiet           ? ProgressReport::Style::Quiet
+                                        : isatty(STDERR_FILENO) ? ProgressReport::Style::Bar
+                                                                : ProgressReport::Style::Lines;
+    return writeVectorClip(job, *inputs.motion, style);
+}
