@@ -22,15 +22,21 @@ constexpr int kCostWindow = 9;
 // (grey levels of 255) and above kSuspectOverMedian times the frame's median.
 constexpr float kSuspectCost = 10.0f;
 constexpr float kSuspectOverMedian = 4.0f;
-constexpr int kSuspectGrow = 8;             // pixels added round suspect regions
-constexpr int kFeatures = 1000;             // ORB features per frame, inside the suspect regions
+constexpr int kSuspectGrow = 8;  // pixels added round suspect regions
+constexpr int kFeatures = 1000;  // ORB features per frame, inside the suspect regions
+// ORB's patch: smaller than its default of 31, so that the descriptor of a
+// point on an object 40 pixels across still sees mostly the object.
+constexpr int kFeaturePatch = 15;
+constexpr int kFastThreshold = 5;           // low: a small object offers few corners
 constexpr int kMaxDescriptorDistance = 64;  // of ORB's 256 bits
 // A match tells something new where it disagrees with the flow by more than
 // this many pixels; matches agreeing with each other to kClusterTolerance
-// pixels form one moving object if there are at least kMinClusterSize.
+// pixels form one moving object if there are at least kMinClusterSize. A
+// cluster that is wrong costs only time: its flow is kept only where it
+// matches better.
 constexpr float kDisagreement = 4.0f;
 constexpr float kClusterTolerance = 3.0f;
-constexpr size_t kMinClusterSize = 4;
+constexpr size_t kMinClusterSize = 3;
 constexpr int kMaxObjects = 8;
 
 cv::Ptr<cv::DISOpticalFlow> MakeDis(const MotionEstimateSettings& settings) {
@@ -109,7 +115,8 @@ std::vector<FastObject> FindFastObjects(const GreyFrame& a, const GreyFrame& b, 
     if (cv::countNonZero(suspectA) == 0 || cv::countNonZero(suspectB) == 0) return {};
 
     // One pyramid level: between neighbouring frames an object keeps its size.
-    cv::Ptr<cv::ORB> orb = cv::ORB::create(kFeatures, 1.2f, 1, 31, 0, 2, cv::ORB::HARRIS_SCORE, 31, 10);
+    cv::Ptr<cv::ORB> orb = cv::ORB::create(kFeatures, 1.2f, 1, kFeaturePatch, 0, 2, cv::ORB::HARRIS_SCORE,
+                                           kFeaturePatch, kFastThreshold);
     std::vector<cv::KeyPoint> pointsA, pointsB;
     cv::Mat descriptorsA, descriptorsB;
     orb->detectAndCompute(a.grey, suspectA, pointsA, descriptorsA);
