@@ -3,6 +3,7 @@
 #include <map>
 #include <new>
 #include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
 #include <utility>
 
 #include "pair_flow.h"
@@ -35,33 +36,36 @@ std::string SizeText(int width, int height) {
 void Combine(cv::Size size, const PairFlow* before, const PairFlow* after, RawVectors& motion) {
     motion.width = size.width;
     motion.height = size.height;
-    motion.dx.assign(motion.size(), 0.0f);
-    motion.dy.assign(motion.size(), 0.0f);
-    motion.known.assign(motion.size(), 0);
-    for (int j = 0; j < size.height; ++j) {
-        const cv::Vec2f* back = before ? before->backward.ptr<cv::Vec2f>(j) : nullptr;
-        const uint8_t* backKnown = before ? before->backwardKnown.ptr<uint8_t>(j) : nullptr;
-        const cv::Vec2f* ahead = after ? after->forward.ptr<cv::Vec2f>(j) : nullptr;
-        const uint8_t* aheadKnown = after ? after->forwardKnown.ptr<uint8_t>(j) : nullptr;
-        const size_t row = static_cast<size_t>(j) * static_cast<size_t>(size.width);
-        for (int i = 0; i < size.width; ++i) {
-            const bool useBack = back && backKnown[i], useAhead = ahead && aheadKnown[i];
-            float dx = 0, dy = 0;
-            if (useBack && useAhead) {
-                dx = 0.5f * (ahead[i][0] - back[i][0]);
-                dy = 0.5f * (ahead[i][1] - back[i][1]);
-            } else if (useAhead) {
-                dx = ahead[i][0];
-                dy = ahead[i][1];
-            } else if (useBack) {
-                dx = -back[i][0];
-                dy = -back[i][1];
+    // Every element is written below.
+    motion.dx.resize(motion.size());
+    motion.dy.resize(motion.size());
+    motion.known.resize(motion.size());
+    cv::parallel_for_(cv::Range(0, size.height), [&](const cv::Range& rows) {
+        for (int j = rows.start; j < rows.end; ++j) {
+            const cv::Vec2f* back = before ? before->backward.ptr<cv::Vec2f>(j) : nullptr;
+            const uint8_t* backKnown = before ? before->backwardKnown.ptr<uint8_t>(j) : nullptr;
+            const cv::Vec2f* ahead = after ? after->forward.ptr<cv::Vec2f>(j) : nullptr;
+            const uint8_t* aheadKnown = after ? after->forwardKnown.ptr<uint8_t>(j) : nullptr;
+            const size_t row = static_cast<size_t>(j) * static_cast<size_t>(size.width);
+            for (int i = 0; i < size.width; ++i) {
+                const bool useBack = back && backKnown[i], useAhead = ahead && aheadKnown[i];
+                float dx = 0, dy = 0;
+                if (useBack && useAhead) {
+                    dx = 0.5f * (ahead[i][0] - back[i][0]);
+                    dy = 0.5f * (ahead[i][1] - back[i][1]);
+                } else if (useAhead) {
+                    dx = ahead[i][0];
+                    dy = ahead[i][1];
+                } else if (useBack) {
+                    dx = -back[i][0];
+                    dy = -back[i][1];
+                }
+                motion.dx[row + i] = dx;
+                motion.dy[row + i] = dy;
+                motion.known[row + i] = useBack || useAhead;
             }
-            motion.dx[row + i] = dx;
-            motion.dy[row + i] = dy;
-            motion.known[row + i] = useBack || useAhead;
         }
-    }
+    });
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <opencv2/core/utility.hpp>
 #include <opencv2/features2d.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/video/tracking.hpp>
@@ -27,7 +28,9 @@ constexpr int kFeatures = 1000;  // ORB features per frame, inside the suspect r
 // ORB's patch: smaller than its default of 31, so that the descriptor of a
 // point on an object 40 pixels across still sees mostly the object.
 constexpr int kFeaturePatch = 15;
-constexpr int kFastThreshold = 5;           // low: a small object offers few corners
+constexpr int kFastThreshold = 5;  // low: a small object offers few corners
+constexpr int kFeatureTile = 64;
+constexpr int kMinFeaturesPerRun = 16;
 constexpr int kMaxDescriptorDistance = 64;  // of ORB's 256 bits
 // A match tells something new where it disagrees with the flow by more than
 // this many pixels; matches agreeing with each other to kClusterTolerance
@@ -109,18 +112,61 @@ float Median(std::vector<float> values) {
     return values[values.size() / 2];
 }
 
+// ORB features inside the suspect regions of a frame. ORB runs its corner
+// detector over all of the picture it is given, which on a whole frame would
+// cost more than everything else here together, so it is given runs of tiles
+// that hold suspect pixels, one row of tiles at a time, each with a margin for
+// the feature's patch. The features each run keeps are shared out by its share
+// of the suspect pixels.
+void DetectFeatures(const cv::Mat& grey, const cv::Mat& suspect, std::vector<cv::KeyPoint>& points,
+                    cv::Mat& descriptors) {
+    const double suspectPixels = cv::countNonZero(suspect);
+    const cv::Rect frame(cv::Point(0, 0), grey.size());
+    const auto detect = [&](cv::Rect run) {
+        const int wanted =
+            static_cast<int>(std::ceil(kFeatures * cv::countNonZero(suspect(run)) / suspectPixels));
+        const cv::Rect padded(run.x - kFeaturePatch, run.y - kFeaturePatch, run.width + 2 * kFeaturePatch,
+                              run.height + 2 * kFeaturePatch);
+        const cv::Rect area = padded & frame;
+        cv::Mat runMask = cv::Mat::zeros(area.size(), CV_8UC1);
+        suspect(run).copyTo(runMask(run - area.tl()));
+        // One pyramid level: between neighbouring frames an object keeps its size.
+        cv::Ptr<cv::ORB> orb = cv::ORB::create(std::max(wanted, kMinFeaturesPerRun), 1.2f, 1, kFeaturePatch,
+                                               0, 2, cv::ORB::HARRIS_SCORE, kFeaturePatch, kFastThreshold);
+        std::vector<cv::KeyPoint> found;
+        cv::Mat described;
+        orb->detectAndCompute(grey(area), runMask, found, described);
+        for (cv::KeyPoint& point : found) point.pt += cv::Point2f(area.tl());
+        points.insert(points.end(), found.begin(), found.end());
+        descriptors.push_back(described);
+    };
+    const int tilesAcross = (grey.cols + kFeatureTile - 1) / kFeatureTile;
+    for (int y = 0; y < grey.rows; y += kFeatureTile) {
+        const int height = std::min(kFeatureTile, grey.rows - y);
+        int runStart = -1;
+        for (int tile = 0; tile <= tilesAcross; ++tile) {
+            const int x = std::min(tile * kFeatureTile, grey.cols);
+            const bool active =
+                tile < tilesAcross &&
+                cv::countNonZero(suspect(cv::Rect(x, y, std::min(kFeatureTile, grey.cols - x), height)));
+            if (active && runStart < 0) runStart = x;
+            if (!active && runStart >= 0) {
+                detect(cv::Rect(runStart, y, x - runStart, height));
+                runStart = -1;
+            }
+        }
+    }
+}
+
 std::vector<FastObject> FindFastObjects(const GreyFrame& a, const GreyFrame& b, const cv::Mat& forward,
                                         const cv::Mat& costA, const cv::Mat& costB) {
     const cv::Mat suspectA = SuspectRegions(costA), suspectB = SuspectRegions(costB);
     if (cv::countNonZero(suspectA) == 0 || cv::countNonZero(suspectB) == 0) return {};
 
-    // One pyramid level: between neighbouring frames an object keeps its size.
-    cv::Ptr<cv::ORB> orb = cv::ORB::create(kFeatures, 1.2f, 1, kFeaturePatch, 0, 2, cv::ORB::HARRIS_SCORE,
-                                           kFeaturePatch, kFastThreshold);
     std::vector<cv::KeyPoint> pointsA, pointsB;
     cv::Mat descriptorsA, descriptorsB;
-    orb->detectAndCompute(a.grey, suspectA, pointsA, descriptorsA);
-    orb->detectAndCompute(b.grey, suspectB, pointsB, descriptorsB);
+    DetectFeatures(a.grey, suspectA, pointsA, descriptorsA);
+    DetectFeatures(b.grey, suspectB, pointsB, descriptorsB);
     if (pointsA.empty() || pointsB.empty()) return {};
     std::vector<cv::DMatch> matches;
     cv::BFMatcher(cv::NORM_HAMMING, true).match(descriptorsA, descriptorsB, matches);
@@ -175,13 +221,15 @@ std::vector<FastObject> FindFastObjects(const GreyFrame& a, const GreyFrame& b, 
 // given.
 void FlowTargets(const cv::Mat& flow, cv::Rect region, cv::Mat& targets) {
     targets.create(flow.size(), CV_32FC2);
-    for (int j = 0; j < flow.rows; ++j) {
-        const cv::Vec2f* f = flow.ptr<cv::Vec2f>(j);
-        cv::Vec2f* t = targets.ptr<cv::Vec2f>(j);
-        const float y = static_cast<float>(region.y + j);
-        for (int i = 0; i < flow.cols; ++i)
-            t[i] = cv::Vec2f(static_cast<float>(region.x + i) + f[i][0], y + f[i][1]);
-    }
+    cv::parallel_for_(cv::Range(0, flow.rows), [&](const cv::Range& rows) {
+        for (int j = rows.start; j < rows.end; ++j) {
+            const cv::Vec2f* f = flow.ptr<cv::Vec2f>(j);
+            cv::Vec2f* t = targets.ptr<cv::Vec2f>(j);
+            const float y = static_cast<float>(region.y + j);
+            for (int i = 0; i < flow.cols; ++i)
+                t[i] = cv::Vec2f(static_cast<float>(region.x + i) + f[i][0], y + f[i][1]);
+        }
+    });
 }
 
 // 8-bit sRGB codes of linear light in steps of 1/65535, fine enough that
@@ -291,21 +339,23 @@ cv::Mat PairEstimator::consistent(const cv::Mat& flow, const cv::Mat& reverse) {
     cv::remap(reverse, reverse_, targets_, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
     cv::Mat known(flow.size(), CV_8UC1);
     const float right = static_cast<float>(flow.cols) - 0.5f, top = static_cast<float>(flow.rows) - 0.5f;
-    for (int j = 0; j < flow.rows; ++j) {
-        const cv::Vec2f* f = flow.ptr<cv::Vec2f>(j);
-        const cv::Vec2f* t = targets_.ptr<cv::Vec2f>(j);
-        const cv::Vec2f* r = reverse_.ptr<cv::Vec2f>(j);
-        uint8_t* k = known.ptr<uint8_t>(j);
-        for (int i = 0; i < flow.cols; ++i) {
-            const bool inside = t[i][0] >= -0.5f && t[i][0] <= right && t[i][1] >= -0.5f && t[i][1] <= top;
-            const float tolerance =
-                settings_.consistencyPixels +
-                settings_.consistencyFraction * std::sqrt(f[i][0] * f[i][0] + f[i][1] * f[i][1]);
-            const float mx = f[i][0] + r[i][0], my = f[i][1] + r[i][1];
-            // Written so that a NaN anywhere fails the test.
-            k[i] = inside && mx * mx + my * my <= tolerance * tolerance;
+    const float pixels = settings_.consistencyPixels, fraction = settings_.consistencyFraction;
+    cv::parallel_for_(cv::Range(0, flow.rows), [&](const cv::Range& rows) {
+        for (int j = rows.start; j < rows.end; ++j) {
+            const cv::Vec2f* f = flow.ptr<cv::Vec2f>(j);
+            const cv::Vec2f* t = targets_.ptr<cv::Vec2f>(j);
+            const cv::Vec2f* r = reverse_.ptr<cv::Vec2f>(j);
+            uint8_t* k = known.ptr<uint8_t>(j);
+            for (int i = 0; i < flow.cols; ++i) {
+                const bool inside =
+                    t[i][0] >= -0.5f && t[i][0] <= right && t[i][1] >= -0.5f && t[i][1] <= top;
+                const float tolerance = pixels + fraction * std::sqrt(f[i][0] * f[i][0] + f[i][1] * f[i][1]);
+                const float mx = f[i][0] + r[i][0], my = f[i][1] + r[i][1];
+                // Written so that a NaN anywhere fails the test.
+                k[i] = inside && mx * mx + my * my <= tolerance * tolerance;
+            }
         }
-    }
+    });
     return known;
 }
 
