@@ -29,6 +29,19 @@ std::string SizeText(int width, int height) {
     return std::to_string(width) + "x" + std::to_string(height);
 }
 
+// The pixels must be there before OpenCV is pointed at them.
+bool Whole(const HostPixels& frame, const std::string& name, std::string& error) {
+    if (frame.width <= 0 || frame.height <= 0) {
+        error = name + " is empty (" + SizeText(frame.width, frame.height) + ")";
+        return false;
+    }
+    if (frame.data.size() / frame.rowBytes() < static_cast<size_t>(frame.height)) {
+        error = name + " holds fewer pixels than its size, " + SizeText(frame.width, frame.height);
+        return false;
+    }
+    return true;
+}
+
 // The motion through a frame from the pair before it (its backward flow runs
 // from this frame to the previous one) and the pair after it (its forward flow
 // runs to the next): the mean of the two where both passed the consistency
@@ -72,6 +85,9 @@ void Combine(cv::Size size, const PairFlow* before, const PairFlow* after, RawVe
 
 bool estimateMotion(const HostPixels* previous, const HostPixels& current, const HostPixels* next,
                     const MotionEstimateSettings& settings, RawVectors& motion, std::string& error) {
+    if (!Whole(current, "the frame", error) || (previous && !Whole(*previous, "the previous frame", error)) ||
+        (next && !Whole(*next, "the next frame", error)))
+        return false;
     for (const HostPixels* other : {previous, next})
         if (other && (other->width != current.width || other->height != current.height)) {
             error = "a neighbouring frame is " + SizeText(other->width, other->height) +
@@ -101,7 +117,8 @@ struct MotionSequence::Cache {
         auto found = frames.find(number);
         if (found != frames.end()) return &found->second;
         HostPixels pixels;
-        if (!reader(number, pixels, error)) return nullptr;
+        if (!reader(number, pixels, error) || !Whole(pixels, "frame " + std::to_string(number), error))
+            return nullptr;
         const cv::Size got(pixels.width, pixels.height);
         if (size.empty()) {
             size = got;

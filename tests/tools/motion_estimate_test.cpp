@@ -246,6 +246,12 @@ TEST(MotionSequence, ErrorsAndOddSizes) {
 
     EXPECT_FALSE(estimateMotion(&a, b, nullptr, {}, motion, error));
     EXPECT_NE(error.find("40x30"), std::string::npos) << error;
+    HostPixels truncated = a;
+    truncated.data.resize(truncated.data.size() - 1);
+    EXPECT_FALSE(estimateMotion(&a, truncated, nullptr, {}, motion, error));
+    EXPECT_EQ(error, "the frame holds fewer pixels than its size, 40x30");
+    EXPECT_FALSE(estimateMotion(nullptr, HostPixels(), nullptr, {}, motion, error));
+    EXPECT_EQ(error, "the frame is empty (0x0)");
 
     MotionSequence sequence(1, 3, [&](int frame, HostPixels& pixels, std::string& why) {
         if (frame == 3) {
