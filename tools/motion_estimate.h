@@ -55,8 +55,10 @@ struct MotionEstimateSettings {
 bool estimateMotion(const HostPixels* previous, const HostPixels& current, const HostPixels* next,
                     const MotionEstimateSettings& settings, RawVectors& motion, std::string& error);
 
-// A sequence of frames, first..last, read on demand. Each pair of neighbours
-// is estimated once and kept while a frame next to it may still need it, so
+// A sequence of frames, first..last, read on demand. The range is that of the
+// footage, not of the frames wanted: a frame's neighbour outside it counts as
+// absent, and the frame's motion is one-sided. Each pair of neighbours is
+// estimated once and kept while a frame next to it may still need it, so
 // asking for the frames in order (either way) costs one pair per frame.
 class MotionSequence {
   public:
