@@ -11,7 +11,8 @@ job=${1:-demo}
 preset=${2:-release}
 
 packages=(g++ cmake ninja-build pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
-          libopenimageio-dev openimageio-tools)
+          libopenimageio-dev openimageio-tools
+          libopencv-core-dev libopencv-imgproc-dev libopencv-video-dev libopencv-features2d-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,0 +1,287 @@
+// Motion estimated from synthetic footage whose motion is known exactly:
+// accuracy, the consistency check's holes, a small fast object, orientation,
+// the ends of a sequence, and the sequence's reuse of its pairs.
+#include "motion_estimate.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "moving_texture.h"
+
+#if defined(__SANITIZE_THREAD__)
+#include <opencv2/core/utility.hpp>
+// OpenCV runs its parallel loops on TBB, whose synchronisation the thread
+// sanitizer cannot see; under it, OpenCV works on the calling thread alone.
+static const bool kOpenCVSerial = (cv::setNumThreads(1), true);
+#endif
+
+namespace {
+
+struct Shot {
+    MovingScene scene;
+    std::vector<HostPixels> frames;
+
+    Shot(const MovingScene& s, int count, PixelDepth depth = PixelDepth::Float) : scene(s) {
+        for (int t = 0; t < count; ++t) frames.push_back(RenderScene(scene, t, depth));
+    }
+
+    RawVectors motion(int t, const MotionEstimateSettings& settings = {}) const {
+        RawVectors motion;
+        std::string error;
+        const HostPixels* previous = t > 0 ? &frames[t - 1] : nullptr;
+        const HostPixels* next = t + 1 < int(frames.size()) ? &frames[t + 1] : nullptr;
+        EXPECT_TRUE(estimateMotion(previous, frames[t], next, settings, motion, error)) << error;
+        EXPECT_EQ(motion.width, scene.width);
+        EXPECT_EQ(motion.height, scene.height);
+        return motion;
+    }
+};
+
+// Share of the pixels chosen by `where` whose vector is known and within
+// `tolerance` of (dx, dy); holes count against it.
+double ShareNear(const RawVectors& motion, double dx, double dy, double tolerance,
+                 const std::function<bool(int i, int j)>& where) {
+    size_t chosen = 0, near = 0;
+    for (int j = 0; j < motion.height; ++j)
+        for (int i = 0; i < motion.width; ++i) {
+            if (!where(i, j)) continue;
+            const size_t k = static_cast<size_t>(j) * motion.width + i;
+            ++chosen;
+            near += motion.isKnown(k) && std::hypot(motion.dx[k] - dx, motion.dy[k] - dy) <= tolerance;
+        }
+    EXPECT_GT(chosen, 0u);
+    return chosen ? double(near) / double(chosen) : 0.0;
+}
+
+double ShareOfHoles(const RawVectors& motion, const std::function<bool(int i, int j)>& where) {
+    size_t chosen = 0, holes = 0;
+    for (int j = 0; j < motion.height; ++j)
+        for (int i = 0; i < motion.width; ++i)
+            if (where(i, j)) {
+                ++chosen;
+                holes += !motion.isKnown(static_cast<size_t>(j) * motion.width + i);
+            }
+    EXPECT_GT(chosen, 0u);
+    return chosen ? double(holes) / double(chosen) : 0.0;
+}
+
+TEST(MotionEstimate, SubPixelTranslationInEveryDepth) {
+    struct Case {
+        double vx, vy;
+        PixelDepth depth;
+    };
+    for (const Case& c : {Case{0.37, -0.61, PixelDepth::Float}, Case{0.37, -0.61, PixelDepth::Short},
+                          Case{0.37, -0.61, PixelDepth::Byte}, Case{-2.25, 1.8, PixelDepth::Float}}) {
+        MovingScene scene;
+        scene.width = 160;
+        scene.height = 120;
+        scene.vx = c.vx;
+        scene.vy = c.vy;
+        const RawVectors motion = Shot(scene, 3, c.depth).motion(1);
+        // Every pixel is textured; the outermost ones may see the border.
+        const auto inside = [&](int i, int j) { return i >= 3 && j >= 3 && i < 157 && j < 117; };
+        EXPECT_EQ(ShareNear(motion, c.vx, c.vy, 0.25, inside), 1.0)
+            << "motion (" << c.vx << ", " << c.vy << "), depth " << int(c.depth);
+    }
+}
+
+TEST(MotionEstimate, HolesWhereOnlyOneFrameSeesTheBackground) {
+    // A disc moving right over a still background. What it is about to cover
+    // has no match in the next frame, what it has uncovered none in the
+    // previous one. Pixels within 3 of an outline are left out: the flow
+    // blurs an edge over a few pixels.
+    MovingScene scene;
+    scene.width = 160;
+    scene.height = 112;
+    scene.discs.push_back(MovingDisc{50, 56, 24, 12, 0, 7});
+    const Shot shot(scene, 3);
+    const auto clear = [&](int t, int i, int j) { return DistanceToOutline(scene, t, i, j) > 3; };
+    const auto backgroundNowDiscAt = [&](int now, int then) {
+        return [&, now, then](int i, int j) {
+            return DiscAt(scene, now, i, j) < 0 && clear(now, i, j) && DiscAt(scene, then, i, j) == 0 &&
+                   clear(then, i, j);
+        };
+    };
+    const auto farFromDisc = [&](int i, int j) {
+        for (int t = 0; t < 3; ++t)
+            if (DiscAt(scene, t, i, j) >= 0 || DistanceToOutline(scene, t, i, j) < 12) return false;
+        return true;
+    };
+
+    // First frame, forward only: background that frame 1 covers is a hole.
+    const RawVectors first = shot.motion(0);
+    EXPECT_GT(ShareOfHoles(first, backgroundNowDiscAt(0, 1)), 0.75);
+    // Last frame, backward only: background that frame 1 covered is a hole.
+    const RawVectors last = shot.motion(2);
+    EXPECT_GT(ShareOfHoles(last, backgroundNowDiscAt(2, 1)), 0.75);
+    // Neither on the still background away from the disc.
+    for (const RawVectors* motion : {&first, &last})
+        EXPECT_GT(ShareNear(*motion, 0, 0, 0.25, farFromDisc), 0.99);
+
+    // In the middle, each of those regions is seen on one side and takes the
+    // background's motion from there.
+    const RawVectors middle = shot.motion(1);
+    EXPECT_GT(ShareNear(middle, 0, 0, 1.0, backgroundNowDiscAt(1, 0)), 0.8);
+    EXPECT_GT(ShareNear(middle, 0, 0, 1.0, backgroundNowDiscAt(1, 2)), 0.8);
+    EXPECT_GT(ShareNear(middle, 12, 0, 1.0,
+                        [&](int i, int j) { return DiscAt(scene, 1, i, j) == 0 && clear(1, i, j); }),
+              0.8);
+}
+
+TEST(MotionEstimate, SmallFastObjectsOverMovingBackground) {
+    // About 70 pixels across, 60 pixels a frame: far more than coarse-to-fine
+    // flow follows from its coarse levels, where the disc is a few pixels.
+    // Then two smaller discs going opposite ways, where the pixels along the
+    // outline, which the flow blurs, weigh more.
+    MovingScene one;
+    one.width = 288;
+    one.height = 160;
+    one.vx = -3;
+    one.vy = 2;
+    one.discs.push_back(MovingDisc{50, 84, 35, 60, -6, 5});
+    MovingScene two = one;
+    two.height = 192;
+    two.discs = {MovingDisc{40, 50, 22, 50, 4, 5}, MovingDisc{240, 140, 22, -45, -10, 9}};
+
+    for (const auto& [scene, share] : {std::pair{one, 0.9}, std::pair{two, 0.8}}) {
+        const Shot shot(scene, 3);
+        const RawVectors motion = shot.motion(1);
+        MotionEstimateSettings plain;
+        plain.largeDisplacements = false;
+        const RawVectors plainMotion = shot.motion(1, plain);
+        for (int k = 0; k < int(scene.discs.size()); ++k) {
+            const MovingDisc& disc = scene.discs[k];
+            const auto onDisc = [&](int i, int j) { return DiscAt(scene, 1, i, j) == k; };
+            EXPECT_GE(ShareNear(motion, disc.vx, disc.vy, 2.0, onDisc), share) << "disc " << k;
+            // A case the plain flow gets wrong.
+            EXPECT_LT(ShareNear(plainMotion, disc.vx, disc.vy, 2.0, onDisc), 0.5) << "disc " << k;
+        }
+        const auto background = [&](int i, int j) {
+            return DiscAt(scene, 1, i, j) < 0 && DistanceToOutline(scene, 1, i, j) > 3;
+        };
+        EXPECT_GT(ShareNear(motion, scene.vx, scene.vy, 0.5, background), 0.95);
+    }
+}
+
+TEST(MotionEstimate, UpThePictureIsPositiveDyAndRowsRunBottomUp) {
+    // A disc low in the picture (rows counted from the bottom) moving up.
+    MovingScene scene;
+    scene.width = 128;
+    scene.height = 128;
+    scene.discs.push_back(MovingDisc{64, 32, 20, 0, 4, 3});
+    const RawVectors motion = Shot(scene, 3).motion(1);
+    const auto near = [](double x, double y) {
+        return [=](int i, int j) { return std::hypot(i + 0.5 - x, j + 0.5 - y) < 12; };
+    };
+    EXPECT_GT(ShareNear(motion, 0, 4, 0.5, near(64, 36)), 0.95);
+    EXPECT_GT(ShareNear(motion, 0, 0, 0.5, near(64, 92)), 0.95);
+}
+
+TEST(MotionEstimate, EndsOfASequenceAreOneSided) {
+    // The background moves by (2, 0) from frame 0 to 1 and by (4, -1) from 1 to 2.
+    MovingScene scene;
+    scene.width = 128;
+    scene.height = 96;
+    scene.vx = 1;
+    scene.vy = 0.5;
+    scene.ax = 2;
+    scene.ay = -1;
+    const Shot shot(scene, 3);
+    const auto inside = [&](int i, int j) { return i >= 6 && j >= 6 && i < 122 && j < 90; };
+    const double expected[3][2] = {{2, 0}, {3, -0.5}, {4, -1}};
+    MotionSequence sequence(0, 2, [&](int t, HostPixels& pixels, std::string&) {
+        pixels = shot.frames[t];
+        return true;
+    });
+    for (int t = 0; t < 3; ++t) {
+        RawVectors motion;
+        std::string error;
+        ASSERT_TRUE(sequence.motionAt(t, motion, error)) << error;
+        EXPECT_EQ(ShareNear(motion, expected[t][0], expected[t][1], 0.25, inside), 1.0) << "frame " << t;
+        EXPECT_EQ(ShareNear(shot.motion(t), expected[t][0], expected[t][1], 0.25, inside), 1.0)
+            << "frame " << t;
+    }
+}
+
+TEST(MotionSequence, SharesPairsAndMatchesSingleFrames) {
+    MovingScene scene;
+    scene.width = 96;
+    scene.height = 64;
+    scene.vx = 1.5;
+    scene.discs.push_back(MovingDisc{30, 30, 12, 20, 2, 4});
+    const Shot shot(scene, 4);
+    std::map<int, int> reads;
+    MotionSequence sequence(10, 13, [&](int frame, HostPixels& pixels, std::string&) {
+        ++reads[frame];
+        pixels = shot.frames[frame - 10];
+        return true;
+    });
+    for (int t = 0; t < 4; ++t) {
+        RawVectors fromSequence;
+        std::string error;
+        ASSERT_TRUE(sequence.motionAt(10 + t, fromSequence, error)) << error;
+        const RawVectors single = shot.motion(t);
+        EXPECT_EQ(fromSequence.dx, single.dx) << "frame " << t;
+        EXPECT_EQ(fromSequence.dy, single.dy) << "frame " << t;
+        EXPECT_EQ(fromSequence.known, single.known) << "frame " << t;
+    }
+    // In order, each frame is read once, so each pair is estimated once.
+    EXPECT_EQ(reads, (std::map<int, int>{{10, 1}, {11, 1}, {12, 1}, {13, 1}}));
+}
+
+TEST(MotionSequence, ErrorsAndOddSizes) {
+    RawVectors motion;
+    std::string error;
+    MovingScene scene;
+    scene.width = 40;
+    scene.height = 30;
+    const HostPixels a = RenderScene(scene, 0);
+    scene.height = 31;
+    const HostPixels b = RenderScene(scene, 1);
+
+    EXPECT_FALSE(estimateMotion(&a, b, nullptr, {}, motion, error));
+    EXPECT_NE(error.find("40x30"), std::string::npos) << error;
+    HostPixels truncated = a;
+    truncated.data.resize(truncated.data.size() - 1);
+    EXPECT_FALSE(estimateMotion(&a, truncated, nullptr, {}, motion, error));
+    EXPECT_EQ(error, "the frame holds fewer pixels than its size, 40x30");
+    EXPECT_FALSE(estimateMotion(nullptr, HostPixels(), nullptr, {}, motion, error));
+    EXPECT_EQ(error, "the frame is empty (0x0)");
+
+    MotionSequence sequence(1, 3, [&](int frame, HostPixels& pixels, std::string& why) {
+        if (frame == 3) {
+            why = "shot.0003.exr: no such file";
+            return false;
+        }
+        pixels = frame == 1 ? a : b;
+        return true;
+    });
+    EXPECT_FALSE(sequence.motionAt(1, motion, error));
+    EXPECT_EQ(error, "frame 2 is 40x31 but frame 1 is 40x30");
+    EXPECT_FALSE(sequence.motionAt(3, motion, error));
+    EXPECT_EQ(error, "shot.0003.exr: no such file");
+    EXPECT_FALSE(sequence.motionAt(4, motion, error));
+    EXPECT_EQ(error, "frame 4 is outside the sequence 1-3");
+
+    // One picture shows no motion: all holes.
+    ASSERT_TRUE(estimateMotion(nullptr, a, nullptr, {}, motion, error)) << error;
+    EXPECT_EQ(ShareOfHoles(motion, [](int, int) { return true; }), 1.0);
+
+    // Pictures smaller than the flow's patches still give a field of their size.
+    for (const auto& size : {std::pair<int, int>{1, 1}, {7, 3}, {200, 2}}) {
+        scene.width = size.first;
+        scene.height = size.second;
+        const HostPixels p = RenderScene(scene, 0), q = RenderScene(scene, 1);
+        ASSERT_TRUE(estimateMotion(&p, q, &p, {}, motion, error)) << error;
+        EXPECT_EQ(motion.width, size.first);
+        EXPECT_EQ(motion.height, size.second);
+        EXPECT_EQ(motion.dx.size(), motion.size());
+    }
+}
+
+}  // namespace
