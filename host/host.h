@@ -31,6 +31,9 @@ struct HostConfig {
     unsigned int numCPUs = 0;                 // multiThreadNumCPUs; 0 asks the machine
     // multiThread runs share 0 on the calling thread; false spawns all n.
     bool callerRunsShareZero = true;
+    // multiThread runs its shares on at most this many threads, each taking
+    // them in turn; 0: a thread for every share.
+    unsigned int threadLimit = 0;
     bool background = true;          // kOfxImageEffectHostPropIsBackground
     bool multipleClipDepths = true;  // kOfxImageEffectPropSupportsMultipleClipDepths
 };
