@@ -149,6 +149,69 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
     }
 }
 
+namespace {
+
+// The Output and the Source after one frame, every component in order: a
+// pattern with holes in the vectors and motion that varies by row, a Source
+// and an Output un-premultiplied (so both are converted in place), and the
+// images relaid out by `relayout` before the render. A negative amount runs
+// in demo mode, so the blend and the demo mark run too.
+std::vector<double> renderedPattern(const char* depth, OfxRectI bounds, double amount,
+                                    const std::function<void(Rig&)>& relayout) {
+    setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
+    Rig rig({}, depth, bounds);
+    rig.e->param("valMBAmount")->setValue(amount);
+    const double top = white(depth);
+    for (int y = bounds.y1; y < bounds.y2; ++y)
+        for (int x = bounds.x1; x < bounds.x2; ++x) {
+            const double a = ((x * 7 + y * 3) % 5 + 1) / 5.0;
+            for (int c = 0; c < 3; ++c)
+                setComponent(*rig.source, x, y, c, ((x * (c + 2) + y * 5) % 17) / 16.0 * top);
+            setComponent(*rig.source, x, y, 3, a * top);
+            setComponent(*rig.vectors, x, y, 0, vectorCode(depth, 0.75));
+            setComponent(*rig.vectors, x, y, 1, vectorCode(depth, (y - bounds.y1) / 60.0));
+            setComponent(*rig.vectors, x, y, 3, (x + y) % 9 == 0 ? 0.0 : top);
+        }
+    for (const char* clip : {"Source", "Output"})
+        hand(rig, clip, [](ImageFormat& f) { f.premultiplication = kOfxImageUnPreMultiplied; });
+    relayout(rig);
+    EXPECT_EQ(rig.render().status, kOfxStatOK);
+    unsetenv("TRELVO_DEMO");
+    EXPECT_TRUE(rig.output->guardsIntact());
+    std::vector<double> pixels;
+    for (const auto& image : {rig.output, rig.source})
+        for (int y = bounds.y1; y < bounds.y2; ++y)
+            for (int x = bounds.x1; x < bounds.x2; ++x)
+                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
+    return pixels;
+}
+
+::testing::AssertionResult sameFrames(const std::vector<double>& expected,
+                                      const std::vector<double>& actual) {
+    if (expected.size() != actual.size()) return ::testing::AssertionFailure() << "sizes differ";
+    const size_t half = expected.size() / 2;
+    for (size_t i = 0; i < expected.size(); ++i)
+        if (actual[i] != expected[i])
+            return ::testing::AssertionFailure()
+                   << (i < half ? "Output" : "Source") << " component " << i % half << " is " << actual[i]
+                   << ", not " << expected[i];
+    return ::testing::AssertionSuccess();
+}
+
+// Gives each named clip rows `rowBytes` apart, in sparse storage if asked.
+std::function<void(Rig&)> rowsApart(const std::string& clips, int rowBytes, bool sparse) {
+    return [clips, rowBytes, sparse](Rig& rig) {
+        for (const char* clip : {"Source", "Motion Vectors", "Output"})
+            if (clips.find(clip) != std::string::npos)
+                hand(rig, clip, [&](ImageFormat& f) {
+                    f.rowBytes = rowBytes;
+                    f.sparse = sparse;
+                });
+    };
+}
+
+}  // namespace
+
 // Negative row bytes store the rows top-down from the bottom row at data, as
 // OFX allows: the frame comes out as from rows stored bottom-up, bit for bit,
 // through the premultiplication in place, the blur, the blend of a negative
@@ -157,48 +220,33 @@ TEST(RenderHostile, RowsStoredTopDownRenderAsRowsStoredBottomUp) {
     const OfxRectI bounds = {-3, 2, 37, 43};
     for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat}) {
         for (double amount : {1.5, -1.0}) {
+            const std::vector<double> plain = renderedPattern(depth, bounds, amount, [](Rig&) {});
             for (const char* topDown : {"Source Motion Vectors Output", "Source", "Output"}) {
                 SCOPED_TRACE(testing::Message()
                              << depth << ", amount " << amount << ", top-down: " << topDown);
-                setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
-                // The Output and the Source after the frame, every component in order.
-                auto frame = [&](bool reverse) {
-                    Rig rig({}, depth, bounds);
-                    rig.e->param("valMBAmount")->setValue(amount);
-                    const double top = white(depth);
-                    for (int y = bounds.y1; y < bounds.y2; ++y)
-                        for (int x = bounds.x1; x < bounds.x2; ++x) {
-                            const double a = ((x * 7 + y * 3) % 5 + 1) / 5.0;
-                            for (int c = 0; c < 3; ++c)
-                                setComponent(*rig.source, x, y, c, ((x * (c + 2) + y * 5) % 17) / 16.0 * top);
-                            setComponent(*rig.source, x, y, 3, a * top);
-                            setComponent(*rig.vectors, x, y, 0, vectorCode(depth, 0.75));
-                            setComponent(*rig.vectors, x, y, 1, vectorCode(depth, (y - bounds.y1) / 60.0));
-                            setComponent(*rig.vectors, x, y, 3, (x + y) % 9 == 0 ? 0.0 : top);
-                        }
-                    for (const char* clip : {"Source", "Output"})
-                        hand(rig, clip,
-                             [](ImageFormat& f) { f.premultiplication = kOfxImageUnPreMultiplied; });
-                    for (const char* clip : {"Source", "Motion Vectors", "Output"})
-                        if (reverse && std::string(topDown).find(clip) != std::string::npos)
-                            hand(rig, clip,
-                                 [](ImageFormat& f) { f.rowBytes = -(ImageBuffer(f).rowBytes() + 12); });
-                    EXPECT_EQ(rig.render().status, kOfxStatOK);
-                    EXPECT_TRUE(rig.output->guardsIntact());
-                    std::vector<double> pixels;
-                    for (const auto& image : {rig.output, rig.source})
-                        for (int y = bounds.y1; y < bounds.y2; ++y)
-                            for (int x = bounds.x1; x < bounds.x2; ++x)
-                                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
-                    return pixels;
-                };
-                const std::vector<double> plain = frame(false);
-                const std::vector<double> reversed = frame(true);
-                unsetenv("TRELVO_DEMO");
-                ASSERT_EQ(plain.size(), reversed.size());
-                for (size_t i = 0; i < plain.size(); ++i)
-                    ASSERT_EQ(reversed[i], plain[i]) << (i < plain.size() / 2 ? "Output" : "Source")
-                                                     << " component " << i % (plain.size() / 2);
+                const int rowBytes = -(40 * 4 * ofxhost::bytesPerComponent(depth) + 12);
+                EXPECT_TRUE(sameFrames(
+                    plain, renderedPattern(depth, bounds, amount, rowsApart(topDown, rowBytes, false))));
+            }
+        }
+    }
+}
+
+// Rows so far apart that the frame spans more than 2^31 bytes: 40 rows 64 MiB
+// apart, either way, and 3 rows 2^31 bytes apart top-down. In sparse storage
+// only the pages the frame touches cost memory.
+TEST(RenderHostile, FramesPastTwoGigabytesRenderAsPackedFrames) {
+    const OfxRectI tall = {0, 0, 32, 40};
+    const OfxRectI low = {0, 0, 32, 3};
+    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthFloat}) {
+        for (double amount : {1.5, -1.0}) {
+            for (auto [bounds, rowBytes] : {std::pair{tall, 1 << 26}, {tall, -(1 << 26)}, {low, INT_MIN}}) {
+                SCOPED_TRACE(testing::Message()
+                             << depth << ", amount " << amount << ", rows " << rowBytes << " bytes apart");
+                const std::vector<double> packed = renderedPattern(depth, bounds, amount, [](Rig&) {});
+                EXPECT_TRUE(sameFrames(
+                    packed, renderedPattern(depth, bounds, amount,
+                                            rowsApart("Source Motion Vectors Output", rowBytes, true))));
             }
         }
     }
