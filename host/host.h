@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -22,6 +23,14 @@
 #include "property_set.h"
 
 namespace ofxhost {
+
+struct Message {
+    void* handle;
+    std::string type;
+    std::string id;
+    std::string text;    // the format expanded with its arguments
+    std::string format;  // as the plug-in passed it
+};
 
 struct HostConfig {
     std::string name = "com.corvane.trelvo-render";
@@ -36,6 +45,9 @@ struct HostConfig {
     unsigned int threadLimit = 0;
     bool background = true;          // kOfxImageEffectHostPropIsBackground
     bool multipleClipDepths = true;  // kOfxImageEffectPropSupportsMultipleClipDepths
+    // Called for every message on the plug-in's thread once it is logged: a
+    // host that waits for its user to answer a message holds the thread here.
+    std::function<void(const Message&)> onMessage;
 };
 
 // The answer of the image-effect suite's abort: never, always, from the
@@ -85,14 +97,6 @@ class MemoryLedger {
     std::unordered_map<void*, size_t> live_;
     Counts counts_;
     int64_t failAfter_ = -1;
-};
-
-struct Message {
-    void* handle;
-    std::string type;
-    std::string id;
-    std::string text;    // the format expanded with its arguments
-    std::string format;  // as the plug-in passed it
 };
 
 class MessageLog {

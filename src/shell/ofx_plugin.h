@@ -3,6 +3,7 @@
 // (messages, error mapping, memory hooks) that the image library needs.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "ofxCore.h"
@@ -36,7 +37,9 @@ extern OfxInteractSuiteV1* gInteractHost;
 extern int32_t gHostSupportsMultipleBitDepths;
 extern int32_t gHostIsBackground;
 extern uint8_t functracker;
-extern uint8_t gWarningBackgroundRenderNoLicense;
+// Set by the first unlicensed frame of a background render, from any render
+// thread; two first frames at once may both warn.
+extern std::atomic<uint8_t> gWarningBackgroundRenderNoLicense;
 extern ofxHost QVOfxHost;
 
 extern OfxPlugin pluginRecord;

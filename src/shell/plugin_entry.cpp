@@ -22,7 +22,7 @@ OfxInteractSuiteV1* gInteractHost = nullptr;
 int32_t gHostSupportsMultipleBitDepths = 1;
 int32_t gHostIsBackground = 0;
 uint8_t functracker = 0;
-uint8_t gWarningBackgroundRenderNoLicense = 0;
+std::atomic<uint8_t> gWarningBackgroundRenderNoLicense{0};
 ofxHost QVOfxHost = {nullptr, nullptr};
 
 namespace {

@@ -211,10 +211,11 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
                     int64_t stamp = 0;
                     if (!TrelvoLicenceGranted()) {
                         stamp = 1;
-                        if (gHostIsBackground && !gWarningBackgroundRenderNoLicense) {
+                        if (gHostIsBackground &&
+                            !gWarningBackgroundRenderNoLicense.load(std::memory_order_relaxed)) {
                             qvofx_warning(instance, &QVOfxHost, 0, true, "render()",
                                           "Did not find a valid license for TrelvoVectors.");
-                            gWarningBackgroundRenderNoLicense = 1;
+                            gWarningBackgroundRenderNoLicense.store(1, std::memory_order_relaxed);
                         }
                     }
 

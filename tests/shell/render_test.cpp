@@ -3,11 +3,15 @@
 // host, render scale, host memory and images after each frame, the demo
 // warning, and whole frames in each depth against images derived here from
 // the walk rules of the blur, not from the engine's code.
+#include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "render_rig.h"
@@ -271,4 +275,43 @@ TEST(Render, DemoModeWarnsOnceInABackgroundRender) {
                       std::string::npos);
         }
     }
+}
+
+// The first two frames of a background demo render, on two host threads at
+// once: the warning flag is shared between them without a race, and one or
+// both may warn. The host holds each warning until both frames have warned,
+// so both read the flag before either sets it (a thread sanitizer then sees
+// the two writes race on a plain flag).
+TEST(Render, TwoFirstFramesAtOnceShareTheWarningFlag) {
+    setenv("TRELVO_DEMO", "1", 1);
+    std::mutex mutex;
+    std::condition_variable bothWarned;
+    int warned = 0;
+    HostConfig config;
+    config.onMessage = [&](const ofxhost::Message&) {
+        std::unique_lock lock(mutex);
+        if (++warned == 2) bothWarned.notify_all();
+        // Not for ever: a flag that lets only one frame warn is right too.
+        bothWarned.wait_for(lock, std::chrono::seconds(2), [&] { return warned >= 2; });
+    };
+    Rig rig(config);
+    // Each frame its own Output, so the two renders write apart.
+    const std::shared_ptr<ImageBuffer> outputs[2] = {makeImage({0, 0, 24, 4}, kOfxBitDepthByte),
+                                                     makeImage({0, 0, 24, 4}, kOfxBitDepthByte)};
+    rig.e->clip("Output")->setImageSource([outputs](OfxTime t) { return outputs[t == 0.0 ? 0 : 1]; });
+    OfxStatus statuses[2] = {kOfxStatFailed, kOfxStatFailed};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i)
+        threads.emplace_back([&, i] {
+            ofxhost::RenderArgs args;
+            args.time = i;
+            statuses[i] = rig.s.plugin().render(args).status;
+        });
+    for (std::thread& t : threads) t.join();
+    unsetenv("TRELVO_DEMO");
+    EXPECT_EQ(statuses[0], kOfxStatOK);
+    EXPECT_EQ(statuses[1], kOfxStatOK);
+    const size_t warnings = rig.s.host().messages().all().size();
+    EXPECT_TRUE(warnings == 1 || warnings == 2) << warnings << " warnings";
+    EXPECT_EQ(outputs[0]->bytes(), outputs[1]->bytes()) << "the same frame";
 }
