@@ -68,7 +68,8 @@ class ImageBuffer {
     int bytesPerComponent() const;
     int pixelBytes() const;
     int rowBytes() const;  // as stated, so negative for rows stored top-down
-    // Bytes from the lowest row's first byte to the end of the highest row's pixels.
+    // Bytes from the first byte of the lowest row in memory to the end of the
+    // highest: its padding included, or its pixels where rows overlap.
     size_t spanBytes() const;
     // The bottom row; never null (an empty image still has one byte), so that
     // only ImageFormat::nullData gives the plug-in a null pointer.

@@ -2,6 +2,7 @@
 // actions that the shell answers itself: Describe, Load, Unload, DestroyInstance.
 #include <cxxabi.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -171,7 +172,8 @@ OfxStatus Load() {
     if (hostIsNuke() && gThreadHost && gThreadHost->multiThreadNumCPUs) {
         unsigned int cpus = 0;  // 0 leaves the thread layer to count for itself
         gThreadHost->multiThreadNumCPUs(&cpus);
-        setThreadCount(static_cast<int32_t>(cpus));
+        // Clamped to the thread layer's slots there; kept from turning negative here.
+        setThreadCount(static_cast<int32_t>(cpus > INT32_MAX ? INT32_MAX : cpus));
     }
     return status;
 }

@@ -233,15 +233,17 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
 }
 
 TEST_F(ShellEntry, AProcessorCountBeyondThePoolIsClampedAndForgottenAtUnload) {
-    HostConfig nuke = named("uk.co.thefoundry.nuke");
-    nuke.numCPUs = 2000;
-    startHost(nuke);
-    ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
-    EXPECT_EQ(kqmp_maxthreads(), 1024) << "the pool has 1024 slots";
-    EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+    for (unsigned int cpus : {2000u, 4294967295u}) {
+        HostConfig nuke = named("uk.co.thefoundry.nuke");
+        nuke.numCPUs = cpus;
+        startHost(nuke);
+        ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+        EXPECT_EQ(kqmp_maxthreads(), 1024) << cpus << " processors: the pool has 1024 slots";
+        EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+        host_.reset();
+    }
 
     // The next Load, on a host that names no processor count, counts for itself.
-    host_.reset();
     startHost(named("com.example.host"));
     ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
     EXPECT_EQ(kqmp_maxthreads(), std::min<int32_t>(1024, std::max<int32_t>(1, kqmp_numcpus())));
