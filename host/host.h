@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -23,6 +24,14 @@
 
 namespace ofxhost {
 
+struct Message {
+    void* handle;
+    std::string type;
+    std::string id;
+    std::string text;    // the format expanded with its arguments
+    std::string format;  // as the plug-in passed it
+};
+
 struct HostConfig {
     std::string name = "com.corvane.trelvo-render";
     std::string label = "trelvo-render";
@@ -31,8 +40,14 @@ struct HostConfig {
     unsigned int numCPUs = 0;                 // multiThreadNumCPUs; 0 asks the machine
     // multiThread runs share 0 on the calling thread; false spawns all n.
     bool callerRunsShareZero = true;
+    // multiThread runs its shares on at most this many threads, each taking
+    // them in turn; 0: a thread for every share.
+    unsigned int threadLimit = 0;
     bool background = true;          // kOfxImageEffectHostPropIsBackground
     bool multipleClipDepths = true;  // kOfxImageEffectPropSupportsMultipleClipDepths
+    // Called for every message on the plug-in's thread once it is logged: a
+    // host that waits for its user to answer a message holds the thread here.
+    std::function<void(const Message&)> onMessage;
 };
 
 // The answer of the image-effect suite's abort: never, always, from the
@@ -82,14 +97,6 @@ class MemoryLedger {
     std::unordered_map<void*, size_t> live_;
     Counts counts_;
     int64_t failAfter_ = -1;
-};
-
-struct Message {
-    void* handle;
-    std::string type;
-    std::string id;
-    std::string text;    // the format expanded with its arguments
-    std::string format;  // as the plug-in passed it
 };
 
 class MessageLog {

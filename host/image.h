@@ -3,12 +3,17 @@
 // renderer), and clipGetImage wraps it in an Image, a property set under a
 // handle of its own kind, until clipReleaseImage gives it back. Rows are
 // stored bottom-up as OFX has them, so the data pointer is the bottom row.
+// A format can also describe what no well-behaved host hands out (rows
+// top-down or overlapping, properties left unanswered), with guard bytes and
+// guard pages that show a plug-in writing outside the buffer.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -27,9 +32,24 @@ struct ImageFormat {
     double pixelAspect = 1.0;
     std::string field = kOfxImageFieldNone;
     bool nullData = false;  // hand the plug-in a null data pointer
+    // Row bytes as stated to the plug-in, instead of the row's pixels plus
+    // rowPadding: a negative value stores the rows top-down (data still points
+    // at the bottom row, the highest one in memory), one shorter than the
+    // row's pixels makes rows overlap. The buffer spans exactly what the rows
+    // reach.
+    std::optional<int> rowBytes;
+    // Bounds as stated, where they differ from those of the pixels held.
+    std::optional<OfxRectI> statedBounds;
+    std::set<std::string> unanswered;  // image properties left undefined, so a read of them fails
+    size_t guardBytes = 0;             // a known pattern on both sides of the rows; see guardsIntact()
+    // Storage from an anonymous mapping between two inaccessible pages:
+    // untouched pages cost no memory, so a layout may span gigabytes, and an
+    // access far past either end faults at once. bytes() is then empty.
+    bool sparse = false;
 };
 
-// Bytes per component of a depth text: 1, 2 or 4; 4 for a text no host knows.
+// Bytes per component of a depth text: 1 for Byte, 2 for Short and Half, 0 for
+// None, 4 for Float and for a text no host knows.
 int bytesPerComponent(const std::string& depth);
 // Components per pixel: 1 for Alpha, 3 for RGB, 4 otherwise.
 int componentCount(const std::string& components);
@@ -37,6 +57,9 @@ int componentCount(const std::string& components);
 class ImageBuffer {
   public:
     explicit ImageBuffer(ImageFormat format);  // pixels zeroed
+    ~ImageBuffer();
+    ImageBuffer(const ImageBuffer&) = delete;
+    ImageBuffer& operator=(const ImageBuffer&) = delete;
 
     const ImageFormat& format() const { return format_; }
     int width() const;
@@ -44,11 +67,16 @@ class ImageBuffer {
     int components() const;
     int bytesPerComponent() const;
     int pixelBytes() const;
-    int rowBytes() const;
+    int rowBytes() const;  // as stated, so negative for rows stored top-down
+    // Bytes from the first byte of the lowest row in memory to the end of the
+    // highest: its padding included, or its pixels where rows overlap.
+    size_t spanBytes() const;
     // The bottom row; never null (an empty image still has one byte), so that
     // only ImageFormat::nullData gives the plug-in a null pointer.
-    void* data() { return bytes_.data(); }
-    const void* data() const { return bytes_.data(); }
+    void* data();
+    const void* data() const;
+    // Whether the guard bytes on both sides still hold their pattern.
+    bool guardsIntact() const;
     // Component c of the pixel at (x, y) in image coordinates (within bounds).
     void* at(int x, int y, int c = 0);
     const void* at(int x, int y, int c = 0) const;
@@ -60,12 +88,20 @@ class ImageBuffer {
     const T& value(int x, int y, int c) const {
         return *static_cast<const T*>(at(x, y, c));
     }
+    // The whole storage: the leading guard bytes, the rows as stored, the
+    // trailing guard bytes. Empty for a sparse buffer.
     std::vector<unsigned char>& bytes() { return bytes_; }
     const std::vector<unsigned char>& bytes() const { return bytes_; }
 
   private:
+    unsigned char* storage();
+    const unsigned char* storage() const;
+
     ImageFormat format_;
     std::vector<unsigned char> bytes_;
+    void* mapping_ = nullptr;  // a sparse buffer's mapping, guard pages included
+    size_t mappingBytes_ = 0;
+    size_t storageBytes_ = 0;  // guard bytes, span, guard bytes
 };
 
 // One image handed out: its properties point into the buffer, which it keeps

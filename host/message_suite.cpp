@@ -48,7 +48,8 @@ OfxStatus message(void* handle, const char* type, const char* id, const char* fo
         m.text = formatText(format, args);
         va_end(args);
     }
-    host->messages().add(std::move(m));
+    host->messages().add(m);
+    if (host->config().onMessage) host->config().onMessage(m);
     return kOfxStatOK;
 }
 

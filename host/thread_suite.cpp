@@ -1,6 +1,7 @@
 // The multi-thread suite with real threads. multiThread runs fn(i, n, arg)
 // for every i, share 0 on the calling thread unless the host is set to spawn
-// them all, and returns when all are done. A call from inside a spawned
+// them all, one thread per share unless the host has a thread limit, and
+// returns when all are done. A call from inside a spawned
 // thread runs its shares one after another on that thread instead of
 // spawning again.
 #include <mutex>
@@ -38,20 +39,27 @@ OfxStatus multiThread(OfxThreadFunctionV1 fn, unsigned int count, void* arg) {
         for (unsigned int i = 0; i < count; ++i) runShare(fn, i, count, arg);
         return kOfxStatOK;
     }
+    // Thread t runs shares t, t + threads, ...: one each unless the host is
+    // told to use fewer threads than shares.
+    const unsigned int limit = host->config().threadLimit;
+    const unsigned int threads = limit != 0 && limit < count ? limit : count;
+    auto runShares = [=](unsigned int t) {
+        for (unsigned int i = t; i < count; i += threads) runShare(fn, i, count, arg);
+    };
     unsigned int first = host->config().callerRunsShareZero ? 1 : 0;
-    std::vector<std::thread> threads;
+    std::vector<std::thread> spawned;
     try {
-        for (unsigned int i = first; i < count; ++i)
-            threads.emplace_back([=] {
+        for (unsigned int t = first; t < threads; ++t)
+            spawned.emplace_back([=] {
                 tSpawned = true;
-                runShare(fn, i, count, arg);
+                runShares(t);
             });
     } catch (const std::system_error&) {
-        for (std::thread& t : threads) t.join();
+        for (std::thread& t : spawned) t.join();
         return kOfxStatErrMemory;
     }
-    if (first == 1) runShare(fn, 0, count, arg);
-    for (std::thread& t : threads) t.join();
+    if (first == 1) runShares(0);
+    for (std::thread& t : spawned) t.join();
     return kOfxStatOK;
 }
 

@@ -108,7 +108,7 @@ class BilinearReader {
         // read the first cell, whose neighbour is then itself (right_, down_ 0).
         if (ix < 0) ix = 0;
         if (iy < 0) iy = 0;
-        const uint8_t* p = row0_ + PLMul32(iy, rowStep_) + PLMul32(ix, kPixelBytes);
+        const uint8_t* p = row0_ + PLOffset(iy, rowStep_) + PLOffset(ix, kPixelBytes);
         const uint8_t* q = p + down_;
         const Lanes p0 = LoadLanes<T, C>(p);
         const Lanes q0 = LoadLanes<T, C>(q);
@@ -204,7 +204,7 @@ inline void Walk(const SourceView<T, C>& src, float px, float py, float stepX, f
                 return;
             }
             const uint8_t* at =
-                src.row0 + PLMul32(iy, src.rowStep) + PLMul32(ix, SourceView<T, C>::kPixelBytes);
+                src.row0 + PLOffset(iy, src.rowStep) + PLOffset(ix, SourceView<T, C>::kPixelBytes);
             sums += LoadLanes<T, C>(at);
         }
         count += 1.0f;
@@ -236,7 +236,7 @@ void BlurRows(const BlurCall& call) {
     for (int32_t row = call.first; row <= call.last; ++row, y += 1.0f) {
         if (span > 0)
             rowProgress.ProgressIdle((y - static_cast<float>(call.first)) / static_cast<float>(span));
-        uint8_t* out = call.output->Row(row) + PLMul32(call.x0, call.output->pixelStride);
+        uint8_t* out = call.output->Row(row) + PLOffset(call.x0, call.output->pixelStride);
         const uint8_t* sourceRow = source.Row(row);
         const float fy = y * invY;
         float x = static_cast<float>(call.x0);
@@ -252,7 +252,7 @@ void BlurRows(const BlurCall& call) {
                 still = d2 < 1.0f;
             }
             if (still) {
-                std::memcpy(out, sourceRow + PLMul32(column, kPixelBytes), kPixelBytes);
+                std::memcpy(out, sourceRow + PLOffset(column, kPixelBytes), kPixelBytes);
                 continue;
             }
             const float len = std::sqrt(d2);

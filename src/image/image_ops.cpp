@@ -216,8 +216,8 @@ void ConvertRectRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args
     const int32_t width = *args->next<const int32_t*>();
     const int32_t channels = from->numChannels;
     for (int32_t row = firstRow; row <= lastRow; ++row) {
-        const uint8_t* s = from->Row(fromY + row) + PLMul32(fromX, from->pixelStride);
-        uint8_t* d = to->Row(toY + row) + PLMul32(toX, to->pixelStride);
+        const uint8_t* s = from->Row(fromY + row) + PLOffset(fromX, from->pixelStride);
+        uint8_t* d = to->Row(toY + row) + PLOffset(toX, to->pixelStride);
         for (int32_t x = 0; x < width; ++x, s += from->pixelStride, d += to->pixelStride) {
             for (int32_t c = 0; c < channels; ++c)
                 CopyElement<Write, Read>(d + c * sizeof(Write), s + c * sizeof(Read));
@@ -328,8 +328,8 @@ void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int
             !RectInside(src, srcX, srcY, width, height, length))
             return;
         for (int32_t row = 0; row < height; ++row) {
-            std::memcpy(dst->Row(dstY + row) + PLMul32(dstX, dst->pixelStride),
-                        src->Row(srcY + row) + PLMul32(srcX, src->pixelStride), static_cast<size_t>(length));
+            std::memcpy(dst->Row(dstY + row) + PLOffset(dstX, dst->pixelStride),
+                        src->Row(srcY + row) + PLOffset(srcX, src->pixelStride), static_cast<size_t>(length));
         }
         return;
     }

@@ -4,6 +4,7 @@
 // every conversion that can see such a value goes through these two.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 inline int32_t PLTruncI32(double v) {
@@ -16,8 +17,14 @@ inline int64_t PLTruncI64(double v) {
     return INT64_MIN;
 }
 
-// 32-bit signed product that wraps instead of overflowing, as the row offset
-// arithmetic of the image record is defined in 32 bits.
+// 32-bit signed product that wraps instead of overflowing.
 inline int32_t PLMul32(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
+// Byte offset of a row or a pixel from an index and its step, taken in 64
+// bits: an image may span more than 2^31 bytes from its first row to its last
+// (a 16K float frame does), and a 32-bit product would wrap.
+inline ptrdiff_t PLOffset(int32_t index, int32_t step) {
+    return static_cast<ptrdiff_t>(index) * step;
 }

@@ -155,7 +155,10 @@ void PLImage::Init(bool allocate, int32_t rethrow) {
     pixelStride = PLMul32(bytesPerElement, numChannels);
     if (allocate) {
         try {
-            rowBytes = PLMul32(width, pixelStride);
+            // A row that int32 row bytes cannot state is more than can be had.
+            const int64_t row = static_cast<int64_t>(width) * pixelStride;
+            if (row > INT32_MAX) throw PLErrOutOfMemory;
+            rowBytes = static_cast<int32_t>(row);
             int64_t size = static_cast<int64_t>(rowBytes) * static_cast<int64_t>(height);
             // The 8-byte reader of PLPixelLong runs 4 bytes past its element; pad
             // the block so that the last element stays inside what we own.
@@ -191,7 +194,7 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
     const uint8_t* row = Row(y);
     switch (pixelType) {
         case PLPixelUChar: {
-            const uint8_t* p = row + PLMul32(x, numChannels);
+            const uint8_t* p = row + PLOffset(x, numChannels);
             for (int32_t c = 0; c < numChannels; ++c) out[c] = static_cast<float>(p[c]);
             break;
         }
@@ -199,7 +202,7 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
         case PLPixelFloat: {
             // The float branch has always read the row as 16-bit elements, like
             // the ushort branch; float images are scaled by a worker of their own.
-            const uint8_t* p = row + PLMul32(PLMul32(x, numChannels), 2);
+            const uint8_t* p = row + PLOffset(x, numChannels) * 2;
             for (int32_t c = 0; c < numChannels; ++c)
                 out[c] = static_cast<float>(PLLoadElement<uint16_t>(p + 2 * c));
             break;
@@ -210,7 +213,7 @@ void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
 }
 
 void PLImage::GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const {
-    const uint8_t* p = Row(y) + PLMul32(x, pixelStride) + PLMul32(channel, bytesPerElement);
+    const uint8_t* p = Row(y) + PLOffset(x, pixelStride) + PLOffset(channel, bytesPerElement);
     if (pixelType == PLPixelFloat)
         *out = PLLoadElement<float>(p);
     else if (elementToFloat)  // null for an unknown type: read nothing rather than jump to null
@@ -218,7 +221,7 @@ void PLImage::GetChannel(int32_t x, int32_t y, float* out, int32_t channel) cons
 }
 
 void PLImage::SetPixel(int32_t x, int32_t y, const float* in) {
-    uint8_t* p = Row(y) + PLMul32(x, pixelStride);
+    uint8_t* p = Row(y) + PLOffset(x, pixelStride);
     if (pixelType == PLPixelFloat) {
         std::memcpy(p, in, static_cast<size_t>(numChannels) * 4);
         return;

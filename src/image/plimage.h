@@ -33,21 +33,22 @@ PLElementReader PLElementReaderFor(int32_t pixelType);  // null above 8
 void PLFloatToElement(int32_t pixelType, void* element, float value);
 
 class PLImage : public QVMem {
-public:
+  public:
     // Allocated pixels, rowBytes = width * pixelStride. Throws on exhaustion.
     PLImage(int32_t width, int32_t height, int32_t numChannels, int32_t pixelType, int32_t flipped);
     // Allocated pixels; throws only if throwOnFailure, else sets errorCode.
     PLImage(bool throwOnFailure, int32_t width, int32_t height, int32_t numChannels, int32_t pixelType,
             int32_t flipped);
     // Outside memory with the owner's row bytes.
-    PLImage(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t numChannels, int32_t pixelType,
-            int32_t flipped);
-    PLImage(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t numChannels,
+    PLImage(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t numChannels,
             int32_t pixelType, int32_t flipped);
+    PLImage(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t rowBytes,
+            int32_t numChannels, int32_t pixelType, int32_t flipped);
     // Outside memory, packed rows.
-    PLImage(void* data, int32_t width, int32_t height, int32_t numChannels, int32_t pixelType, int32_t flipped);
-    PLImage(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t numChannels, int32_t pixelType,
+    PLImage(void* data, int32_t width, int32_t height, int32_t numChannels, int32_t pixelType,
             int32_t flipped);
+    PLImage(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t numChannels,
+            int32_t pixelType, int32_t flipped);
     virtual ~PLImage();
 
     PLImage(const PLImage&) = delete;
@@ -55,18 +56,16 @@ public:
 
     // Rebinds to outside memory and recomputes everything. Neither tests data
     // for null nor frees memory the object owned.
-    void SetData(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t numChannels, int32_t pixelType,
-                 int32_t flipped);
+    void SetData(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t numChannels,
+                 int32_t pixelType, int32_t flipped);
     void Init(bool allocate, int32_t rethrow);
 
     void GetPixel(int32_t x, int32_t y, float* out) const;
     void GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const;
     void SetPixel(int32_t x, int32_t y, const float* in);
 
-    // Address of logical row y, honouring flipped; 32-bit offset arithmetic.
-    uint8_t* Row(int32_t y) const {
-        return data + PLMul32(flipped ? lastRow - y : y, rowBytes);
-    }
+    // Address of logical row y, honouring flipped.
+    uint8_t* Row(int32_t y) const { return data + PLOffset(flipped ? lastRow - y : y, rowBytes); }
 
     int32_t numChannels = 0;
     int32_t width = 0;
@@ -87,7 +86,7 @@ public:
     int32_t rowStep = 0;
     PLElementReader elementToFloat = nullptr;
 
-private:
+  private:
     void InitOutside(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t rowBytes,
                      int32_t numChannels, int32_t pixelType, int32_t flipped);
 };

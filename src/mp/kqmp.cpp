@@ -126,16 +126,18 @@ int32_t kqmp_numcpus() {
     return static_cast<int32_t>(sysconf(_SC_NPROCESSORS_ONLN));
 }
 
+// No job may ask for more threads than the pool has slots: it could never run.
 int32_t kqmp_maxthreads() {
     int32_t limit = gThreadLimit.load(std::memory_order_relaxed);
     if (limit == 0) limit = kqmp_numcpus();
     if (limit < 1) limit = 1;
+    if (limit > kqmp_maxslots) limit = kqmp_maxslots;
     gThreadLimit.store(limit, std::memory_order_relaxed);
     return limit;
 }
 
 void setThreadCount(int32_t count) {
-    gThreadLimit.store(count, std::memory_order_relaxed);
+    gThreadLimit.store(count > kqmp_maxslots ? kqmp_maxslots : count, std::memory_order_relaxed);
 }
 
 int32_t kqmp_threadsfor(int32_t rows) {

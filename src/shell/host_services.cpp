@@ -184,6 +184,8 @@ void QVUserFreeFunc(void*, void* block) {
 
 void common_CleanUpQV() {
     kqmp_shutdown();
+    // A thread count the host gave at Load belongs to that load only.
+    setThreadCount(0);
     setMemoryHooks(nullptr, nullptr, nullptr);
 }
 

@@ -3,6 +3,7 @@
 // (messages, error mapping, memory hooks) that the image library needs.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "ofxCore.h"
@@ -36,7 +37,9 @@ extern OfxInteractSuiteV1* gInteractHost;
 extern int32_t gHostSupportsMultipleBitDepths;
 extern int32_t gHostIsBackground;
 extern uint8_t functracker;
-extern uint8_t gWarningBackgroundRenderNoLicense;
+// Set by the first unlicensed frame of a background render, from any render
+// thread; two first frames at once may both warn.
+extern std::atomic<uint8_t> gWarningBackgroundRenderNoLicense;
 extern ofxHost QVOfxHost;
 
 extern OfxPlugin pluginRecord;
@@ -58,31 +61,36 @@ OfxStatus createInstance(OfxImageEffectHandle effect);
 bool IsGeneralEffect(OfxImageEffectHandle effect);
 OfxStatus isIdentity(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
 OfxStatus render(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
-OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
+OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs);
 OfxStatus getToxikSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
                              OfxPropertySetHandle outArgs);
-OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
+OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs);
 OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
                              OfxPropertySetHandle outArgs);
-OfxStatus instanceChanged(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
+OfxStatus instanceChanged(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                          OfxPropertySetHandle outArgs);
 OfxStatus getTemporalDomain(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
                             OfxPropertySetHandle outArgs);
-OfxStatus getFramesNeeded(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
-OfxStatus syncPrivatData(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs);
+OfxStatus getFramesNeeded(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                          OfxPropertySetHandle outArgs);
+OfxStatus syncPrivatData(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                         OfxPropertySetHandle outArgs);
 
 // Error mapping between the library and OFX. The two are not inverses.
 OfxStatus ConvertPLErrToOFXErr(PLErr err);
 PLErr ConvertOFXErrToPLErr(int status);
 
 // Messages to the user, by host. Only qvofx_error passes on the host's status.
-int qvofx_error(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format, ...)
-    __attribute__((format(printf, 5, 6)));
-void qvofx_fatal(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix, const char* format,
-                 ...) __attribute__((format(printf, 5, 6)));
-void qvofx_message(OfxImageEffectHandle effect, ofxHost* host, int code, const char* prefix, const char* format,
-                   ...) __attribute__((format(printf, 5, 6)));
-void qvofx_log(OfxImageEffectHandle effect, ofxHost* host, int code, const char* prefix, const char* format, ...)
-    __attribute__((format(printf, 5, 6)));
+int qvofx_error(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix,
+                const char* format, ...) __attribute__((format(printf, 5, 6)));
+void qvofx_fatal(OfxImageEffectHandle effect, ofxHost* host, int status, const char* prefix,
+                 const char* format, ...) __attribute__((format(printf, 5, 6)));
+void qvofx_message(OfxImageEffectHandle effect, ofxHost* host, int code, const char* prefix,
+                   const char* format, ...) __attribute__((format(printf, 5, 6)));
+void qvofx_log(OfxImageEffectHandle effect, ofxHost* host, int code, const char* prefix, const char* format,
+               ...) __attribute__((format(printf, 5, 6)));
 void qvofx_warning(OfxImageEffectHandle effect, ofxHost* host, int code, bool important, const char* prefix,
                    const char* format, ...) __attribute__((format(printf, 6, 7)));
 

@@ -1,7 +1,11 @@
 // The exported entry points, the plug-in record, the shell's globals and the
 // actions that the shell answers itself: Describe, Load, Unload, DestroyInstance.
+#include <cxxabi.h>
+
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "kqmp.h"
 #include "licence.h"
@@ -19,7 +23,7 @@ OfxInteractSuiteV1* gInteractHost = nullptr;
 int32_t gHostSupportsMultipleBitDepths = 1;
 int32_t gHostIsBackground = 0;
 uint8_t functracker = 0;
-uint8_t gWarningBackgroundRenderNoLicense = 0;
+std::atomic<uint8_t> gWarningBackgroundRenderNoLicense{0};
 ofxHost QVOfxHost = {nullptr, nullptr};
 
 namespace {
@@ -49,11 +53,33 @@ bool HostThreadRunner(kqmp_threadfunction* fn, unsigned int count, void* arg) {
     return true;
 }
 
-void ExitRoutine() {
-    if (functracker) {
-        common_CleanUpQV();
-        functracker = 0;
+// Runs an action so that no exception crosses into the host: a PLErr becomes
+// its OFX status, exhausted memory kOfxStatErrMemory, anything else a failure.
+// A thread's cancellation is the host's own unwinding and goes on its way.
+template <typename Action>
+OfxStatus Guarded(Action&& action) {
+    try {
+        return action();
+    } catch (PLErr e) {
+        return ConvertPLErrToOFXErr(e);
+    } catch (const std::bad_alloc&) {
+        return kOfxStatErrMemory;
+    } catch (abi::__forced_unwind&) {
+        throw;
+    } catch (...) {
+        return kOfxStatFailed;
     }
+}
+
+// Runs from a static destructor, where an exception would end the process.
+void ExitRoutine() {
+    Guarded([] {
+        if (functracker) {
+            common_CleanUpQV();
+            functracker = 0;
+        }
+        return kOfxStatOK;
+    });
 }
 
 // Before any action: clear the load flag. The destructor makes good, at
@@ -146,7 +172,8 @@ OfxStatus Load() {
     if (hostIsNuke() && gThreadHost && gThreadHost->multiThreadNumCPUs) {
         unsigned int cpus = 0;  // 0 leaves the thread layer to count for itself
         gThreadHost->multiThreadNumCPUs(&cpus);
-        setThreadCount(static_cast<int32_t>(cpus));
+        // Clamped to the thread layer's slots there; kept from turning negative here.
+        setThreadCount(static_cast<int32_t>(cpus > INT32_MAX ? INT32_MAX : cpus));
     }
     return status;
 }
@@ -159,20 +186,28 @@ OfxStatus DestroyInstance() {
 }  // namespace
 
 OfxPlugin pluginRecord = {
-    kOfxImageEffectPluginApi,   // pluginApi
-    1,                          // apiVersion
+    kOfxImageEffectPluginApi,       // pluginApi
+    1,                              // apiVersion
     "com.corvane.Trelvo3_Vectors",  // pluginIdentifier
-    3,                          // pluginVersionMajor
-    31200,                      // pluginVersionMinor: not the same number as the 3.3.12 of the description
+    3,                              // pluginVersionMajor
+    31200,  // pluginVersionMinor: not the same number as the 3.3.12 of the description
     pluginSetHost,
     pluginMainEntry,
 };
 
-bool hostIsNuke(const ofxHost* host) { return HostNameBegins(host, "uk.co.thefoundry.nuke", 20); }
-bool hostIsFusion(const ofxHost* host) { return HostNameBegins(host, "com.eyeonline.Fusion", 18); }
-bool hostIsToxik(const ofxHost* host) { return HostNameBegins(host, "Autodesk Toxik", 13); }
+bool hostIsNuke(const ofxHost* host) {
+    return HostNameBegins(host, "uk.co.thefoundry.nuke", 20);
+}
+bool hostIsFusion(const ofxHost* host) {
+    return HostNameBegins(host, "com.eyeonline.Fusion", 18);
+}
+bool hostIsToxik(const ofxHost* host) {
+    return HostNameBegins(host, "Autodesk Toxik", 13);
+}
 
-void pluginSetHost(OfxHost* host) { gHost = host; }
+void pluginSetHost(OfxHost* host) {
+    gHost = host;
+}
 
 OfxStatus onUnLoad() {
     TrelvoLicenceRelease();
@@ -183,13 +218,16 @@ OfxStatus onUnLoad() {
     return kOfxStatOK;
 }
 
-OfxStatus pluginMainEntry(const char* action, const void* handle, OfxPropertySetHandle inArgs,
-                          OfxPropertySetHandle outArgs) {
+namespace {
+
+OfxStatus Dispatch(const char* action, const void* handle, OfxPropertySetHandle inArgs,
+                   OfxPropertySetHandle outArgs) {
     if (!action) return kOfxStatReplyDefault;
     auto effect = static_cast<OfxImageEffectHandle>(const_cast<void*>(handle));
     // Exact compares (the terminating zero included), in this order; first match wins.
     if (std::strcmp(action, kOfxActionDescribe) == 0) return Describe(effect);
-    if (std::strcmp(action, kOfxImageEffectActionDescribeInContext) == 0) return describeInContext(effect, inArgs);
+    if (std::strcmp(action, kOfxImageEffectActionDescribeInContext) == 0)
+        return describeInContext(effect, inArgs);
     if (std::strcmp(action, kOfxActionLoad) == 0) return Load();
     if (std::strcmp(action, kOfxActionUnload) == 0) return onUnLoad();
     if (std::strcmp(action, kOfxActionCreateInstance) == 0) return createInstance(effect);
@@ -209,4 +247,11 @@ OfxStatus pluginMainEntry(const char* action, const void* handle, OfxPropertySet
         return getFramesNeeded(effect, inArgs, outArgs);
     if (std::strcmp(action, kOfxActionSyncPrivateData) == 0) return syncPrivatData(effect, inArgs, outArgs);
     return kOfxStatReplyDefault;
+}
+
+}  // namespace
+
+OfxStatus pluginMainEntry(const char* action, const void* handle, OfxPropertySetHandle inArgs,
+                          OfxPropertySetHandle outArgs) {
+    return Guarded([&] { return Dispatch(action, handle, inArgs, outArgs); });
 }

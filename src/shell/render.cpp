@@ -1,6 +1,7 @@
 // The render action: carries one frame from the host to the blur engine and
 // back. Most failures do not reach the host as an error: they paint the Output
 // in a fixed colour and report success.
+#include <climits>
 #include <cmath>
 #include <cstring>
 
@@ -14,13 +15,27 @@ namespace {
 
 constexpr const char* kMotionVectorsClip = "Motion Vectors";
 
-int32_t PixelTypeForDepth(const char* depth) {
-    if (depth && std::strcmp(depth, kOfxBitDepthByte) == 0) return 0;
-    if (depth && std::strcmp(depth, kOfxBitDepthShort) == 0) return 1;
-    return 2;  // float, also for an unknown depth
+bool IsText(const char* value, const char* expected) {
+    return value && std::strcmp(value, expected) == 0;
 }
 
-bool IsText(const char* value, const char* expected) { return value && std::strcmp(value, expected) == 0; }
+// The element type of a depth the plug-in declares; -1 for any other (half,
+// none, unanswered): its element size is unknown, so its pixels are never
+// read or written.
+int32_t PixelTypeForDepth(const char* depth) {
+    if (IsText(depth, kOfxBitDepthByte)) return PLPixelUChar;
+    if (IsText(depth, kOfxBitDepthShort)) return PLPixelUShort;
+    if (IsText(depth, kOfxBitDepthFloat)) return PLPixelFloat;
+    return -1;
+}
+
+// Channels of a components text; 0 for one unanswered or unknown.
+int32_t ChannelsForComponents(const char* components) {
+    if (IsText(components, kOfxImageComponentRGBA)) return 4;
+    if (IsText(components, kOfxImageComponentRGB)) return 3;
+    if (IsText(components, kOfxImageComponentAlpha)) return 1;
+    return 0;
+}
 
 // A host image as the render reads it.
 struct HostImage {
@@ -42,9 +57,32 @@ void ReadPixels(OfxPropertySetHandle image, HostImage& out) {
     gPropHost->propGetPointer(image, kOfxImagePropData, 0, &out.data);
 }
 
-PLErr Wrap(QVImage& wrapper, const HostImage& image) {
-    return wrapper.wrapHostPixels(image.data, image.bounds[2] - image.bounds[0], image.bounds[3] - image.bounds[1],
-                                  image.rowBytes, 1, PixelTypeForDepth(image.depth));
+// Wraps the host's pixels with as many channels as its components name, or
+// refuses (false, the wrapper left empty) an image that nothing may be read
+// from or written to: components or depth unknown, bounds of negative or
+// absurd size, rows too short for their pixels. Negative row bytes, rows
+// stored top-down from the bottom row at data, go through as the host states
+// them: every row is addressed from data by its signed row step.
+bool Wrap(QVImage& wrapper, const HostImage& image) {
+    const int32_t pixelType = PixelTypeForDepth(image.depth);
+    const int32_t channels = ChannelsForComponents(image.components);
+    if (pixelType < 0 || channels == 0) return false;
+    const int64_t width = static_cast<int64_t>(image.bounds[2]) - image.bounds[0];
+    const int64_t height = static_cast<int64_t>(image.bounds[3]) - image.bounds[1];
+    if (width < 0 || width > INT32_MAX || height < 0 || height > INT32_MAX) return false;
+    const int64_t rowLength = image.rowBytes < 0 ? -static_cast<int64_t>(image.rowBytes) : image.rowBytes;
+    if (width > 0 && height > 0 && rowLength < width * channels * PLElementSize(pixelType)) return false;
+
+    const auto w = static_cast<int32_t>(width);
+    const auto h = static_cast<int32_t>(height);
+    PLErr err = PLErrFailed;
+    if (channels == 4)
+        err = wrapper.wrapHostPixels(image.data, w, h, image.rowBytes, 1, pixelType);
+    else if (channels == 3)
+        err = wrapper.wrapThreeChannels(image.data, w, h, image.rowBytes, 1, pixelType);
+    else
+        err = wrapper.wrapOneChannel(image.data, w, h, image.rowBytes, 1, pixelType);
+    return err == PLErrNone;
 }
 
 double ParamAtTime(OfxImageEffectHandle instance, const char* name, OfxTime time, double value) {
@@ -111,7 +149,8 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
         }
         if (outputImage && out.data) {
             if (progress.Aborted()) throw PLErrAborted;
-            Wrap(output, out);
+            // An Output it cannot lay out is left as the host gave it.
+            if (!Wrap(output, out)) throw PLErrFailed;
 
             double range[2] = {0.0, 0.0};
             OfxImageClipHandle sourceClip = nullptr;
@@ -144,13 +183,14 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
             if (!sourceImage) fail(PLErrFailed);
             HostImage src;
             ReadLayout(sourceImage, src);
-            if (IsText(src.components, kOfxImageComponentAlpha)) fail(PLErrFailed);
+            // Anything but RGBA is refused, alpha alone included.
+            if (ChannelsForComponents(src.components) != 4) fail(PLErrFailed);
             ReadPixels(sourceImage, src);
             if (!src.data) fail(PLErrFailed);
             {
                 QVImage source;
                 if (source.allocateInternal() != PLErrNone) fail(PLErrOutOfMemory);
-                Wrap(source, src);
+                if (!Wrap(source, src)) fail(PLErrFailed);
                 // Premultiplied in the host's own buffer, which stays changed.
                 if (!hostIsNuke() && IsUnpremultiplied(sourceImage)) source.convertAlpha(2);
 
@@ -160,27 +200,29 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
                 if (!vectorsImage) fail(PLErrNoFrame);
                 HostImage vec;
                 ReadLayout(vectorsImage, vec);
-                if (IsText(vec.components, kOfxImageComponentAlpha)) fail(PLErrFailed);
+                if (ChannelsForComponents(vec.components) != 4) fail(PLErrFailed);
                 ReadPixels(vectorsImage, vec);
                 if (!vec.data) fail(PLErrFailed);
                 {
                     QVImage vectors;
                     if (vectors.allocateInternal() != PLErrNone) fail(PLErrOutOfMemory);
-                    Wrap(vectors, vec);
+                    if (!Wrap(vectors, vec)) fail(PLErrFailed);
 
                     int64_t stamp = 0;
                     if (!TrelvoLicenceGranted()) {
                         stamp = 1;
-                        if (gHostIsBackground && !gWarningBackgroundRenderNoLicense) {
+                        if (gHostIsBackground &&
+                            !gWarningBackgroundRenderNoLicense.load(std::memory_order_relaxed)) {
                             qvofx_warning(instance, &QVOfxHost, 0, true, "render()",
                                           "Did not find a valid license for TrelvoVectors.");
-                            gWarningBackgroundRenderNoLicense = 1;
+                            gWarningBackgroundRenderNoLicense.store(1, std::memory_order_relaxed);
                         }
                     }
 
-                    const int32_t err = TrelvoVectorsBlur(
-                        &output, &source, &vectors, 1, stamp, &progress, static_cast<float>(amount),
-                        static_cast<float>(maxDisplace), static_cast<float>(scaleX), static_cast<float>(scaleY));
+                    const int32_t err =
+                        TrelvoVectorsBlur(&output, &source, &vectors, 1, stamp, &progress,
+                                          static_cast<float>(amount), static_cast<float>(maxDisplace),
+                                          static_cast<float>(scaleX), static_cast<float>(scaleY));
                     if (err != PLErrNone) fail(static_cast<PLErr>(err));
 
                     if (!hostIsNuke() && IsUnpremultiplied(outputImage)) {

@@ -38,7 +38,7 @@ void LoadRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args)
         const uint8_t* m = mask->Row(y);
         for (int32_t x = 0; x < values->width; ++x) {
             const size_t e = static_cast<size_t>(x) * sizeof(float);
-            if (PLLoadElement<M>(m + PLMul32(x, mask->pixelStride)) == 0) {
+            if (PLLoadElement<M>(m + PLOffset(x, mask->pixelStride)) == 0) {
                 PLStoreElement<float>(w + e, 1.0f);
             } else {
                 PLStoreElement<float>(w + e, 0.0f);
@@ -104,8 +104,8 @@ void CopyConvertingRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_a
         uint8_t* out = dst->Row(y) + static_cast<size_t>(dstChannel) * sizeof(D);
         const uint8_t* in = src->Row(y) + static_cast<size_t>(srcChannel) * sizeof(S);
         for (int32_t x = 0; x < dst->width; ++x) {
-            uint8_t* o = out + PLMul32(x, dst->pixelStride);
-            const uint8_t* i = in + PLMul32(x, src->pixelStride);
+            uint8_t* o = out + PLOffset(x, dst->pixelStride);
+            const uint8_t* i = in + PLOffset(x, src->pixelStride);
             if constexpr (std::is_same_v<D, S>) {
                 PLStoreElement<D>(o, PLLoadElement<S>(i));
             } else if constexpr (std::is_same_v<D, float>) {

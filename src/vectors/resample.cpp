@@ -140,13 +140,13 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
     const size_t offset = static_cast<size_t>(channel) * sizeof(T);
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
     auto along = [image, pixel](int32_t i) -> ptrdiff_t {
-        return Columns ? PLMul32(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+        return Columns ? PLOffset(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
     };
     for (int32_t line = firstLine; line <= lastLine;) {
         const int32_t remaining = lastLine - line + 1;
         const int32_t lanes = !Columns ? 1 : remaining < kColumnLanes ? remaining : kColumnLanes;
         uint8_t* start =
-            (Columns ? image->Row(0) + PLMul32(line, image->pixelStride) : image->Row(line)) + offset;
+            (Columns ? image->Row(0) + PLOffset(line, image->pixelStride) : image->Row(line)) + offset;
         for (int32_t i = 0; i < n; ++i) {
             const uint8_t* from = start + along(i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
@@ -232,8 +232,8 @@ constexpr int32_t kResampleSpan = 128;
 // Byte offsets of a destination column's two source samples in a source row,
 // and the fraction between them.
 struct ColumnTap {
-    int32_t left;
-    int32_t right;
+    ptrdiff_t left;
+    ptrdiff_t right;
     float fraction;
 };
 
@@ -256,7 +256,7 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
         ColumnTap columns[kResampleSpan];
         for (int32_t x = 0; x < span; ++x) {
             const SourceTap tx = MapCoordinate(first + x, stepX, src->lastColumn);
-            const int32_t left = PLMul32(tx.index, srcPixel);
+            const ptrdiff_t left = PLOffset(tx.index, srcPixel);
             columns[x] = {left, left + tx.next * srcPixel, tx.fraction};
         }
         const ptrdiff_t outOffset = static_cast<ptrdiff_t>(first) * C * static_cast<ptrdiff_t>(sizeof(D));

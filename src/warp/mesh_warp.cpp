@@ -71,7 +71,7 @@ class BilinearSampler {
             iv = 0;
             fv = 0.0f;
         }
-        const uint8_t* upperLeft = image_->Row(iv) + PLMul32(iu, image_->pixelStride);
+        const uint8_t* upperLeft = image_->Row(iv) + PLOffset(iu, image_->pixelStride);
         const uint8_t* upperRight = upperLeft + rightOffset_;
         const uint8_t* lowerLeft = upperLeft + belowOffset_;
         const uint8_t* lowerRight = lowerLeft + rightOffset_;
@@ -233,7 +233,7 @@ class TriangleWarper {
         float v = lv + t * (rv - lv);
         const float stepU = (ru - lu) * inv;
         const float stepV = (rv - lv) * inv;
-        uint8_t* pixel = target_->Row(static_cast<int32_t>(row)) + PLMul32(first, target_->pixelStride);
+        uint8_t* pixel = target_->Row(static_cast<int32_t>(row)) + PLOffset(first, target_->pixelStride);
         constexpr int32_t bytes = ElementBytes(TargetType);
         float value[Channels];
         for (int32_t c = first; c <= last; ++c) {
@@ -321,7 +321,7 @@ void PLSampleFlow(float x, float y, float scaleX, float scaleY, const PLImage* f
         // Kept inside the flow: a grid point off the flow reads its edge.
         const int32_t ix = std::clamp(PLTruncI32(x), 0, flow->lastColumn);
         const int32_t iy = std::clamp(PLTruncI32(y), 0, flow->lastRow);
-        const uint8_t* pixel = flow->Row(iy) + PLMul32(ix, flow->pixelStride);
+        const uint8_t* pixel = flow->Row(iy) + PLOffset(ix, flow->pixelStride);
         *dx = WarpElement<PLPixelFloat>::Load(pixel);
         *dy = WarpElement<PLPixelFloat>::Load(pixel + sizeof(float));
         return;

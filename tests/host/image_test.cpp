@@ -44,6 +44,44 @@ TEST(HostImage, BottomRowFirstWithPaddedRowsAtOffsetBounds) {
     EXPECT_EQ(ImageBuffer(f).rowBytes(), 3);
 }
 
+TEST(HostImage, HostileLayoutsSpanExactlyWhatTheirRowsReach) {
+    ImageFormat f;
+    f.bounds = {0, 0, 4, 3};  // float RGBA: 64 bytes of pixels a row
+    f.guardBytes = 8;
+    f.rowBytes = -80;
+    ImageBuffer topDown(f);
+    EXPECT_EQ(topDown.spanBytes(), 2u * 80u + 80u);
+    EXPECT_EQ(topDown.bytes().size(), 8u + 240u + 8u);
+    EXPECT_EQ(static_cast<unsigned char*>(topDown.data()), topDown.bytes().data() + 8 + 2 * 80)
+        << "the bottom row is the last in memory";
+    EXPECT_EQ(static_cast<char*>(topDown.at(0, 2)), static_cast<char*>(topDown.data()) - 160);
+    EXPECT_TRUE(topDown.guardsIntact());
+    static_cast<unsigned char*>(topDown.data())[80] = 0;  // one byte past the bottom row, the last in memory
+    EXPECT_FALSE(topDown.guardsIntact());
+
+    f.rowBytes = 16;  // rows overlap: the last row's pixels end the span
+    EXPECT_EQ(ImageBuffer(f).spanBytes(), 2u * 16u + 64u);
+    f.rowBytes = 0;
+    EXPECT_EQ(ImageBuffer(f).spanBytes(), 64u);
+
+    f.depth = kOfxBitDepthHalf;
+    f.rowBytes.reset();
+    EXPECT_EQ(ImageBuffer(f).rowBytes(), 4 * 4 * 2);
+    f.depth = kOfxBitDepthNone;
+    EXPECT_EQ(ImageBuffer(f).rowBytes(), 0);
+
+    // Rows a gigabyte apart cost only the pages that are touched.
+    f.depth = kOfxBitDepthFloat;
+    f.rowBytes = 1 << 30;
+    f.sparse = true;
+    ImageBuffer sparse(f);
+    EXPECT_TRUE(sparse.bytes().empty());
+    sparse.value<float>(3, 2, 3) = 1.0f;
+    EXPECT_EQ(sparse.value<float>(3, 2, 3), 1.0f);
+    EXPECT_EQ(sparse.value<float>(0, 1, 0), 0.0f) << "zeroed";
+    EXPECT_TRUE(sparse.guardsIntact());
+}
+
 TEST(HostImage, ClipGivesPropertySetsAndTheLedgerTakesThemBack) {
     Suites s;
     ImageEffect descriptor(kOfxImageEffectContextGeneral);
@@ -90,6 +128,13 @@ TEST(HostImage, ClipGivesPropertySetsAndTheLedgerTakesThemBack) {
     EXPECT_EQ(c.outstanding(), 0u);
     EXPECT_EQ(c.badReleases, 2u);
 
+    f.unanswered = {kOfxImageEffectPropPixelDepth};
+    clip.setImage(std::make_shared<ImageBuffer>(f));
+    ASSERT_EQ(s.effect->clipGetImage(clip.handle(), 7.0, nullptr, &image), kOfxStatOK);
+    EXPECT_EQ(s.props->propGetString(image, kOfxImageEffectPropPixelDepth, 0, &text), kOfxStatErrUnknown);
+    EXPECT_EQ(s.effect->clipReleaseImage(image), kOfxStatOK);
+
+    f.unanswered.clear();
     f.nullData = true;
     clip.setImage(std::make_shared<ImageBuffer>(f));
     ASSERT_EQ(s.effect->clipGetImage(clip.handle(), 7.0, nullptr, &image), kOfxStatOK);

@@ -21,11 +21,13 @@ struct Seen {
     std::atomic<int> spawned[8];
     std::atomic<int> indexAgrees[8];
     std::atomic<unsigned int> countSeen{0};
+    std::thread::id thread[8];
 };
 
 void share(unsigned int index, unsigned int count, void* arg) {
     auto* seen = static_cast<Seen*>(arg);
     seen->runs[index]++;
+    seen->thread[index] = std::this_thread::get_id();
     seen->spawned[index] += seen->suite->multiThreadIsSpawnedThread();
     unsigned int asked = 99;
     seen->suite->multiThreadIndex(&asked);
@@ -36,25 +38,35 @@ void share(unsigned int index, unsigned int count, void* arg) {
 }  // namespace
 
 TEST(MultiThreadSuite, RunsEveryShareOnceOnTheRightThreads) {
-    for (bool callerRuns : {true, false}) {
-        ofxhost::HostConfig config;
-        config.numCPUs = 5;
-        config.callerRunsShareZero = callerRuns;
-        ofxhost::Host host(config);
-        const OfxMultiThreadSuiteV1* t = suiteOf(host);
-        unsigned int cpus = 0;
-        EXPECT_EQ(t->multiThreadNumCPUs(&cpus), kOfxStatOK);
-        EXPECT_EQ(cpus, 5u);
+    // With a limit of 3 threads, thread t takes shares t, t + 3, ...
+    for (unsigned int limit : {0u, 3u}) {
+        for (bool callerRuns : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "limit " << limit << (callerRuns ? ", caller runs" : ""));
+            ofxhost::HostConfig config;
+            config.numCPUs = 5;
+            config.callerRunsShareZero = callerRuns;
+            config.threadLimit = limit;
+            ofxhost::Host host(config);
+            const OfxMultiThreadSuiteV1* t = suiteOf(host);
+            unsigned int cpus = 0;
+            EXPECT_EQ(t->multiThreadNumCPUs(&cpus), kOfxStatOK);
+            EXPECT_EQ(cpus, 5u);
 
-        Seen seen{t, {}, {}, {}};
-        ASSERT_EQ(t->multiThread(share, 8, &seen), kOfxStatOK);
-        for (int i = 0; i < 8; ++i) {
-            EXPECT_EQ(seen.runs[i], 1) << "share " << i;
-            EXPECT_EQ(seen.indexAgrees[i], 1) << "share " << i;
-            EXPECT_EQ(seen.spawned[i], (i == 0 && callerRuns) ? 0 : 1) << "share " << i;
+            Seen seen{t, {}, {}, {}, {}, {}};
+            ASSERT_EQ(t->multiThread(share, 8, &seen), kOfxStatOK);
+            const int threads = limit ? static_cast<int>(limit) : 8;
+            for (int i = 0; i < 8; ++i) {
+                EXPECT_EQ(seen.runs[i], 1) << "share " << i;
+                EXPECT_EQ(seen.indexAgrees[i], 1) << "share " << i;
+                EXPECT_EQ(seen.spawned[i], (i % threads == 0 && callerRuns) ? 0 : 1) << "share " << i;
+                EXPECT_TRUE(seen.thread[i] == seen.thread[i % threads]) << "share " << i;
+                if (i < threads && i > 0) {
+                    EXPECT_NE(seen.thread[i], seen.thread[0]) << "share " << i;
+                }
+            }
+            EXPECT_EQ(seen.countSeen, 8u);
+            EXPECT_EQ(t->multiThreadIsSpawnedThread(), 0);
         }
-        EXPECT_EQ(seen.countSeen, 8u);
-        EXPECT_EQ(t->multiThreadIsSpawnedThread(), 0);
     }
 }
 

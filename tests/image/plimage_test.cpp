@@ -4,6 +4,7 @@
 #include "plimage.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cmath>
 #include <cstring>
@@ -71,6 +72,14 @@ TEST_F(HookedAllocator, ExhaustionThrowsOrSetsErrorCodeAndFreesNothing) {
     // The record itself comes from the same allocator.
     EXPECT_THROW(delete new PLImage(false, 8, 8, 4, PLPixelUShort, 0), PLErr);
     EXPECT_EQ(state.frees, 0) << "nothing was allocated, so nothing may be freed";
+
+    // A row longer than int32 row bytes can state is more than can be had,
+    // whatever the allocator holds: its size must not wrap to a small block.
+    state.exhausted = false;
+    PLImage wide(false, 1 << 28, 1, 4, PLPixelFloat, 0);
+    EXPECT_EQ(wide.errorCode, PLErrOutOfMemory);
+    EXPECT_EQ(wide.data, nullptr);
+    EXPECT_EQ(state.mallocs, 0);
 }
 
 TEST_F(HookedAllocator, OwnedBlockIsFreedOnceSetDataOrphansItFailedReallocKeepsIt) {
@@ -113,6 +122,22 @@ TEST(PLImage, FlippedAddressingAndEdgeSizes) {
     PLImage empty(nullptr, 7, 7, 28, 4, PLPixelUChar, 0);
     EXPECT_EQ(empty.width + empty.height, 0) << "no data, no pixels";
     EXPECT_EQ(empty.rowBytes, 28);
+}
+
+TEST(PLImage, RowsPastTwoGigabytesAreAddressedIn64Bits) {
+    // Forty rows 64 MiB apart in a reserved range that is never touched: only
+    // addresses are taken. Row 32 lies exactly 2^31 bytes from row 0.
+    const size_t span = size_t{40} << 26;
+    void* range = mmap(nullptr, span, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(range, MAP_FAILED);
+    auto* base = static_cast<uint8_t*>(range);
+    for (int32_t flipped : {0, 1}) {
+        const PLImage image(base, 16, 40, 1 << 26, 4, PLPixelFloat, flipped);
+        for (int32_t y : {0, 31, 32, 39})
+            EXPECT_EQ(image.Row(y) - base, static_cast<ptrdiff_t>(flipped ? 39 - y : y) << 26)
+                << "row " << y << (flipped ? ", flipped" : "");
+    }
+    munmap(range, span);
 }
 
 TEST(PLImage, ElementConversionsAtTheirEdges) {

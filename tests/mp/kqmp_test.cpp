@@ -78,6 +78,10 @@ TEST(Kqmp, ThreadsForRows) {
     EXPECT_EQ(kqmp_threadsfor(1000), 1);
     setThreadCount(0);  // unknown: the processor count
     EXPECT_EQ(kqmp_maxthreads(), std::max<int32_t>(1, kqmp_numcpus()));
+    setThreadCount(2000);  // more than the pool's 1024 slots: a job could never run
+    EXPECT_EQ(kqmp_maxthreads(), 1024);
+    EXPECT_EQ(kqmp_threadsfor(16 * 2000), 1024);
+    setThreadCount(0);
 }
 
 TEST(Kqmp, SplitRowsGivesTheRemainderToTheLast) {

@@ -3,8 +3,11 @@
 // the thread layer, and Unload's clean-up.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <string>
 
 #include "effect.h"
@@ -61,6 +64,29 @@ HostConfig named(const std::string& name) {
     HostConfig config;
     config.name = name;
     return config;
+}
+
+// What the property suite's string getter throws, as a host written in C++
+// might let escape from its suites.
+enum class Escape { OutOfMemory, Failed, Aborted, BadAlloc, RuntimeError, Int };
+Escape gEscape = Escape::Failed;
+
+OfxStatus ThrowingGetString(OfxPropertySetHandle, const char*, int, char**) {
+    switch (gEscape) {
+        case Escape::OutOfMemory:
+            throw PLErrOutOfMemory;
+        case Escape::Failed:
+            throw PLErrFailed;
+        case Escape::Aborted:
+            throw PLErrAborted;
+        case Escape::BadAlloc:
+            throw std::bad_alloc();
+        case Escape::RuntimeError:
+            throw std::runtime_error("host");
+        case Escape::Int:
+            throw 7;
+    }
+    return kOfxStatOK;
 }
 
 }  // namespace
@@ -173,4 +199,52 @@ TEST_F(ShellEntry, OnlyUnloadAfterLoadGivesTheLibraryThePlainHeapBack) {
     EXPECT_EQ(host.memory().counts().allocations, 2u) << "after Unload the library uses the plain heap";
     QVMemFree(block);
     EXPECT_EQ(host.memory().counts().liveBytes, 0u);
+}
+
+TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
+    startHost();
+    ofxhost::ImageEffect descriptor;
+    ASSERT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
+    ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+    OfxPropertySuiteV1 throwing = *gPropHost;
+    throwing.propGetString = ThrowingGetString;
+    OfxPropertySuiteV1* answering = gPropHost;
+    gPropHost = &throwing;
+    ofxhost::ImageEffect context(kOfxImageEffectContextGeneral);
+    ofxhost::PropertySet inArgs;
+    // A PLErr by its OFX status, std::bad_alloc as out of memory, anything else as a failure.
+    const std::pair<Escape, OfxStatus> cases[] = {
+        {Escape::OutOfMemory, kOfxStatErrMemory},
+        {Escape::Failed, kOfxStatFailed},
+        {Escape::Aborted, kOfxStatOK},
+        {Escape::BadAlloc, kOfxStatErrMemory},
+        {Escape::RuntimeError, kOfxStatFailed},
+        {Escape::Int, kOfxStatFailed},
+    };
+    for (const auto& [escape, status] : cases) {
+        gEscape = escape;
+        OfxStatus answered = -1;
+        EXPECT_NO_THROW(answered = pluginMainEntry(kOfxImageEffectActionDescribeInContext, context.handle(),
+                                                   inArgs.handle(), nullptr))
+            << static_cast<int>(escape);
+        EXPECT_EQ(answered, status) << static_cast<int>(escape);
+    }
+    gPropHost = answering;
+}
+
+TEST_F(ShellEntry, AProcessorCountBeyondThePoolIsClampedAndForgottenAtUnload) {
+    for (unsigned int cpus : {2000u, 4294967295u}) {
+        HostConfig nuke = named("uk.co.thefoundry.nuke");
+        nuke.numCPUs = cpus;
+        startHost(nuke);
+        ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+        EXPECT_EQ(kqmp_maxthreads(), 1024) << cpus << " processors: the pool has 1024 slots";
+        EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+        host_.reset();
+    }
+
+    // The next Load, on a host that names no processor count, counts for itself.
+    startHost(named("com.example.host"));
+    ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+    EXPECT_EQ(kqmp_maxthreads(), std::min<int32_t>(1024, std::max<int32_t>(1, kqmp_numcpus())));
 }
