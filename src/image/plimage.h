@@ -91,6 +91,11 @@ class PLImage : public QVMem {
                      int32_t numChannels, int32_t pixelType, int32_t flipped);
 };
 
+// An image with pixels to work on: not null, with data, at least one pixel wide and high.
+inline bool PLHasPixels(const PLImage* image) {
+    return image && image->data && image->width > 0 && image->height > 0;
+}
+
 // Guards before an operation: each is true when the two are NOT fit to go together.
 bool PLDimensionsDiffer(const PLImage* a, const PLImage* b);
 bool PLDimensionsOrChannelsDiffer(const PLImage* a, const PLImage* b);

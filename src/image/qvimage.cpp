@@ -4,6 +4,7 @@
 #include "qvimage.h"
 
 #include "image_ops.h"
+#include "pixel_format.h"
 
 namespace {
 
@@ -13,10 +14,6 @@ int32_t FlippedForOrigin(int32_t origin) {
 }
 int32_t OriginForFlipped(int32_t flipped) {
     return flipped ? 0 : 1;
-}
-
-bool IsHostPixelType(int32_t pixelType) {
-    return pixelType == PLPixelUChar || pixelType == PLPixelUShort || pixelType == PLPixelFloat;
 }
 
 }  // namespace
@@ -48,7 +45,7 @@ PLErr QVImage::rebind(void* pixels, int32_t w, int32_t h, int32_t rb, int32_t or
     if (!internal) return PLErrFailed;
     // Host pixel types 0 to 2 are the only ones in the contract; any other would
     // give a record without an element reader.
-    if (!IsHostPixelType(type)) return PLErrFailed;
+    if (!PLIsPathType(type)) return PLErrFailed;
     internal->SetData(pixels, w, h, rb, channels, type, FlippedForOrigin(org));
     return PLErrNone;
 }
