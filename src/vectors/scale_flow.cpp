@@ -2,7 +2,8 @@
 // filled vectors are scaled alike. No short cut for a factor of 1 and no clamp:
 // 0 and negative factors go straight through.
 #include "flow_field.h"
-#include "pixel_access.h"
+#include "kqmp.h"
+#include "pixel_format.h"
 
 namespace {
 
@@ -23,5 +24,5 @@ void ScaleFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* 
 
 void PLScaleFlow(float scaleX, float scaleY, PLImage* flow) {
     if (!flow || flow->pixelType != PLPixelFloat || flow->numChannels != 2) return;
-    PLRunRows(flow->height, ScaleFlowRows, flow, &scaleX, &scaleY);
+    kqmp_runrows(flow->height, ScaleFlowRows, flow, &scaleX, &scaleY);
 }
