@@ -3,13 +3,13 @@
 // one loop per combination, each instantiated from a single template.
 #include "resample.h"
 
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <utility>
 
-#include "pixel_access.h"
+#include "bilinear.h"
+#include "kqmp.h"
+#include "pixel_format.h"
 
 namespace {
 
@@ -122,8 +122,9 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
 // adjacent columns at a time, interleaved, so that it reads along rows.
 // Packed images (one channel) have adjacent elements along a row, which lets
 // the moves between image and buffer vectorise.
-template <typename T, bool Columns, bool Packed>
+template <typename P, bool Columns, bool Packed>
 void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+    using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
@@ -150,7 +151,7 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
         for (int32_t i = 0; i < n; ++i) {
             const uint8_t* from = start + along(i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) to[k] = PLPixelTraits<T>::Load(from + k * pixel);
+            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * pixel);
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
@@ -158,26 +159,27 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
         for (int32_t i = 0; i < n; ++i) {
             uint8_t* to = start + along(i);
             const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) PLPixelTraits<T>::Store(to + k * pixel, from[k]);
+            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * pixel, P::Round(from[k]));
         }
         line += lanes;
     }
 }
 
-template <typename T, bool Columns>
+template <typename P, bool Columns>
 kqmp_worker* LinePass(const PLImage* image) {
-    return image->pixelStride == static_cast<int32_t>(sizeof(T)) ? FilterLines<T, Columns, true>
-                                                                 : FilterLines<T, Columns, false>;
+    return image->pixelStride == static_cast<int32_t>(sizeof(typename P::Element))
+               ? FilterLines<P, Columns, true>
+               : FilterLines<P, Columns, false>;
 }
 
-template <typename T>
+template <typename P>
 void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
                     float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
     for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows) PLRunRows(image->height, LinePass<T, false>(image), image, kernel, taps, r, c, buffers);
-        if (columns) PLRunRows(image->width, LinePass<T, true>(image), image, kernel, taps, r, c, buffers);
+        if (rows) kqmp_runrows(image->height, LinePass<P, false>(image), image, kernel, taps, r, c, buffers);
+        if (columns) kqmp_runrows(image->width, LinePass<P, true>(image), image, kernel, taps, r, c, buffers);
     }
 }
 
@@ -203,26 +205,11 @@ int32_t MakerRadius(float radius) {
     return r >= 0 && r <= kMaxRadius ? r : -1;
 }
 
-// Source position of one destination coordinate: the sample, whether its
-// neighbour is the next one (1) or itself (0), and the fraction between them.
-struct SourceTap {
-    int32_t index;
-    int32_t next;
-    float fraction;
-};
-
-inline SourceTap MapCoordinate(int32_t x, float step, int32_t last) {
-    const float u = static_cast<float>(x) * step;
-    int32_t i = PLTruncI32(u);
-    float f = u - static_cast<float>(i);
-    if (i >= last) {
-        i = last - 1;
-        f = 1.0f;
-    }
-    // A source one sample wide has no neighbour: both taps read its only sample,
-    // which gives that sample. So does a position that isn't a number.
-    if (i < 0) return {0, 0, f};
-    return {i, 1, f};
+// Source position of destination coordinate x at `step` source samples per
+// destination sample. A source one sample wide, or a position that isn't a
+// number, reads its first sample for both taps, which gives that sample.
+inline PLCellTap MapCoordinate(int32_t x, float step, int32_t last) {
+    return PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(x) * step, last);
 }
 
 // Destination columns a resampling worker maps at a time: their source taps
@@ -242,8 +229,10 @@ struct ColumnTap {
 // (b - a) * fx + a on a source row, so each source row is interpolated once
 // and kept while consecutive destination rows share it; the vertical step
 // then runs across the row. Four channels weight the corners directly.
-template <typename D, int C, typename S, bool Scaled>
+template <typename DstPixel, int C, typename SrcPixel, bool Scaled>
 void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using D = typename DstPixel::Element;
+    using S = typename SrcPixel::Element;
     const PLImage* dst = args->next<PLImage*>();
     const PLImage* src = args->next<const PLImage*>();
     const float* factors = args->next<const float*>();
@@ -255,7 +244,7 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
         const int32_t span = dst->width - first < kResampleSpan ? dst->width - first : kResampleSpan;
         ColumnTap columns[kResampleSpan];
         for (int32_t x = 0; x < span; ++x) {
-            const SourceTap tx = MapCoordinate(first + x, stepX, src->lastColumn);
+            const PLCellTap tx = MapCoordinate(first + x, stepX, src->lastColumn);
             const ptrdiff_t left = PLOffset(tx.index, srcPixel);
             columns[x] = {left, left + tx.next * srcPixel, tx.fraction};
         }
@@ -271,15 +260,15 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
             for (int32_t x = 0; x < span; ++x)
                 for (int32_t c = 0; c < C; ++c) {
                     const size_t e = static_cast<size_t>(c) * sizeof(S);
-                    const float a = PLPixelTraits<S>::Load(at + columns[x].left + e);
-                    const float b = PLPixelTraits<S>::Load(at + columns[x].right + e);
+                    const float a = SrcPixel::LoadFloat(at + columns[x].left + e);
+                    const float b = SrcPixel::LoadFloat(at + columns[x].right + e);
                     across[s][x * C + c] = (b - a) * columns[x].fraction + a;
                 }
             held[s] = row;
             return across[s];
         };
         for (int32_t y = firstRow; y <= lastRow; ++y) {
-            const SourceTap ty = MapCoordinate(y, stepY, src->lastRow);
+            const PLCellTap ty = MapCoordinate(y, stepY, src->lastRow);
             const float fy = ty.fraction;
             const uint8_t* upper = src->Row(ty.index);
             const uint8_t* lower = upper + (ty.next ? src->rowStep : 0);
@@ -293,13 +282,13 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
                     const float wd = fx * fy;
                     for (int32_t c = 0; c < C; ++c) {
                         const size_t e = static_cast<size_t>(c) * sizeof(S);
-                        const float a = PLPixelTraits<S>::Load(upper + columns[x].left + e);
-                        const float b = PLPixelTraits<S>::Load(upper + columns[x].right + e);
-                        const float cl = PLPixelTraits<S>::Load(lower + columns[x].left + e);
-                        const float d = PLPixelTraits<S>::Load(lower + columns[x].right + e);
+                        const float a = SrcPixel::LoadFloat(upper + columns[x].left + e);
+                        const float b = SrcPixel::LoadFloat(upper + columns[x].right + e);
+                        const float cl = SrcPixel::LoadFloat(lower + columns[x].left + e);
+                        const float d = SrcPixel::LoadFloat(lower + columns[x].right + e);
                         float value = a * wa + b * wb + cl * wc + d * wd;
                         if constexpr (Scaled) value = value * ratio;
-                        PLPixelTraits<D>::Store(out + static_cast<size_t>(c) * sizeof(D), value);
+                        DstPixel::Store(out + static_cast<size_t>(c) * sizeof(D), DstPixel::Round(value));
                     }
                 }
             } else {
@@ -309,30 +298,13 @@ void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
                 for (int32_t m = 0; m < span * C; ++m) {
                     float value = (bottom[m] - top[m]) * fy + top[m];
                     if constexpr (Scaled) value = value * ratio;
-                    PLPixelTraits<D>::Store(
-                        out + static_cast<ptrdiff_t>(m) * static_cast<ptrdiff_t>(sizeof(D)), value);
+                    DstPixel::Store(out + static_cast<ptrdiff_t>(m) * static_cast<ptrdiff_t>(sizeof(D)),
+                                    DstPixel::Round(value));
                 }
             }
         }
     }
 }
-
-// Every member of the resampler: destination type x channel count x source
-// type x (equal, different white points), at index
-// ((dstType * 4 + channels - 1) * 3 + srcType) * 2 + scaled.
-template <size_t I>
-constexpr kqmp_worker* ResampleMember() {
-    using D = std::tuple_element_t<I / 24, PLPathElements>;
-    using S = std::tuple_element_t<(I / 2) % 3, PLPathElements>;
-    return &ResampleRows<D, static_cast<int>((I / 6) % 4) + 1, S, I % 2 == 1>;
-}
-
-template <size_t... I>
-constexpr std::array<kqmp_worker*, sizeof...(I)> ResampleMembers(std::index_sequence<I...>) {
-    return {ResampleMember<I>()...};
-}
-
-constexpr std::array<kqmp_worker*, 72> kResampleMembers = ResampleMembers(std::make_index_sequence<72>());
 
 }  // namespace
 
@@ -351,17 +323,9 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
     ScopedBlock buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r) * sizeof(float));
 
-    switch (image->pixelType) {
-        case PLPixelUChar:
-            FilterChannels<uint8_t>(image, kernel, taps, r, axes, buffers.get());
-            break;
-        case PLPixelUShort:
-            FilterChannels<uint16_t>(image, kernel, taps, r, axes, buffers.get());
-            break;
-        default:
-            FilterChannels<float>(image, kernel, taps, r, axes, buffers.get());
-            break;
-    }
+    PLVisitPixelType(image->pixelType, [&](auto pixel) {
+        FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, buffers.get());
+    });
 }
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
@@ -419,12 +383,18 @@ void PLResampleWithSteps(PLImage* dst, const PLImage* src, float stepX, float st
     if (src->width < 1 || src->height < 1 || dst->width < 1) return;
     const bool scaled = src->whitePoint != dst->whitePoint;
     const float factors[3] = {stepX, stepY, dst->whitePoint / src->whitePoint};
-    const size_t member =
-        ((static_cast<size_t>(dst->pixelType) * 4 + static_cast<size_t>(dst->numChannels - 1)) * 3 +
-         static_cast<size_t>(src->pixelType)) *
-            2 +
-        (scaled ? 1 : 0);
-    PLRunRows(dst->height, kResampleMembers[member], dst, src, static_cast<const float*>(factors));
+    // Every member: destination format x source type x (equal, different white points).
+    PLVisitFormat(dst->pixelType, dst->numChannels, [&](auto dstFormat) {
+        using DstFormat = decltype(dstFormat);
+        PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
+            using DstPixel = typename DstFormat::Traits;
+            constexpr int C = DstFormat::kChannels;
+            using SrcPixel = decltype(srcPixel);
+            kqmp_worker* const worker = scaled ? ResampleRows<DstPixel, C, SrcPixel, true>
+                                               : ResampleRows<DstPixel, C, SrcPixel, false>;
+            kqmp_runrows(dst->height, worker, dst, src, static_cast<const float*>(factors));
+        });
+    });
 }
 
 void PLResample(PLImage* dst, const PLImage* src) {
