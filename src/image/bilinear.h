@@ -54,25 +54,29 @@ inline PLCellTap PLLastCellTap(float u, int32_t last) {
     return {i, next, f};
 }
 
-// Bilinear reads of a C-channel image of pixel traits P, all channels at once
-// in lanes: per channel, top = (right - left) * fx + left on the upper row,
-// bottom likewise, value = (bottom - top) * fy + top.
-template <typename P, int C, PLBeforeFirst Rule>
+// Bilinear reads of the first C channels of an image of pixel traits P, all
+// channels at once in lanes: per channel, top = (right - left) * fx + left on
+// the upper row, bottom likewise, value = (bottom - top) * fy + top. Pixels
+// lie C elements apart, a constant the compiler folds into the addressing,
+// unless kImageStride asks for the image's own pixel stride (a flow of more
+// than two channels read for its first two).
+template <typename P, int C, PLBeforeFirst Rule, bool kImageStride = false>
 class PLBilinearReader {
   public:
     explicit PLBilinearReader(const PLImage& image)
         : row0_(image.Row(0)),
           rowStep_(image.rowStep),
+          stride_(kImageStride ? image.pixelStride : kPixelBytes),
           lastColumn_(image.lastColumn),
           lastRow_(image.lastRow),
-          right_(image.lastColumn > 0 ? kPixelBytes : 0),
+          right_(image.lastColumn > 0 ? Stride() : 0),
           down_(image.lastRow > 0 ? image.rowStep : 0) {}
 
     template <bool kInside = false>
     PLLanes Read(float fx, float fy) const {
         const PLCellTap tx = PLLastCellTap<Rule, kInside>(fx, lastColumn_);
         const PLCellTap ty = PLLastCellTap<Rule, kInside>(fy, lastRow_);
-        const uint8_t* p = row0_ + PLOffset(ty.index, rowStep_) + PLOffset(tx.index, kPixelBytes);
+        const uint8_t* p = row0_ + PLOffset(ty.index, rowStep_) + PLOffset(tx.index, Stride());
         const uint8_t* q = p + down_;
         const PLLanes p0 = PLLoadLanes<Element, C>(p);
         const PLLanes q0 = PLLoadLanes<Element, C>(q);
@@ -84,8 +88,15 @@ class PLBilinearReader {
   private:
     using Element = typename P::Element;
     static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(Element));
+    int32_t Stride() const {
+        if constexpr (kImageStride)
+            return stride_;
+        else
+            return kPixelBytes;
+    }
     const uint8_t* row0_;
     int32_t rowStep_;
+    int32_t stride_;
     int32_t lastColumn_;
     int32_t lastRow_;
     int32_t right_;
