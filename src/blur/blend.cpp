@@ -5,7 +5,6 @@
 // single-threaded one, kept for three channels and interlaced fields.
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "motion_blur.h"
 #include "pixel_format.h"
@@ -122,14 +121,10 @@ inline typename P::Element LegacyMix(float i, float j, float t, float oneMinusT,
     }
 }
 
-struct QVMemDeleter {
-    void operator()(void* block) const { QVMemFree(block); }
-};
-
 // Eight-bit three-channel pixels go through a table of all 256 x 256 results,
 // built per call so that concurrent callers with different t don't share it.
 void LegacyBlendRgbUChar(PLImage* first, const PLImage* second, float t, const FieldRows& rows) {
-    std::unique_ptr<uint8_t, QVMemDeleter> block(static_cast<uint8_t*>(QVMemNew(256 * 256)));
+    QVMemBlock<uint8_t> block(256 * 256);
     uint8_t* table = block.get();
     const float oneMinusT = 1.0f - t;
     const bool extrapolating = t < 0.0f || t > 1.0f;

@@ -179,7 +179,8 @@ void PLScaleImage(float factor, PLImage* image) {
     // GetPixel and SetPixel have no loops for the other types, so scaling them
     // would write whatever the scratch array held.
     if (image->pixelType != PLPixelUChar && image->pixelType != PLPixelUShort) return;
-    float* scratch = static_cast<float*>(QVMemNew(static_cast<size_t>(image->numChannels) * sizeof(float)));
+    QVMemBlock<float> block(static_cast<size_t>(image->numChannels));
+    float* scratch = block.get();
     for (int32_t y = 0; y < image->height; ++y) {
         for (int32_t x = 0; x < image->width; ++x) {
             image->GetPixel(x, y, scratch);
@@ -187,7 +188,6 @@ void PLScaleImage(float factor, PLImage* image) {
             image->SetPixel(x, y, scratch);
         }
     }
-    QVMemFree(scratch);
 }
 
 void PLPremultiply(PLImage* image) {

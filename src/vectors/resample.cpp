@@ -25,19 +25,6 @@ constexpr int32_t kColumnLanes = 16;
 // Interior outputs summed together in registers, tap by tap; a multiple of 4.
 constexpr int32_t kInteriorBlock = 16;
 
-// Frees a block from QVMemNew on every way out of the scope.
-class ScopedBlock {
-  public:
-    explicit ScopedBlock(size_t bytes) : block_(static_cast<float*>(QVMemNew(bytes))) {}
-    ~ScopedBlock() { QVMemFree(block_); }
-    ScopedBlock(const ScopedBlock&) = delete;
-    ScopedBlock& operator=(const ScopedBlock&) = delete;
-    float* get() const { return block_; }
-
-  private:
-    float* block_;
-};
-
 // Floats in each of a thread's two line buffers: room for a row, or for a
 // block of up to kColumnLanes interleaved columns, each with its slack.
 size_t LineBufferFloats(const PLImage* image, int32_t r) {
@@ -188,7 +175,7 @@ void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r
 template <typename Weight>
 void NormalisedBlur(float radius, int32_t r, PLImage* image, int32_t axes, Weight weight) {
     const int32_t taps = 2 * r + 1;
-    ScopedBlock kernel(static_cast<size_t>(taps) * sizeof(float));
+    QVMemBlock<float> kernel(static_cast<size_t>(taps));
     float* k = kernel.get();
     for (int32_t i = 0; i < taps; ++i) k[i] = weight(i > r ? i - r : r - i);
     float sum = 0.0f;
@@ -321,7 +308,7 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     const int32_t rowThreads = kqmp_threadsfor(image->height);
     const int32_t columnThreads = kqmp_threadsfor(image->width);
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
-    ScopedBlock buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r) * sizeof(float));
+    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r));
 
     PLVisitPixelType(image->pixelType, [&](auto pixel) {
         FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, buffers.get());
@@ -352,7 +339,7 @@ void PLBoxBlur(float radius, PLImage* image, int32_t axes) {
     const int32_t r = PLTruncI32(std::ceil(radius));
     if (r > kMaxRadius) return;
     const int32_t taps = 2 * r + 1;
-    ScopedBlock kernel(static_cast<size_t>(taps) * sizeof(float));
+    QVMemBlock<float> kernel(static_cast<size_t>(taps));
     float* k = kernel.get();
     for (int32_t i = 0; i < taps; ++i) k[i] = 1.0f;
     // A fractional radius weights the outer taps by the fraction but keeps the
