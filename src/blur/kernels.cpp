@@ -219,7 +219,7 @@ void PLMotionBlurRegion(PLImage* output, const PLImage* source, const PLImage* f
                         int32_t mode, QVIdleAndProgressClass* progress, bool countOutside, int32_t x0,
                         int32_t x1, int32_t y0, int32_t y1) {
     if (!output || !source || !flow) throw PLErrFailed;
-    if (source->pixelType < PLPixelUChar || source->pixelType > PLPixelFloat) throw PLErrFailed;
+    if (!PLIsPathType(source->pixelType)) throw PLErrFailed;
     if (output->numChannels != source->numChannels || output->width != source->width ||
         output->height != source->height || output->pixelType != source->pixelType)
         throw PLErrFailed;

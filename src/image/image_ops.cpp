@@ -162,9 +162,8 @@ void FillRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args)
 }
 
 bool PassesAlphaTest(const PLImage* image) {
-    if (!PLHasPixels(image) || image->numChannels != 4) return false;
-    if (image->pixelType == PLPixelFloat) return image->whitePoint == 1.0f;
-    return image->pixelType == PLPixelUChar || image->pixelType == PLPixelUShort;
+    if (!PLHasPixels(image) || image->numChannels != 4 || !PLIsPathType(image->pixelType)) return false;
+    return image->pixelType != PLPixelFloat || image->whitePoint == 1.0f;
 }
 
 }  // namespace
@@ -178,7 +177,7 @@ void PLScaleImage(float factor, PLImage* image) {
     }
     // GetPixel and SetPixel have no loops for the other types, so scaling them
     // would write whatever the scratch array held.
-    if (image->pixelType != PLPixelUChar && image->pixelType != PLPixelUShort) return;
+    if (!PLIsPathType(image->pixelType)) return;
     QVMemBlock<float> block(static_cast<size_t>(image->numChannels));
     float* scratch = block.get();
     for (int32_t y = 0; y < image->height; ++y) {

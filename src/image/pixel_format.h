@@ -161,18 +161,6 @@ struct PLPixel<PLPixelLong> : pldetail::Storage<int64_t, PLPixelLong, 4> {
     static int64_t Truncate(float v) { return PLTruncI64(v); }
 };
 
-// The traits of an element type of the plug-in's path, by its C++ type.
-template <typename T>
-struct PLPixelOfElement;
-template <>
-struct PLPixelOfElement<uint8_t> : PLPixel<PLPixelUChar> {};
-template <>
-struct PLPixelOfElement<uint16_t> : PLPixel<PLPixelUShort> {};
-template <>
-struct PLPixelOfElement<float> : PLPixel<PLPixelFloat> {};
-template <typename T>
-using PLElementTraits = PLPixel<PLPixelOfElement<T>::kPixelType>;
-
 // A pixel traits type and a channel count, as the format visit hands them out.
 template <typename Pixel, int Channels>
 struct PLFormat {
