@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "motion_blur.h"
-#include "pixel_format.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "blur/motion_blur.h"
+#include "image/pixel_format.h"
 
 namespace {
 

@@ -4,11 +4,13 @@
 // lives in its own library. PLErr ends here and becomes the return code.
 #include <memory>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "licence.h"
-#include "motion_blur.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "image/image_ops.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
+#include "vectors/decode.h"
+#include "vectors/fill.h"
+#include "vectors/scale_flow.h"
 
 int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, int64_t mode, int64_t stamp,
                           QVIdleAndProgressClass* progress, float amount, float maxDisplace, float scaleX,

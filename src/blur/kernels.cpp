@@ -7,9 +7,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "bilinear.h"
-#include "lanes.h"
-#include "motion_blur.h"
+#include "blur/motion_blur.h"
+#include "image/bilinear.h"
+#include "image/lanes.h"
 
 namespace {
 

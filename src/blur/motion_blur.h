@@ -7,9 +7,9 @@
 
 #include <cstdint>
 
-#include "kqmp.h"
-#include "plimage.h"
-#include "progress.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
+#include "mp/progress.h"
 
 class QVImage;
 

@@ -11,10 +11,10 @@
 
 #include <cstdint>
 
-#include "lanes.h"
-#include "pixel_format.h"
-#include "plconvert.h"
-#include "plimage.h"
+#include "image/lanes.h"
+#include "image/pixel_format.h"
+#include "image/plconvert.h"
+#include "image/plimage.h"
 
 enum class PLBeforeFirst {
     kKeepFraction,  // index 0 with the fraction as computed (the blur)

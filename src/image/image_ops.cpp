@@ -2,15 +2,15 @@
 // images once and hands rows to a file-static worker through the thread layer.
 // Per-type code sits only at the load/store edge, in the pixel-format module;
 // the row loops are written once and instantiated per pixel type.
-#include "image_ops.h"
+#include "image/image_ops.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
 
-#include "kqmp.h"
-#include "pixel_format.h"
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
 
 namespace {
 
@@ -166,6 +166,33 @@ bool PassesAlphaTest(const PLImage* image) {
     return image->pixelType != PLPixelFloat || image->whitePoint == 1.0f;
 }
 
+// Into an integer type rounded and clamped to its range; from an integer into
+// float the number unchanged; the same type bit for bit.
+template <typename DstPixel, typename SrcPixel>
+void CopyConvertingRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using D = typename DstPixel::Element;
+    using S = typename SrcPixel::Element;
+    const PLImage* dst = args->next<PLImage*>();
+    const int32_t dstChannel = args->next<int32_t>();
+    const PLImage* src = args->next<const PLImage*>();
+    const int32_t srcChannel = args->next<int32_t>();
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* out = dst->Row(y) + static_cast<size_t>(dstChannel) * sizeof(D);
+        const uint8_t* in = src->Row(y) + static_cast<size_t>(srcChannel) * sizeof(S);
+        for (int32_t x = 0; x < dst->width; ++x) {
+            uint8_t* o = out + PLOffset(x, dst->pixelStride);
+            const uint8_t* i = in + PLOffset(x, src->pixelStride);
+            if constexpr (std::is_same_v<D, S>) {
+                DstPixel::Store(o, SrcPixel::Load(i));
+            } else if constexpr (DstPixel::kIsFloat) {
+                DstPixel::Store(o, SrcPixel::LoadFloat(i));
+            } else {
+                DstPixel::Store(o, DstPixel::RoundClamp(SrcPixel::LoadFloat(i)));
+            }
+        }
+    }
+}
+
 }  // namespace
 
 void PLScaleImage(float factor, PLImage* image) {
@@ -292,4 +319,17 @@ void PLFillImage(PLImage* image, const float colour[4]) {
         }
     });
     if (known) kqmp_runrows(image->height, FillRows, image, static_cast<const uint8_t*>(colourPixel));
+}
+
+void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
+    if (PLDimensionsDiffer(dst, src) || !PLIsPathType(dst->pixelType) || !PLIsPathType(src->pixelType))
+        return;
+    if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
+        return;
+    PLVisitPixelType(dst->pixelType, [&](auto dstPixel) {
+        PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
+            kqmp_runrows(dst->height, CopyConvertingRows<decltype(dstPixel), decltype(srcPixel)>, dst,
+                         dstChannel, src, srcChannel);
+        });
+    });
 }

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "plimage.h"
+#include "image/plimage.h"
 
 void PLScaleImage(float factor, PLImage* image);
 void PLPremultiply(PLImage* image);
@@ -14,6 +14,10 @@ void PLUnpremultiply(PLImage* image);
 void PLInvertImage(PLImage* image);
 void PLClearImage(PLImage* image);
 void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
+// Copies one channel with conversion: into an integer type rounded by adding
+// 0.5 and clamped to its range; from integer into float the number unchanged.
+// Kept for completeness: nothing on the plug-in's path calls it.
+void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
 void PLCopyImage(PLImage* dst, const PLImage* src);
 void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX, int32_t srcY,
                      int32_t width, int32_t height);

@@ -28,8 +28,8 @@
 #include <type_traits>
 #include <utility>
 
-#include "plconvert.h"
-#include "plimage.h"
+#include "image/plconvert.h"
+#include "image/plimage.h"
 
 // Host rows carry no alignment promise, so elements move through memcpy,
 // which compiles to a plain load or store.

@@ -1,9 +1,9 @@
-#include "plimage.h"
+#include "image/plimage.h"
 
 #include <cstring>
 #include <type_traits>
 
-#include "pixel_format.h"
+#include "image/pixel_format.h"
 
 namespace {
 

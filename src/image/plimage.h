@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "plconvert.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "image/plconvert.h"
 
 enum PLPixelType : int32_t {
     PLPixelUChar = 0,

@@ -1,10 +1,10 @@
 // The host image wrapper: binding host memory to a QVImageInternal without
 // copying, the mapping between host and library terms, and the alpha
 // conversions and fill that the render action runs on wrapped images.
-#include "qvimage.h"
+#include "image/qvimage.h"
 
-#include "image_ops.h"
-#include "pixel_format.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
 
 namespace {
 

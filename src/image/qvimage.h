@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "plerr.h"
-#include "plimage.h"
-#include "qvmem.h"
+#include "base/plerr.h"
+#include "base/qvmem.h"
+#include "image/plimage.h"
 
 // The image proper of a wrapper: a PLImage plus the channel layout it was wrapped with.
 class QVImageInternal : public PLImage {

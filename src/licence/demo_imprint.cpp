@@ -7,9 +7,9 @@
 // alpha.
 #include <cstring>
 
-#include "licence.h"
-#include "pixel_format.h"
-#include "plimage.h"
+#include "image/pixel_format.h"
+#include "image/plimage.h"
+#include "licence/licence.h"
 
 namespace {
 

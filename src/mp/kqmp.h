@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "plerr.h"
+#include "base/plerr.h"
 
 // The job's argument list: pointers and 32-bit integers, in the driver's order.
 // A float or a group of values travels as a pointer to a local of the driver,

@@ -1,5 +1,5 @@
 // Semaphores, restartable threads and spin mutexes over POSIX threads.
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 #include <new>
 

@@ -2,7 +2,7 @@
 // numeric parameters, a hidden data parameter on two hosts, and one page.
 #include <cstring>
 
-#include "ofx_plugin.h"
+#include "shell/ofx_plugin.h"
 
 namespace {
 

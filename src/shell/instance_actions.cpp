@@ -4,7 +4,7 @@
 // same frame of both inputs. Nothing here holds state.
 #include <cstring>
 
-#include "ofx_plugin.h"
+#include "shell/ofx_plugin.h"
 
 namespace {
 
@@ -51,7 +51,8 @@ OfxStatus createInstance(OfxImageEffectHandle effect) {
     return IsGeneralEffect(effect) ? kOfxStatOK : kOfxStatFailed;
 }
 
-OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs) {
+OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs) {
     OfxTime time = 0.0;
     gPropHost->propGetDouble(inArgs, kOfxPropTime, 0, &time);
     OfxImageClipHandle source = nullptr;
@@ -86,7 +87,8 @@ OfxStatus getToxikSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle i
     return kOfxStatOK;
 }
 
-OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs) {
+OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs) {
     double roi[4] = {0.0, 0.0, 0.0, 0.0};
     gPropHost->propGetDoubleN(inArgs, kOfxImageEffectPropRegionOfInterest, 4, roi);
     gPropHost->propSetDoubleN(outArgs, clipTable[0].clipRoIProperty, 4, roi);
@@ -103,7 +105,8 @@ OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs
     return kOfxStatOK;
 }
 
-OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle, OfxPropertySetHandle outArgs) {
+OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle,
+                             OfxPropertySetHandle outArgs) {
     OfxImageClipHandle source = nullptr;
     OfxPropertySetHandle sourceProps = nullptr;
     gEffectHost->clipGetHandle(effect, kOfxImageEffectSimpleSourceClipName, &source, &sourceProps);
@@ -119,7 +122,8 @@ OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle, 
     const char* outDepth = code == 8 ? kOfxBitDepthByte : code == 16 ? kOfxBitDepthShort : kOfxBitDepthFloat;
 
     gPropHost->propSetString(outArgs, "OfxImageClipPropComponents_Output", 0, outComponents);
-    if (gHostSupportsMultipleBitDepths) gPropHost->propSetString(outArgs, "OfxImageClipPropDepth_Output", 0, outDepth);
+    if (gHostSupportsMultipleBitDepths)
+        gPropHost->propSetString(outArgs, "OfxImageClipPropDepth_Output", 0, outDepth);
     gPropHost->propSetString(outArgs, kOfxImageClipPropFieldExtraction, 0, kOfxImageFieldBoth);
     gPropHost->propSetInt(outArgs, kOfxImageEffectPropTemporalClipAccess, 0, 0);
     return kOfxStatOK;

@@ -5,11 +5,11 @@
 #include <cmath>
 #include <cstring>
 
-#include "licence.h"
-#include "motion_blur.h"
-#include "ofx_plugin.h"
-#include "ofx_progress.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
+#include "shell/ofx_plugin.h"
+#include "shell/ofx_progress.h"
 
 namespace {
 

@@ -2,12 +2,14 @@
 // components as a signed fraction of the maximum displacement, alpha says
 // whether the pixel carries a vector. Integer codes are decoded in double so
 // that 127 and 32767 give exactly zero motion; float samples stay in float.
+#include "vectors/decode.h"
+
 #include <memory>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "kqmp.h"
-#include "pixel_format.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
+#include "vectors/fill.h"
 
 namespace {
 

@@ -1,16 +1,16 @@
 // The pull-and-push hole fill. Coarse levels let a fixed small smoothing act
 // like a wide one on the full image, so holes of any size are crossed in
 // near-linear time; known pixels get their exact value back at the end.
-#include "fill.h"
+#include "vectors/fill.h"
 
 #include <memory>
-#include <type_traits>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "kqmp.h"
-#include "pixel_format.h"
-#include "resample.h"
+#include "image/filters.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
+#include "image/resample.h"
+#include "mp/kqmp.h"
+#include "vectors/fill.h"
 
 namespace {
 
@@ -91,33 +91,6 @@ void Push(PLImage* dst, const PLImage* src) {
         dst->height == 1 ? 0.0f
                          : 1.0f / (static_cast<float>(dst->height - 1) / static_cast<float>(src->height - 1));
     PLResampleWithSteps(dst, src, stepX, stepY);
-}
-
-// Into an integer type rounded and clamped to its range; from an integer into
-// float the number unchanged; the same type bit for bit.
-template <typename DstPixel, typename SrcPixel>
-void CopyConvertingRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
-    using D = typename DstPixel::Element;
-    using S = typename SrcPixel::Element;
-    const PLImage* dst = args->next<PLImage*>();
-    const int32_t dstChannel = args->next<int32_t>();
-    const PLImage* src = args->next<const PLImage*>();
-    const int32_t srcChannel = args->next<int32_t>();
-    for (int32_t y = firstRow; y <= lastRow; ++y) {
-        uint8_t* out = dst->Row(y) + static_cast<size_t>(dstChannel) * sizeof(D);
-        const uint8_t* in = src->Row(y) + static_cast<size_t>(srcChannel) * sizeof(S);
-        for (int32_t x = 0; x < dst->width; ++x) {
-            uint8_t* o = out + PLOffset(x, dst->pixelStride);
-            const uint8_t* i = in + PLOffset(x, src->pixelStride);
-            if constexpr (std::is_same_v<D, S>) {
-                DstPixel::Store(o, SrcPixel::Load(i));
-            } else if constexpr (DstPixel::kIsFloat) {
-                DstPixel::Store(o, SrcPixel::LoadFloat(i));
-            } else {
-                DstPixel::Store(o, DstPixel::RoundClamp(SrcPixel::LoadFloat(i)));
-            }
-        }
-    }
 }
 
 }  // namespace
@@ -234,19 +207,6 @@ void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass
         fill->fill(progress, 0);
         PLCopyChannelIntoChannel(image, c, fill->filled[0], 0);
     }
-}
-
-void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
-    if (PLDimensionsDiffer(dst, src) || !PLIsPathType(dst->pixelType) || !PLIsPathType(src->pixelType))
-        return;
-    if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
-        return;
-    PLVisitPixelType(dst->pixelType, [&](auto dstPixel) {
-        PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
-            kqmp_runrows(dst->height, CopyConvertingRows<decltype(dstPixel), decltype(srcPixel)>, dst,
-                         dstChannel, src, srcChannel);
-        });
-    });
 }
 
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength) {

@@ -2,14 +2,14 @@
 // image pyramid: known samples and their weights are pulled down as Gaussian
 // pyramids of value times weight and of weight, and the result is pushed back
 // up, smoothed at every level, with the known values reimposed at the finest.
-// PLFillFlowHoles (flow_field.h) runs it channel by channel.
+// PLFillFlowHoles runs it channel by channel.
 #pragma once
 
 #include <cstdint>
 
-#include "plimage.h"
-#include "progress.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "image/plimage.h"
+#include "mp/progress.h"
 
 class PLSingleChannelFill : public QVMem {
   public:
@@ -45,11 +45,11 @@ class PLSingleChannelFill : public QVMem {
     void release();
 };
 
-// Copies one channel with conversion: into an integer type rounded by adding
-// 0.5 and clamped to its range; from integer into float the number unchanged.
-void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
-
 // A smoothing of both axes chosen by strength: 0 a box of radius 2; 1 a
 // Gaussian of radius 5 (7 for variant 1); 2 a Gaussian of radius 3 (5 for
 // variant 1); any other strength nothing.
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength);
+
+// Fills the holes of every channel of image, one channel at a time; a vector
+// is known where mask is zero.
+void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass* progress);

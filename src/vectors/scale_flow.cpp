@@ -1,9 +1,10 @@
 // The user's vector scale, applied to the filled flow image so that decoded and
 // filled vectors are scaled alike. No short cut for a factor of 1 and no clamp:
 // 0 and negative factors go straight through.
-#include "flow_field.h"
-#include "kqmp.h"
-#include "pixel_format.h"
+#include "vectors/scale_flow.h"
+
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // family is one instantiation of WarpTriangleMember: the element type enters
 // only at the load and store, the channel count is a compile-time loop bound,
 // and PLWarpMesh picks the member once through the format visit.
-#include "mesh_warp.h"
+#include "warp/mesh_warp.h"
 
 #include <algorithm>
 #include <array>
@@ -10,9 +10,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include "bilinear.h"
-#include "lanes.h"
-#include "pixel_format.h"
+#include "image/bilinear.h"
+#include "image/lanes.h"
+#include "image/pixel_format.h"
 
 // Other library code fills the mesh record by position.
 static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) == 8 &&

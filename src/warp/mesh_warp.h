@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "plimage.h"
+#include "image/plimage.h"
 
 // Floats per vertex of a triangle: x and y in the target, u and v in the
 // source, and a fifth value that the sort carries along and nothing reads.

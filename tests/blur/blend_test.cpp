@@ -5,8 +5,8 @@
 #include <cmath>
 #include <thread>
 
+#include "blur/motion_blur.h"
 #include "blur_test_util.h"
-#include "motion_blur.h"
 
 namespace {
 

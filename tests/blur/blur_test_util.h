@@ -10,9 +10,9 @@
 #include <memory>
 #include <vector>
 
-#include "kqmp.h"
-#include "plimage.h"
-#include "progress.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
+#include "mp/progress.h"
 
 template <typename T>
 constexpr int32_t PixelTypeOf() {

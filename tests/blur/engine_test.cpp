@@ -5,10 +5,10 @@
 #include <cmath>
 #include <limits>
 
+#include "blur/motion_blur.h"
 #include "blur_test_util.h"
-#include "licence.h"
-#include "motion_blur.h"
-#include "qvimage.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <limits>
 #include <random>
 
+#include "blur/motion_blur.h"
 #include "blur_test_util.h"
-#include "motion_blur.h"
 
 namespace {
 

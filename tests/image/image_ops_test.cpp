@@ -1,7 +1,7 @@
 // Tests of the whole-image operations: the arithmetic of each against values
 // derived by hand or in closed form, flipped rows and padding, the guards that
 // turn out-of-range input into a no-op, and one thread against several.
-#include "image_ops.h"
+#include "image/image_ops.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <cstring>
 #include <vector>
 
-#include "kqmp.h"
-#include "plimage.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The licence boundary: the environment switch of the gate, and the demo
 // imprint, which must show on any picture, stand upright in the host's row
 // order and never write outside the image.
-#include "licence.h"
+#include "licence/licence.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "plimage.h"
+#include "image/plimage.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Tests of the row dispatch: thread counts, row shares, the pool's life, the
 // host's runner, and failures on every kind of thread.
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // Tests of the progress chain: range mapping, abort, the per-worker objects,
 // and an abort that stops every worker of a running job.
-#include "progress.h"
+#include "mp/progress.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <vector>
 
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 namespace {
 

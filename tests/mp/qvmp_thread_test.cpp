@@ -1,5 +1,5 @@
 // Tests of the semaphore, the restartable thread and the spin mutex.
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 #include <gtest/gtest.h>
 

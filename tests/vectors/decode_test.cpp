@@ -1,11 +1,12 @@
 // Vector decoding: the encoding per pixel type, the alpha gate, row pairing of
 // flipped images, and the silent refusals that leave the flow untouched.
+#include "vectors/decode.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
-#include "flow_field.h"
 #include "image_helpers.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // The pull-and-push hole fill: its pyramid, what it keeps exactly, how it
 // spreads known values, progress and abort, failure while building, and the
 // channel conversion beside it.
-#include "fill.h"
+#include "vectors/fill.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "flow_field.h"
+#include "image/image_ops.h"
 #include "image_helpers.h"
+#include "vectors/fill.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <memory>
 
-#include "kqmp.h"
-#include "plimage.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
 
 using ImagePtr = std::unique_ptr<PLImage>;
 

@@ -2,7 +2,7 @@
 // values come from impulse responses and hand-computed sums, from ramps whose
 // bilinear interpolation is exact, and from plain pixel-at-a-time versions of
 // both operations that the blocked, threaded ones must match bit for bit.
-#include "resample.h"
+#include "image/resample.h"
 
 #include <gtest/gtest.h>
 
@@ -11,8 +11,9 @@
 #include <limits>
 #include <vector>
 
+#include "base/plerr.h"
+#include "image/filters.h"
 #include "image_helpers.h"
-#include "plerr.h"
 
 namespace {
 

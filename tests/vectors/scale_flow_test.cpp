@@ -1,7 +1,8 @@
 // The user's vector scale on the flow image.
+#include "vectors/scale_flow.h"
+
 #include <gtest/gtest.h>
 
-#include "flow_field.h"
 #include "image_helpers.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // each target type, and the driver's grid. Targets are pre-filled with a
 // sentinel so that a pixel written by mistake shows. Sources hold small
 // integers or dyadic linear ramps, on which the arithmetic is exact.
-#include "mesh_warp.h"
+#include "warp/mesh_warp.h"
 
 #include <gtest/gtest.h>
 

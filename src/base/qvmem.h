@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "plerr.h"
+#include "base/plerr.h"
 
 using QVMallocFunc = void* (*)(void* userData, unsigned long size);
 using QVFreeFunc = void (*)(void* userData, void* block);
