@@ -203,7 +203,7 @@ void PLMotionBlurRows(int32_t, bool isFirstWorker, int32_t firstRow, int32_t las
     QVIldeAndProgressMPInterruptible progress(parent, isFirstWorker, interrupted);
     const BlurCall call{output, source, flow, *amount, *x0, *x1, firstRow + *y0, lastRow + *y0, &progress};
     const bool count = *countOutside != 0;
-    const bool bilinear = *mode == 1;
+    const bool bilinear = *mode == PLBlurBilinear;
     // A pool thread has no handler above this one.
     try {
         PLVisitFormat(source->pixelType, source->numChannels, [&](auto format) {

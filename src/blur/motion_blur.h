@@ -13,8 +13,15 @@
 
 class QVImage;
 
+// How the blur samples the source: the plug-in blurs bilinearly; any mode but
+// bilinear samples the nearest pixel.
+enum PLBlurMode : int32_t {
+    PLBlurNearest = 0,
+    PLBlurBilinear = 1,
+};
+
 // One frame: decode and fill the flow at the vector frame's size, blur the
-// source into the output (mode 1 bilinear, anything else nearest), and stamp
+// source into the output (mode a PLBlurMode), and stamp
 // the demo imprint when stamp is non-zero. Returns 0 or the PLErr code; the
 // output may be partly written after an abort.
 int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, int64_t mode, int64_t stamp,

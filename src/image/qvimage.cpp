@@ -8,12 +8,11 @@
 
 namespace {
 
-// Host origin 0 stores rows bottom-up, which the image record calls flipped.
 int32_t FlippedForOrigin(int32_t origin) {
-    return origin == 0 ? 1 : 0;
+    return origin == QVOriginFlipped ? 1 : 0;
 }
 int32_t OriginForFlipped(int32_t flipped) {
-    return flipped ? 0 : 1;
+    return flipped ? QVOriginFlipped : QVOriginInOrder;
 }
 
 }  // namespace
@@ -151,9 +150,9 @@ PLErr QVImage::convertAlpha(int32_t mode) {
     if (!internal) return PLErrFailed;
     PLImage* image = internalImage();
     if (!image) return PLErrNone;
-    if (mode == 2)
+    if (mode == QVAlphaPremultiply)
         PLPremultiply(image);
-    else if (mode == 1)
+    else if (mode == QVAlphaUnpremultiply)
         PLUnpremultiply(image);
     return PLErrNone;
 }
