@@ -33,7 +33,9 @@ int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, in
 void PLMotionBlur(PLImage* output, const PLImage* source, const PLImage* flow, int32_t mode, int32_t unused,
                   QVIdleAndProgressClass* progress, bool countOutside, float amount);
 
-// The blur over columns x0..x1 and rows y0..y1 (inclusive). Throws PLErrFailed
+// The blur over columns x0..x1 and rows y0..y1 (inclusive). The plug-in runs
+// the bilinear, stop-at-edge body; nearest sampling and the count-outside rule
+// are kept for completeness. Throws PLErrFailed
 // for images that don't go together, and the first worker's PLErr after the job.
 void PLMotionBlurRegion(PLImage* output, const PLImage* source, const PLImage* flow, float amount,
                         int32_t mode, QVIdleAndProgressClass* progress, bool countOutside, int32_t x0,
@@ -59,4 +61,5 @@ int32_t PLBlendCompatible(const PLImage* first, const PLImage* second);
 
 // The older single-threaded blend. fieldMode 1 blends every row, 3 the odd
 // rows, anything else the even rows. Returns 1 on success, 0 when it did nothing.
+// Kept for completeness: the engine's four-channel images never reach it.
 int32_t PLBlend(float t, PLImage* first, const PLImage* second, int32_t fieldMode);

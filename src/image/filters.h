@@ -14,9 +14,9 @@
 void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes);
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes);
-void PLBoxBlur(float radius, PLImage* image, int32_t axes);
 void PLBinomial5Blur(PLImage* image, int32_t axes);
 
 // Kept for completeness: nothing on the plug-in's path makes these kernels.
+void PLBoxBlur(float radius, PLImage* image, int32_t axes);
 void PLCosineBlur(float radius, PLImage* image, int32_t axes);
 void PLBinomial3Blur(PLImage* image, int32_t axes);

@@ -60,6 +60,7 @@ class PLImage : public QVMem {
                  int32_t pixelType, int32_t flipped);
     void Init(bool allocate, int32_t rethrow);
 
+    // Slow per-pixel access, for paths kept for completeness; kernels walk rows.
     void GetPixel(int32_t x, int32_t y, float* out) const;
     void GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const;
     void SetPixel(int32_t x, int32_t y, const float* in);

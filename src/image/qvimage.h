@@ -57,11 +57,13 @@ class QVImage : public QVMem {
                            int32_t blue, int32_t alpha);
     PLErr wrapThreeChannels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                             int32_t pixelType);
+    // Kept for completeness: the render action wraps four, three and one channels only.
     PLErr wrapTwoChannels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                           int32_t pixelType);
     PLErr wrapOneChannel(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                          int32_t pixelType);
     // Adopts an image that stays its owner's and rewraps it on its own fields.
+    // Kept for completeness, like getImageInfo below.
     PLErr wrapImage(QVImageInternal* image);
 
     // Refreshes the cached fields from internal. Throws PLErrFailed without one.
