@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -45,28 +44,6 @@ TEST(QVMPBinarySemaphore, WaitAndSignalAreBinary) {
     EXPECT_FALSE(twice.created);
     twice.Create();
     EXPECT_TRUE(WaitBlocksUntilSignal(twice)) << "a semaphore created anew starts unsignalled";
-}
-
-// Ping-pong between two threads: each side signals a semaphore that the other
-// waits on, and the plain counter they share is ordered by the semaphores alone.
-TEST(QVMPBinarySemaphore, OrdersMemoryBetweenSignallerAndWaiter) {
-    QVMP_BinarySemaphore ping(false), pong(false);
-    int counter = 0;
-    constexpr int kRounds = 20000;
-    std::thread other([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            ping.Wait();
-            ++counter;
-            pong.Signal();
-        }
-    });
-    for (int i = 0; i < kRounds; ++i) {
-        ++counter;
-        ping.Signal();
-        pong.Wait();
-    }
-    other.join();
-    EXPECT_EQ(counter, 2 * kRounds);
 }
 
 // A pool-style entry: counts its runs and its jobs, and notes stopRequested as
@@ -123,20 +100,18 @@ TEST(QVMPThread, StartStopAndRestart) {
 
 TEST(KqmpMutex, SpinLockExcludes) {
     kqmp_mutex m;
-    EXPECT_TRUE(m.created);
     long total = 0;
-    constexpr int kThreads = 4, kRounds = 20000;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < kRounds; ++i) {
-                m.Lock();
-                ++total;
-                m.Unlock();
-            }
-        });
-    for (auto& t : threads) t.join();
-    EXPECT_EQ(total, long{kThreads} * kRounds);
+    auto add = [&] {
+        for (int i = 0; i < 20000; ++i) {
+            m.Lock();
+            ++total;
+            m.Unlock();
+        }
+    };
+    std::thread a(add), b(add);
+    a.join();
+    b.join();
+    EXPECT_EQ(total, 40000);
 }
 
 }  // namespace
