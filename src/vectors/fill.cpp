@@ -122,6 +122,7 @@ void PLSingleChannelFill::build(int32_t throwOnError) {
             ++lastLevel;
         } while (w != 2 || h != 2);
 
+        // Arrays of image pointers, so the pointer's size. NOLINTNEXTLINE(bugprone-sizeof-expression)
         const size_t arrayBytes = static_cast<size_t>(lastLevel + 1) * sizeof(PLImage*);
         PLImage*** arrays[4] = {&filled, &values, &weights, &scratch};
         for (PLImage*** array : arrays) {
