@@ -11,6 +11,7 @@ job=${1:-demo}
 preset=${2:-release}
 
 packages=(g++ cmake ninja-build pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
+          clang-format clang-tidy
           libopenimageio-dev openimageio-tools
           libopencv-core-dev libopencv-imgproc-dev libopencv-video-dev libopencv-features2d-dev)
 missing=()
