@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 
 #include "common/library.h"
 
@@ -300,4 +301,33 @@ TEST(ImageOps, PaddingSurvivesAndOneThreadAndSeveralGiveTheSameBits) {
     EXPECT_EQ(Get<uint8_t>(bytes3.image, 63, 100, 3), 0);
     EXPECT_TRUE(bytes3.GuardsIntact());
     PLClearImage(nullptr);
+}
+
+TEST(CopyChannelConverting, RoundsAndClampsIntoIntegers) {
+    const struct {
+        float in;
+        uint8_t uchar;
+        uint16_t ushort;
+    } cases[] = {{-3.0f, 0, 0},      {2.4f, 2, 2},       {2.5f, 3, 3},
+                 {254.6f, 255, 255}, {300.0f, 255, 300}, {70000.0f, 255, 65535}};
+    ImagePtr floats = MakeImage(6, 1, 2, PLPixelFloat);
+    for (int32_t x = 0; x < 6; ++x) Set<float>(*floats, x, 0, 1, cases[x].in);
+    ImagePtr bytes = MakeImage(6, 1, 3, PLPixelUChar), shorts = MakeImage(6, 1, 1, PLPixelUShort);
+    FillAll<uint8_t>(*bytes, 9);
+    PLCopyChannelConverting(bytes.get(), 2, floats.get(), 1);
+    PLCopyChannelConverting(shorts.get(), 0, floats.get(), 1);
+    for (int32_t x = 0; x < 6; ++x) {
+        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 2), cases[x].uchar) << cases[x].in;
+        EXPECT_EQ(Get<uint16_t>(*shorts, x, 0, 0), cases[x].ushort) << cases[x].in;
+        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 0), 9) << "other channels untouched";
+    }
+    PLCopyChannelConverting(bytes.get(), 0, shorts.get(), 0);
+    EXPECT_EQ(Get<uint8_t>(*bytes, 4, 0, 0), 255) << "300 clamps";
+    ImagePtr back = MakeImage(6, 1, 1, PLPixelFloat);
+    PLCopyChannelConverting(back.get(), 0, shorts.get(), 0);
+    EXPECT_EQ(Get<float>(*back, 5, 0, 0), 65535.0f) << "no range scaling";
+    Set<float>(*floats, 0, 0, 1, std::numeric_limits<float>::quiet_NaN());
+    PLCopyChannelConverting(back.get(), 0, floats.get(), 1);
+    EXPECT_EQ(Bits(Get<float>(*back, 0, 0, 0)), Bits(Get<float>(*floats, 0, 0, 1)))
+        << "like types copy the bits";
 }

@@ -84,16 +84,6 @@ TEST(Kqmp, ThreadsForRows) {
     setThreadCount(0);
 }
 
-TEST(Kqmp, SplitRowsGivesTheRemainderToTheLast) {
-    const int32_t expected[3][2] = {{0, 32}, {33, 65}, {66, 99}};
-    for (int32_t i = 0; i < 3; ++i) {
-        int32_t first = -9, last = -9;
-        kqmp_splitrows(3, i, 100, &first, &last);
-        EXPECT_EQ(first, expected[i][0]) << "thread " << i;
-        EXPECT_EQ(last, expected[i][1]) << "thread " << i;
-    }
-}
-
 TEST(Kqmp, EveryRowOnceInContiguousShares) {
     for (int32_t threads : {1, 2, 3, 4, 5, 7, 8, 16, 33}) {
         for (int32_t rows : {1, 2, 15, 16, 17, 31, 32, 100, 101, 1000, 1023}) {

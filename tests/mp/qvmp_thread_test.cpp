@@ -1,4 +1,5 @@
-// Tests of the semaphore, the restartable thread and the spin mutex.
+// Tests of the semaphore and the spin mutex. The restartable thread is the
+// pool's, tested through the dispatch (Kqmp.JobAfterShutdownStartsThreadsAnew).
 #include "mp/qvmp_thread.h"
 
 #include <gtest/gtest.h>
@@ -44,58 +45,6 @@ TEST(QVMPBinarySemaphore, WaitAndSignalAreBinary) {
     EXPECT_FALSE(twice.created);
     twice.Create();
     EXPECT_TRUE(WaitBlocksUntilSignal(twice)) << "a semaphore created anew starts unsignalled";
-}
-
-// A pool-style entry: counts its runs and its jobs, and notes stopRequested as
-// seen when it starts.
-struct Worker {
-    QVMP_Thread thread;
-    int runs = 0;
-    int jobs = 0;
-    bool stopSeenAtStart = true;
-};
-
-void* WorkerEntry(void* argument) {
-    auto* w = static_cast<Worker*>(argument);
-    ++w->runs;
-    w->stopSeenAtStart = w->thread.stopRequested;
-    for (;;) {
-        w->thread.goSignal.Wait();
-        if (w->thread.stopRequested) return nullptr;
-        ++w->jobs;
-        w->thread.doneSignal.Signal();
-    }
-}
-
-TEST(QVMPThread, StartStopAndRestart) {
-    Worker w;
-    const int32_t baseline = kqmp_threadcount;
-
-    w.thread.Stop();  // never started: nothing happens
-    EXPECT_FALSE(w.thread.started);
-    EXPECT_EQ(kqmp_threadcount, baseline);
-
-    w.thread.Start(WorkerEntry, &w);
-    w.thread.Start(WorkerEntry, &w);  // already started: nothing changes
-    EXPECT_TRUE(w.thread.started);
-    EXPECT_EQ(kqmp_threadcount, baseline + 1);
-    w.thread.goSignal.Signal();
-    w.thread.doneSignal.Wait();
-    w.thread.Stop();
-    EXPECT_FALSE(w.thread.started);
-    EXPECT_EQ(kqmp_threadcount, baseline);
-    EXPECT_EQ(w.runs, 1) << "a second Start on a started thread must not create another";
-    EXPECT_EQ(w.jobs, 1);
-
-    w.thread.Start(WorkerEntry, &w);
-    EXPECT_TRUE(w.thread.started);
-    w.thread.goSignal.Signal();
-    w.thread.doneSignal.Wait();
-    w.thread.Stop();
-    EXPECT_EQ(w.runs, 2) << "a stopped thread starts its entry afresh";
-    EXPECT_FALSE(w.stopSeenAtStart) << "Start clears stopRequested";
-    EXPECT_EQ(w.jobs, 2);
-    EXPECT_EQ(kqmp_threadcount, baseline);
 }
 
 TEST(KqmpMutex, SpinLockExcludes) {

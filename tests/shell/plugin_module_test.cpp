@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "ofxOld.h"
-#include "plugin_session.h"
+#include "common/plugin_session.h"
 
 using trelvotest::Bundle;
 using trelvotest::HostConfig;

@@ -1,6 +1,5 @@
 // The pull-and-push hole fill: its pyramid, what it keeps exactly, how it
-// spreads known values, progress and abort, failure while building, and the
-// channel conversion beside it.
+// spreads known values, progress and abort, and failure while building.
 #include "vectors/fill.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 #include <vector>
 
 #include "common/library.h"
-#include "image/image_ops.h"
 #include "vectors/fill.h"
 
 namespace {
@@ -229,35 +227,6 @@ TEST(SingleChannelFill, FailureWhileBuildingLeavesAnEmptyObject) {
         quiet.fill(nullptr, 0);
     }
     EXPECT_EQ(PLSingleChannelFill(0, 0, 5).error, PLErrFailed);
-}
-
-TEST(CopyChannelConverting, RoundsAndClampsIntoIntegers) {
-    const struct {
-        float in;
-        uint8_t uchar;
-        uint16_t ushort;
-    } cases[] = {{-3.0f, 0, 0},      {2.4f, 2, 2},       {2.5f, 3, 3},
-                 {254.6f, 255, 255}, {300.0f, 255, 300}, {70000.0f, 255, 65535}};
-    ImagePtr floats = MakeImage(6, 1, 2, PLPixelFloat);
-    for (int32_t x = 0; x < 6; ++x) Set<float>(*floats, x, 0, 1, cases[x].in);
-    ImagePtr bytes = MakeImage(6, 1, 3, PLPixelUChar), shorts = MakeImage(6, 1, 1, PLPixelUShort);
-    FillAll<uint8_t>(*bytes, 9);
-    PLCopyChannelConverting(bytes.get(), 2, floats.get(), 1);
-    PLCopyChannelConverting(shorts.get(), 0, floats.get(), 1);
-    for (int32_t x = 0; x < 6; ++x) {
-        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 2), cases[x].uchar) << cases[x].in;
-        EXPECT_EQ(Get<uint16_t>(*shorts, x, 0, 0), cases[x].ushort) << cases[x].in;
-        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 0), 9) << "other channels untouched";
-    }
-    PLCopyChannelConverting(bytes.get(), 0, shorts.get(), 0);
-    EXPECT_EQ(Get<uint8_t>(*bytes, 4, 0, 0), 255) << "300 clamps";
-    ImagePtr back = MakeImage(6, 1, 1, PLPixelFloat);
-    PLCopyChannelConverting(back.get(), 0, shorts.get(), 0);
-    EXPECT_EQ(Get<float>(*back, 5, 0, 0), 65535.0f) << "no range scaling";
-    Set<float>(*floats, 0, 0, 1, std::numeric_limits<float>::quiet_NaN());
-    PLCopyChannelConverting(back.get(), 0, floats.get(), 1);
-    EXPECT_EQ(Bits(Get<float>(*back, 0, 0, 0)), Bits(Get<float>(*floats, 0, 0, 1)))
-        << "like types copy the bits";
 }
 
 }  // namespace
