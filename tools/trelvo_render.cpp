@@ -12,6 +12,7 @@
 #include <string>
 
 #include "describe_plugin.h"
+#include "footage_motion.h"
 #include "frame_loop.h"
 #include "render_options.h"
 #include "render_plan.h"
@@ -51,6 +52,11 @@ int main(int argc, char** argv) {
     if (!planRender(options, job, error)) {
         std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
         return 2;
+    }
+    if (job.inputs.estimate) {
+        keepOpenCvSerialUnderThreadSanitizer();
+        job.inputs.motion = footageMotionSource(job.source, job.inputs.sourceChannels,
+                                                job.inputs.footageFirst, job.inputs.footageLast);
     }
     return renderJob(options, job, plugin);
 }
