@@ -9,8 +9,10 @@
 #include <cctype>
 #include <cstdio>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "flow_preview.h"
 #include "footage_motion.h"
 #include "frames.h"
 #include "option_table.h"
@@ -27,6 +29,7 @@ struct Options {
     bool strict = false;
     std::string source, sourceLayer;  // the footage of --vectors estimate
     std::string vectors, output, frames, depth = "float", compression;
+    std::string preview;  // --preview: the vectors as colour, to look at
     double maxDisplace = 0.0;
     VectorOptions vectorInput;
 };
@@ -46,6 +49,7 @@ std::vector<OptionRule<Options>> makeRules() {
          }},
         {"--output", true, [](Options& o, const std::string& v) { return o.output = v, std::string(); }},
         {"--frames", true, [](Options& o, const std::string& v) { return o.frames = v, std::string(); }},
+        {"--preview", true, [](Options& o, const std::string& v) { return o.preview = v, std::string(); }},
         {"--compression", true,
          [](Options& o, const std::string& v) { return o.compression = v, std::string(); }},
         {"--depth", true,
@@ -90,6 +94,10 @@ std::string usage() {
                "  --max-displace M     encode with this M instead of the smallest power of two that holds\n"
                "                       the clip's largest vector (one reading of the pass less)\n"
                "  --compression NAME   output compression where the format has one (zip, piz, lzw, ...)\n"
+               "  --preview PATH       also write each frame's vectors as a picture to look at (.png,\n"
+               "                       .jpg): hue the direction (right red, up yellow-green, left cyan,\n"
+               "                       down violet), saturation the length (white: still, full colour:\n"
+               "                       Max Displacement), holes black\n"
                "  --strict             a frame with no known vector is an error, not a warning\n"
                "  --quiet              no progress, only warnings, errors and the Max Displacement\n"
                "\n"
@@ -112,6 +120,16 @@ bool checkOutputFormat(const std::string& path, const std::string& depth, std::s
         error = "--output '" + path + "': PNG holds no float; add --depth 16";
     else if (ext != "exr" && ext != "png" && !tiff)
         error = "--output '" + path + "': write a vector clip as .exr (float), .tif or .png (--depth 16)";
+    return error.empty();
+}
+
+// A preview is an 8-bit picture.
+bool checkPreviewFormat(const std::string& path, std::string& error) {
+    const size_t dot = path.find_last_of('.');
+    std::string ext = dot == std::string::npos ? "" : path.substr(dot + 1);
+    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (ext != "png" && ext != "jpg" && ext != "jpeg" && ext != "tif" && ext != "tiff")
+        error = "--preview '" + path + "': write a preview as .png, .jpg or .tif";
     return error.empty();
 }
 
@@ -171,17 +189,28 @@ int plan(Options& o, VectorClipJob& job, InputPlan& inputs, SequencePath& input,
             return 2;
         }
     }
-    const std::string folder = folderOf(o.output);
-    struct stat info;
-    if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-        error = "--output: the folder '" + folder + "' does not exist";
+    if (!o.preview.empty() && (!job.preview.parse(o.preview, error) || !checkPreviewFormat(o.preview, error)))
+        return 2;
+    if (job.frames.size() > 1 && !o.preview.empty() && !job.preview.isSequence()) {
+        error = "--preview '" + o.preview + "' needs a frame pattern (#### or %04d) to hold " +
+                std::to_string(job.frames.size()) + " frames";
         return 2;
     }
-    if (access(folder.c_str(), W_OK | X_OK) != 0) {
-        error = "--output: the folder '" + folder + "' is not writable";
-        return 2;
+    for (const auto& [option, path] : {std::pair{"--output", o.output}, std::pair{"--preview", o.preview}}) {
+        if (path.empty()) continue;
+        const std::string folder = folderOf(path);
+        struct stat info;
+        if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+            error = std::string(option) + ": the folder '" + folder + "' does not exist";
+            return 2;
+        }
+        if (access(folder.c_str(), W_OK | X_OK) != 0) {
+            error = std::string(option) + ": the folder '" + folder + "' is not writable";
+            return 2;
+        }
     }
     if (!checkNoInputOverwritten(job.output, {&input}, job.frames, error) ||
+        (!o.preview.empty() && !checkNoInputOverwritten(job.preview, {&input}, job.frames, error)) ||
         !(estimate ? planFootage(input, o.sourceLayer, job.frames, inputs, error)
                    : planInputs(nullptr, "", input, job.frames, o.vectorInput, inputs, error)))
         return 2;
@@ -214,6 +243,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "trelvo-vectors: %s\n", error.c_str());
         return status;
     }
+    if (!options.preview.empty()) job.writePreview = writeFlowPreview;
     if (inputs.estimate) {
         keepOpenCvSerialUnderThreadSanitizer();
         inputs.motion =

@@ -249,7 +249,8 @@ int writeVectorClip(const VectorClipJob& job, MotionSource& motion, ProgressRepo
         describeEncoding(clip, maxDisplace);
         const std::string path = job.output.frame(frame);
         if (stopSignal()) return stopped(progress);
-        if (!writeHostPixels(path, clip, settings, error)) {
+        if (!writeHostPixels(path, clip, settings, error) ||
+            (job.writePreview && !job.writePreview(raw, maxDisplace, job.preview.frame(frame), error))) {
             progress.message("trelvo-vectors: " + error);
             progress.finish();
             return 1;

@@ -7,6 +7,7 @@
 // once and kept between the two passes.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,11 @@ struct VectorClipJob {
     // file in the output folder (about 9 bytes a pixel, 19 MB for a 1080p
     // frame, less than the clip it becomes) that is unlinked as it is made.
     bool keepMotion = false;
+    // --preview: each frame's motion also written as a picture to look at,
+    // by `writePreview` (flow_preview.h), at the frame's name in `preview`.
+    SequencePath preview;
+    std::function<bool(const RawVectors&, double maxDisplace, const std::string& path, std::string& error)>
+        writePreview;
 };
 
 // Gives the exit code: 0 done, 1 a file failed (or, strict, a frame had no

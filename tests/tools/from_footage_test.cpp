@@ -94,9 +94,14 @@ TEST_F(FromFootage, RenderingBlursExactlyAsTheClipTrelvoVectorsWrites) {
     scene.vx = 2.6;
     scene.vy = -1.3;
     WriteFootage(scene, 4);
-    Outcome run = Vectors({"--vectors", "estimate", "--output", dir_ + "/out/mv.####.exr"});
+    Outcome run = Vectors({"--vectors", "estimate", "--output", dir_ + "/out/mv.####.exr", "--preview",
+                           dir_ + "/out/look.####.png"});
     ASSERT_EQ(run.status, 0) << run.err;
     ASSERT_NE(run.err.find("Max Displacement: 4\n"), std::string::npos) << run.err;
+    OIIO::ImageBuf look(dir_ + "/out/look.0004.png");
+    ASSERT_TRUE(look.init_spec(look.name(), 0, 0)) << look.geterror();
+    EXPECT_EQ(look.spec().width, 96);
+    EXPECT_EQ(look.spec().format, OIIO::TypeDesc::UINT8);
     run = Render({"--vectors", "estimate", "--output", dir_ + "/out/a.####.exr", "--amount", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
     run = Render(
@@ -171,6 +176,9 @@ TEST_F(FromFootage, WhatDoesNotFitEstimationIsRefusedBeforeTheFirstFrame) {
          {"--vectors", "estimate", "--vectors-from", "blender"},
          "--vectors-from describes a vector clip"},
         {false, {"--vectors", "estimate", "--vector-flip-y"}, "--vector-flip-y describes a motion pass"},
+        {false,
+         {"--vectors", "estimate", "--preview", dir_ + "/out/look.exr"},
+         "--preview '" + dir_ + "/out/look.exr': write a preview as .png, .jpg or .tif"},
         {true,
          {"--vectors", "estimate", "--frames", "4"},
          "source frame 5 is missing: " + Path("plate", 5) +
