@@ -60,6 +60,13 @@ std::unique_ptr<MotionSource> footageMotionSource(const SequencePath& footage,
     return std::make_unique<FootageSource>(footage, channels, first, last, settings);
 }
 
+MotionEstimateSettings estimateSettingsFor(const std::string& preset) {
+    MotionEstimateSettings settings;
+    if (preset == "ultrafast") settings.preset = FlowPreset::UltraFast;
+    if (preset == "fast") settings.preset = FlowPreset::Fast;
+    return settings;
+}
+
 void keepOpenCvSerialUnderThreadSanitizer() {
 #if defined(__SANITIZE_THREAD__)
     cv::setNumThreads(1);

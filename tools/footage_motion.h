@@ -19,6 +19,9 @@ std::unique_ptr<MotionSource> footageMotionSource(const SequencePath& footage,
                                                   const std::vector<std::string>& channels, int first,
                                                   int last, const MotionEstimateSettings& settings = {});
 
+// The settings --estimate-preset names ("" for the defaults).
+MotionEstimateSettings estimateSettingsFor(const std::string& preset);
+
 // Under the thread sanitizer OpenCV's parallel loops run on TBB, whose
 // synchronisation the sanitizer cannot see: the tools then keep OpenCV on
 // the calling thread. Nothing in other builds.

@@ -56,7 +56,8 @@ int main(int argc, char** argv) {
     if (job.inputs.estimate) {
         keepOpenCvSerialUnderThreadSanitizer();
         job.inputs.motion = footageMotionSource(job.source, job.inputs.sourceChannels,
-                                                job.inputs.footageFirst, job.inputs.footageLast);
+                                                job.inputs.footageFirst, job.inputs.footageLast,
+                                                estimateSettingsFor(options.vectorInput.estimatePreset));
     }
     return renderJob(options, job, plugin);
 }

@@ -234,6 +234,13 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
              o.scaleGiven = true;
              return std::string();
          }},
+        {"--estimate-preset", true,
+         [](VectorOptions& o, const std::string& v) {
+             if (v != "ultrafast" && v != "fast" && v != "medium")
+                 return "option '--estimate-preset': '" + v + "' is not ultrafast, fast or medium";
+             o.estimatePreset = v;
+             return std::string();
+         }},
     };
     return rules;
 }
@@ -259,7 +266,9 @@ std::string vectorOptionsHelp(bool encodedToo) {
 }
 
 bool checkVectorOptions(const VectorOptions& o, std::string& error) {
-    if (!o.preset.empty() && o.units == "encoded")
+    if (!o.estimatePreset.empty())
+        error = "--estimate-preset applies to --vectors estimate";
+    else if (!o.preset.empty() && o.units == "encoded")
         error = "--vectors-from " + o.preset + " reads a pass in pixels; leave out --vector-units encoded";
     else if (!o.preset.empty() && !o.channels.empty() && splitNames(o.channels).size() != 4)
         error = "--vector-channels " + o.channels + ": with --vectors-from " + o.preset +

@@ -21,6 +21,8 @@ struct VectorOptions {
     bool flipY = false;    // --vector-flip-y
     double scale = 1.0;    // --vector-scale
     bool scaleGiven = false;
+    // --estimate-preset for --vectors estimate: "", "ultrafast", "fast" or "medium"
+    std::string estimatePreset;
 
     // The vectors are displacements in pixels, encoded by the tool itself.
     bool inPixels() const { return units == "pixels" || !preset.empty(); }
@@ -54,7 +56,8 @@ bool planInputs(const SequencePath* source, const std::string& sourceLayer, cons
 // The value of --vectors that asks for motion estimated from the Source.
 inline const char* const kEstimateVectors = "estimate";
 
-// The vector options given, by name: none fits --vectors estimate.
+// The options given that describe a vector clip, by name: none fits
+// --vectors estimate.
 std::vector<std::string> vectorOptionsGiven(const VectorOptions& options);
 
 // --vectors estimate: the footage is the Source's frames on disk. Checks

@@ -94,15 +94,17 @@ TEST_F(FromFootage, RenderingBlursExactlyAsTheClipTrelvoVectorsWrites) {
     scene.vx = 2.6;
     scene.vy = -1.3;
     WriteFootage(scene, 4);
-    Outcome run = Vectors({"--vectors", "estimate", "--output", dir_ + "/out/mv.####.exr", "--preview",
-                           dir_ + "/out/look.####.png"});
+    // With a preset of the flow other than the default: both tools take it.
+    Outcome run = Vectors({"--vectors", "estimate", "--estimate-preset", "fast", "--output",
+                           dir_ + "/out/mv.####.exr", "--preview", dir_ + "/out/look.####.png"});
     ASSERT_EQ(run.status, 0) << run.err;
     ASSERT_NE(run.err.find("Max Displacement: 4\n"), std::string::npos) << run.err;
     OIIO::ImageBuf look(dir_ + "/out/look.0004.png");
     ASSERT_TRUE(look.init_spec(look.name(), 0, 0)) << look.geterror();
     EXPECT_EQ(look.spec().width, 96);
     EXPECT_EQ(look.spec().format, OIIO::TypeDesc::UINT8);
-    run = Render({"--vectors", "estimate", "--output", dir_ + "/out/a.####.exr", "--amount", "1"});
+    run = Render({"--vectors", "estimate", "--estimate-preset", "fast", "--output", dir_ + "/out/a.####.exr",
+                  "--amount", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
     run = Render(
         {"--vectors", dir_ + "/out/mv.####.exr", "--output", dir_ + "/out/b.####.exr", "--amount", "1"});
@@ -184,6 +186,12 @@ TEST_F(FromFootage, WhatDoesNotFitEstimationIsRefusedBeforeTheFirstFrame) {
          "source frame 5 is missing: " + Path("plate", 5) +
              "; the motion of frame 4 is estimated with it (the footage on disk runs 1-6)"},
         {true, {"--vectors", "estimate", "--frames", "7"}, "source frame 7 is missing"},
+        {true,
+         {"--vectors", Path("plate", 1), "--estimate-preset", "fast"},
+         "--estimate-preset applies to --vectors estimate"},
+        {false,
+         {"--vectors", "estimate", "--estimate-preset", "slow"},
+         "option '--estimate-preset': 'slow' is not ultrafast, fast or medium"},
         {false,
          {"--vectors", "estimate", "--frames", "3"},
          Path("plate", 4) + " is 41x32 but " + Path("plate", 2) + " is 40x32"},
