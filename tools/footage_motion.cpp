@@ -1,6 +1,8 @@
 #include "footage_motion.h"
 
+#include <map>
 #include <opencv2/core/utility.hpp>
+#include <utility>
 
 namespace {
 
@@ -17,7 +19,13 @@ class FootageSource : public MotionSource {
             sequence_ = std::make_unique<MotionSequence>(
                 first_, last_,
                 [this](int number, HostPixels& pixels, std::string& why) {
-                    return readHostPixels(footage_.frame(number), {scale_, false, channels_}, pixels, why);
+                    if (!readHostPixels(footage_.frame(number), {scale_, false, channels_}, pixels, why))
+                        return false;
+                    // Kept for takePicture: the frame just read and the one before.
+                    pictures_.erase(pictures_.begin(), pictures_.lower_bound(number - 1));
+                    pictures_.erase(pictures_.upper_bound(number + 1), pictures_.end());
+                    pictures_[number] = pixels;
+                    return true;
                 },
                 settings_);
         } else if (scale != scale_) {
@@ -36,6 +44,14 @@ class FootageSource : public MotionSource {
         return true;
     }
 
+    bool takePicture(int frame, HostPixels& picture) override {
+        const auto found = pictures_.find(frame);
+        if (found == pictures_.end()) return false;
+        picture = std::move(found->second);
+        pictures_.erase(found);
+        return true;
+    }
+
     std::string name(int frame) const override { return "the motion estimated for " + footage_.frame(frame); }
 
     std::string whyNoneKnown() const override {
@@ -50,6 +66,7 @@ class FootageSource : public MotionSource {
     MotionEstimateSettings settings_;
     double scale_ = 1.0;
     std::unique_ptr<MotionSequence> sequence_;
+    std::map<int, HostPixels> pictures_;  // frames read, by number
 };
 
 }  // namespace

@@ -113,9 +113,12 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
         progress.frameStarted(frame);
         HostPixels source, output;
         FrameVectors vectors;
-        if (!readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
-                            error) ||
-            !frameVectors(o, job, frame, userMaxDisplace, standing, vectors, error)) {
+        // The vectors first: motion estimated on the Source has its picture already.
+        MotionSource* motion = job.inputs.motion.get();
+        if (!frameVectors(o, job, frame, userMaxDisplace, standing, vectors, error) ||
+            (!(motion && motion->takePicture(frame, source)) &&
+             !readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
+                             error))) {
             progress.message("trelvo-render: " + error);
             progress.finish();
             return 1;
