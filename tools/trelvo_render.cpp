@@ -14,6 +14,7 @@
 #include "describe_plugin.h"
 #include "footage_motion.h"
 #include "frame_loop.h"
+#include "heap_tuning.h"
 #include "render_options.h"
 #include "render_plan.h"
 
@@ -31,6 +32,7 @@ std::string defaultPlugin() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepFrameBuffersInTheHeap();
     const std::string usage = renderUsage(TRELVO_DEFAULT_PLUGIN, TRELVO_INSTALLED_PLUGIN);
     RenderOptions options;
     std::string error;

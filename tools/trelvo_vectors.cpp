@@ -15,6 +15,7 @@
 #include "flow_preview.h"
 #include "footage_motion.h"
 #include "frames.h"
+#include "heap_tuning.h"
 #include "option_table.h"
 #include "render_plan.h"
 #include "stop_signal.h"
@@ -227,6 +228,7 @@ int plan(Options& o, VectorClipJob& job, InputPlan& inputs, SequencePath& input,
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepFrameBuffersInTheHeap();
     Options options;
     std::string error;
     static const std::vector<OptionRule<Options>> rules = makeRules();
