@@ -1,7 +1,8 @@
 # The Blender shot of the README's picture docs/from_footage.png, made to
 # stand for plain footage: ten 640x360 frames of a camera trucking right and
 # panning past a brick wall, a stone floor and a crate, while a small ball
-# (about 40 pixels across) flies across the frame at about 50 pixels a frame.
+# (about 40 pixels across) flies across the frame, about 40 pixels a frame
+# one way while the wall moves about 30 the other.
 # Cycles, textured materials, no motion blur; OpenEXR MultiLayer with the
 # Vector pass, beauty.0001.exr ... beauty.0010.exr, in the current folder:
 #   blender -b -noaudio --factory-startup -P docs/footage_shot.py -a
