@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <set>
 
 #include "channel_layout.h"
 #include "image_file.h"
@@ -370,8 +371,9 @@ bool planFootage(const SequencePath& source, const std::string& sourceLayer, con
     plan.footageFirst = onDisk.front();
     plan.footageLast = onDisk.back();
     const std::string range = std::to_string(plan.footageFirst) + "-" + std::to_string(plan.footageLast);
-    // The frames read: those wanted and their neighbours inside the footage.
+    // The frames read, in the order first read: those wanted and their neighbours inside the footage.
     std::vector<int> read;
+    std::set<int> seen;
     for (int frame : frames) {
         if (frame < plan.footageFirst || frame > plan.footageLast) {
             error = "source frame " + std::to_string(frame) + " is missing: " + source.frame(frame) +
@@ -379,11 +381,10 @@ bool planFootage(const SequencePath& source, const std::string& sourceLayer, con
             return false;
         }
         for (int k : {frame - 1, frame, frame + 1})
-            if (k >= plan.footageFirst && k <= plan.footageLast &&
-                std::find(read.begin(), read.end(), k) == read.end())
-                read.push_back(k);
+            if (k >= plan.footageFirst && k <= plan.footageLast && seen.insert(k).second) read.push_back(k);
     }
-    const auto wanted = [&](int k) { return std::find(frames.begin(), frames.end(), k) != frames.end(); };
+    const std::set<int> asked(frames.begin(), frames.end());
+    const auto wanted = [&](int k) { return asked.count(k) > 0; };
     for (int k : read) {
         if (std::binary_search(onDisk.begin(), onDisk.end(), k)) continue;
         error = "source frame " + std::to_string(k) + " is missing: " + source.frame(k);
