@@ -194,6 +194,10 @@ int plan(Options& o, VectorClipJob& job, InputPlan& inputs, SequencePath& input,
     }
     if (!o.preview.empty() && (!job.preview.parse(o.preview, error) || !checkPreviewFormat(o.preview, error)))
         return 2;
+    if (o.preview == o.output) {
+        error = "--preview and --output name the same files";
+        return 2;
+    }
     if (job.frames.size() > 1 && !o.preview.empty() && !job.preview.isSequence()) {
         error = "--preview '" + o.preview + "' needs a frame pattern (#### or %04d) to hold " +
                 std::to_string(job.frames.size()) + " frames";
