@@ -42,7 +42,7 @@ class FromFootage : public ToolFolder {
             ADD_FAILURE() << path << ": " << image.geterror();
             return px;
         }
-        px.resize(image.spec().image_pixels() * 4);
+        px.resize(image.nativespec().image_pixels() * 4);
         EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data())) << path;
         return px;
     }
@@ -61,9 +61,9 @@ class FromFootage : public ToolFolder {
 void MedianMotion(const std::string& path, double& dx, double& dy, double& known) {
     OIIO::ImageBuf clip(path);
     ASSERT_TRUE(clip.init_spec(path, 0, 0)) << path;
-    const float m = clip.spec().get_float_attribute("trelvo:MaxDisplace", 0.0f);
+    const float m = clip.nativespec().get_float_attribute("trelvo:MaxDisplace", 0.0f);
     ASSERT_GT(m, 0.0f) << path;
-    const int w = clip.spec().width, h = clip.spec().height;
+    const int w = clip.nativespec().width, h = clip.nativespec().height;
     std::vector<float> px(static_cast<size_t>(w) * h * 4);
     ASSERT_TRUE(clip.get_pixels(clip.roi(), OIIO::TypeDesc::FLOAT, px.data()));
     std::vector<double> xs, ys;
@@ -101,8 +101,8 @@ TEST_F(FromFootage, RenderingBlursExactlyAsTheClipTrelvoVectorsWrites) {
     ASSERT_NE(run.err.find("Max Displacement: 4\n"), std::string::npos) << run.err;
     OIIO::ImageBuf look(dir_ + "/out/look.0004.png");
     ASSERT_TRUE(look.init_spec(look.name(), 0, 0)) << look.geterror();
-    EXPECT_EQ(look.spec().width, 96);
-    EXPECT_EQ(look.spec().format, OIIO::TypeDesc::UINT8);
+    EXPECT_EQ(look.nativespec().width, 96);
+    EXPECT_EQ(look.nativespec().format, OIIO::TypeDesc::UINT8);
     run = Render({"--vectors", "estimate", "--estimate-preset", "fast", "--output", dir_ + "/out/a.####.exr",
                   "--amount", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
