@@ -17,6 +17,9 @@
 
 namespace {
 
+// What one read may take: a frame of the largest size in four float channels.
+constexpr int64_t kMaxReadBytes = kMaxFramePixels * 4 * 4;
+
 OIIO::TypeDesc typeOf(PixelDepth depth) {
     switch (depth) {
         case PixelDepth::Byte:
@@ -59,6 +62,15 @@ PixelDepth depthOfChannels(const OIIO::ImageSpec& header, const std::vector<int>
 bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO::ImageSpec& header, int part,
                       int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
                       OIIO::ImageBuf& file, std::string& error) {
+    if (!checkFrameSize(path, header, error)) return false;
+    const int64_t bytes = static_cast<int64_t>(header.width) * header.height * (end - first) *
+                          static_cast<int64_t>(type.size());
+    if (bytes > kMaxReadBytes) {
+        error = path + ": reading " + std::to_string(end - first) + " channels of its " +
+                std::to_string(header.width) + " x " + std::to_string(header.height) + " pixels takes " +
+                std::to_string(bytes >> 20) + " MiB, more than the 4 GiB read at once";
+        return false;
+    }
     file.reset(OIIO::ImageSpec(header.width, header.height, end - first, type));
     if (!in.read_image(part, 0, first, end, type, file.localpixels())) {
         error = path + ": " + in.geterror();
