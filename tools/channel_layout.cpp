@@ -7,19 +7,7 @@
 #include <cstring>
 #include <memory>
 
-bool checkFrameSize(const std::string& path, const OIIO::ImageSpec& header, std::string& error) {
-    const std::string size = std::to_string(header.width) + " x " + std::to_string(header.height);
-    if (header.width < 1 || header.height < 1) {
-        error = path + ": its header gives a frame of " + size + " pixels";
-        return false;
-    }
-    if (static_cast<int64_t>(header.width) * header.height > kMaxFramePixels) {
-        error = path + ": its header gives a frame of " + size + " pixels, more than the " +
-                std::to_string(kMaxFramePixels) + " (16384 x 16384) the tools read";
-        return false;
-    }
-    return true;
-}
+#include "header_check.h"
 
 std::string channelIn(const std::string& layer, const std::string& channel) {
     return layer.empty() ? channel : layer + "." + channel;
@@ -33,6 +21,7 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
         error = path + ": " + std::strerror(errno);
         return false;
     }
+    if (!checkExrHeader(path, error)) return false;
     std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path);
     if (!in) {
         error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
@@ -44,7 +33,7 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
         return false;
     }
     for (const OIIO::ImageSpec& header : headers_)
-        if (!checkFrameSize(path, header, error)) return false;
+        if (!checkFrameSize(path, header.width, header.height, error)) return false;
     return true;
 }
 

@@ -7,23 +7,13 @@
 
 #include <OpenImageIO/imageio.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
-
-// The largest frame the tools read: 2^28 pixels, 16384 x 16384. A header can
-// claim any size, and a truncated file would still have its whole frame
-// allocated before the read fails: a frame past this is refused first.
-inline constexpr int64_t kMaxFramePixels = int64_t{1} << 28;
-
-// False, with a message naming the file, when the header gives a frame of
-// no pixels or of more than kMaxFramePixels.
-bool checkFrameSize(const std::string& path, const OIIO::ImageSpec& header, std::string& error);
 
 class ChannelLayout {
   public:
     // Reads the headers of every part. False with a message naming the file
-    // when it is missing, no image, or a part's frame size is refused.
+    // when it is missing, no image, or refused by the header checks.
     bool read(const std::string& path, std::string& error);
     // The same from a file already open.
     void read(OIIO::ImageInput& file, const std::string& path);

@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "channel_layout.h"
+#include "header_check.h"
 
 namespace {
 
@@ -62,7 +63,7 @@ PixelDepth depthOfChannels(const OIIO::ImageSpec& header, const std::vector<int>
 bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO::ImageSpec& header, int part,
                       int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
                       OIIO::ImageBuf& file, std::string& error) {
-    if (!checkFrameSize(path, header, error)) return false;
+    if (!checkFrameSize(path, header.width, header.height, error)) return false;
     const int64_t bytes = static_cast<int64_t>(header.width) * header.height * (end - first) *
                           static_cast<int64_t>(type.size());
     if (bytes > kMaxReadBytes) {
@@ -98,6 +99,7 @@ std::unique_ptr<OIIO::ImageInput> openImage(const std::string& path, std::string
         error = path + ": " + std::strerror(errno);
         return nullptr;
     }
+    if (!checkExrHeader(path, error)) return nullptr;
     OIIO::ImageSpec config;
     config.attribute("oiio:UnassociatedAlpha", 1);
     std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path, &config);

@@ -1,6 +1,7 @@
-// Image files whose headers claim absurd frames: refused by size, with the
-// file named, before the frame is allocated (a truncated file would otherwise
-// have its whole claimed frame allocated before the read fails), and before
+// Image files whose headers claim absurd sizes: refused, with the file named,
+// before anything of that size is allocated (a truncated file would otherwise
+// have its whole claimed frame allocated before the read fails, and OpenEXR
+// allocates an attribute's stated size before reading it), and before
 // trelvo-render renders its first frame.
 #include <OpenImageIO/imageio.h>
 
@@ -11,6 +12,7 @@
 
 #include "channel_layout.h"
 #include "cli_rig.h"
+#include "header_check.h"
 #include "image_file.h"
 
 namespace {
@@ -68,6 +70,69 @@ TEST_F(ImageFileHostile, AFrameClaimedPastTheLimitIsRefusedNamingTheFile) {
     }
 }
 
+// A small OpenEXR file with a string attribute, in one part or two (the
+// second a copy of the first), whose bytes a case then corrupts.
+std::string writeExr(const std::string& path, int parts = 1) {
+    OIIO::ImageSpec header(4, 3, 4, OIIO::TypeDesc::HALF);
+    header.attribute("note", "a string of some length");
+    std::vector<uint16_t> pixels(4 * 3 * 4, 0x3c00);  // 1.0 in half
+    const std::vector<OIIO::ImageSpec> headers(static_cast<size_t>(parts), header);
+    auto out = OIIO::ImageOutput::create(path);
+    bool written = out && out->open(path, parts, headers.data());
+    for (int part = 0; written && part < parts; ++part)
+        written = (part == 0 || out->open(path, header, OIIO::ImageOutput::AppendSubimage)) &&
+                  out->write_image(OIIO::TypeDesc::HALF, pixels.data());
+    EXPECT_TRUE(written && out->close());
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Overwrites 4 bytes at `offset` past the given occurrence (0 the first) of `marker`.
+void patch(std::string& bytes, const std::string& marker, int occurrence, size_t offset, int32_t value) {
+    size_t at = bytes.find(marker);
+    for (int i = 0; i < occurrence && at != std::string::npos; ++i) at = bytes.find(marker, at + 1);
+    ASSERT_NE(at, std::string::npos) << marker;
+    for (size_t i = 0; i < 4; ++i)
+        bytes[at + marker.size() + offset + i] = static_cast<char>(static_cast<uint32_t>(value) >> (8 * i));
+}
+
+TEST_F(ImageFileHostile, OpenExrAttributesRunningPastTheFileAreRefused) {
+    const std::string path = dir_ + "/frame.exr";
+    using std::string_literals::operator""s;
+    struct Case {
+        const char* cause;
+        std::string marker;
+        size_t offset;
+        int32_t value;
+        const char* message;
+    } const cases[] = {
+        {"a string claiming 2 GB", "note\0string\0"s, 0, 0x7ffffff0,
+         "attribute note claims 2147483632 bytes"},
+        {"a string of negative size", "note\0string\0"s, 0, -5, "attribute note claims -5 bytes"},
+    };
+    for (int parts : {1, 2}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(c.cause) + ", parts " + std::to_string(parts));
+            std::string bytes = writeExr(path, parts);
+            std::string error;
+            ChannelLayout layout;
+            ASSERT_TRUE(layout.read(path, error)) << error;
+            EXPECT_EQ(layout.parts(), parts);
+            // The last part's header: every part's is checked.
+            patch(bytes, c.marker, parts - 1, c.offset, c.value);
+            std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+
+            EXPECT_FALSE(layout.read(path, error));
+            EXPECT_EQ(error.rfind(path + ": ", 0), 0u) << error;
+            EXPECT_NE(error.find(c.message), std::string::npos) << error;
+            HostPixels image;
+            error.clear();
+            EXPECT_FALSE(readHostPixels(path, {}, image, error));
+            EXPECT_NE(error.find(c.message), std::string::npos) << error;
+        }
+    }
+}
+
 TEST(ImageFileLimits, FramesUpTo16384Squared) {
     struct Case {
         int width, height;
@@ -76,8 +141,7 @@ TEST(ImageFileLimits, FramesUpTo16384Squared) {
                        {1 << 15, 1 << 15, false}, {0, 4, false},      {4, -1, false}};
     for (const Case& c : cases) {
         std::string error;
-        EXPECT_EQ(checkFrameSize("f.exr", OIIO::ImageSpec(c.width, c.height, 4, OIIO::TypeDesc::HALF), error),
-                  c.readable)
+        EXPECT_EQ(checkFrameSize("f.exr", c.width, c.height, error), c.readable)
             << c.width << " x " << c.height << ": " << error;
     }
 }
