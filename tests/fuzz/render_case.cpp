@@ -59,12 +59,9 @@ ofxhost::HostConfig decodeHost(FuzzedDataProvider& in) {
     return host;
 }
 
-ImageCase decodeImage(FuzzedDataProvider& in) {
-    ImageCase image;
-    ImageFormat& f = image.format;
-    f.guardBytes = kGuardBytes;
-
-    int width = 0, height = 0;
+// Most cases are tiny frames; some are tall enough for their rows to be
+// shared among threads, or wide.
+void decodeSize(FuzzedDataProvider& in, int& width, int& height) {
     switch (in.ConsumeIntegralInRange(0, 3)) {
         case 0:
             width = in.ConsumeIntegralInRange(0, 4);
@@ -74,22 +71,47 @@ ImageCase decodeImage(FuzzedDataProvider& in) {
             width = in.ConsumeIntegralInRange(0, 24);
             height = in.ConsumeIntegralInRange(0, 24);
             break;
-        case 2:  // tall enough for the rows to be shared among threads
+        case 2:
             width = in.ConsumeIntegralInRange(1, 3);
             height = in.ConsumeIntegralInRange(16, 700);
             break;
-        default:  // wide
+        default:
             width = in.ConsumeIntegralInRange(0, 300);
             height = in.ConsumeIntegralInRange(0, 3);
     }
+}
 
-    static const char* const kDepths[] = {kOfxBitDepthFloat, kOfxBitDepthByte, kOfxBitDepthShort,
-                                          kOfxBitDepthHalf,  kOfxBitDepthNone, "OfxBitDepthDouble"};
-    static const char* const kComponents[] = {kOfxImageComponentRGBA, kOfxImageComponentAlpha,
-                                              kOfxImageComponentRGB, "OfxImageComponentYUVA"};
+const char* const kDepths[] = {kOfxBitDepthFloat, kOfxBitDepthByte, kOfxBitDepthShort,
+                               kOfxBitDepthHalf,  kOfxBitDepthNone, "OfxBitDepthDouble"};
+const char* const kComponents[] = {kOfxImageComponentRGBA, kOfxImageComponentAlpha, kOfxImageComponentRGB,
+                                   "OfxImageComponentYUVA"};
+
+// What the three images of a frame share unless an image's own bytes say
+// otherwise: a host hands them at one size and depth, as a rule.
+struct Shape {
+    int width = 0, height = 0;
+    const char* depth = kOfxBitDepthFloat;
+    const char* components = kOfxImageComponentRGBA;
+};
+
+Shape decodeShape(FuzzedDataProvider& in) {
+    Shape shape;
+    decodeSize(in, shape.width, shape.height);
+    shape.depth = pick(in, kDepths);
+    shape.components = pick(in, kComponents);
+    return shape;
+}
+
+ImageCase decodeImage(FuzzedDataProvider& in, const Shape& shape) {
+    ImageCase image;
+    ImageFormat& f = image.format;
+    f.guardBytes = kGuardBytes;
+
+    int width = shape.width, height = shape.height;
+    if (in.ConsumeBool()) decodeSize(in, width, height);
+    f.depth = in.ConsumeBool() ? pick(in, kDepths) : shape.depth;
+    f.components = in.ConsumeBool() ? pick(in, kComponents) : shape.components;
     static const char* const kStates[] = {kOfxImagePreMultiplied, kOfxImageUnPreMultiplied, kOfxImageOpaque};
-    f.depth = pick(in, kDepths);
-    f.components = pick(in, kComponents);
     f.premultiplication = pick(in, kStates);
 
     // What the host leaves unanswered, or hands as a null pointer. The
@@ -185,11 +207,11 @@ ImageCase decodeImage(FuzzedDataProvider& in) {
     return image;
 }
 
-ClipCase decodeClip(FuzzedDataProvider& in) {
+ClipCase decodeClip(FuzzedDataProvider& in, const Shape& shape) {
     const int state = in.ConsumeIntegralInRange(0, 2);  // 1: no image at the time, 2: unconnected
     ClipCase clip;
     clip.connected = state != 2;
-    clip.image = decodeImage(in);
+    clip.image = decodeImage(in, shape);
     clip.image.present = state != 1;
     return clip;
 }
@@ -197,10 +219,18 @@ ClipCase decodeClip(FuzzedDataProvider& in) {
 }  // namespace
 
 RenderCase decodeCase(FuzzedDataProvider& in) {
+    // The images first: a short input varies them, and leaves the rest plain.
     RenderCase c;
+    const Shape shape = decodeShape(in);
+    c.output = decodeClip(in, shape);
+    c.source = decodeClip(in, shape);
+    c.vectors = decodeClip(in, shape);
+    c.amount = decodeParam(in, 1.0);
+    c.maxDisplace = decodeParam(in, 4.0);
+    c.scaleX = decodeParam(in, 1.0);
+    c.scaleY = decodeParam(in, 1.0);
     c.host = decodeHost(in);
     c.demo = in.ConsumeBool();
-    c.otherActions = in.ConsumeBool();
     c.time = decodeDouble(in, 0.0);
     switch (in.ConsumeIntegralInRange(0, 2)) {
         case 1:
@@ -215,16 +245,10 @@ RenderCase decodeCase(FuzzedDataProvider& in) {
     }
     c.renderScale.x = decodeDouble(in, 1.0);
     c.renderScale.y = decodeDouble(in, 1.0);
-    c.amount = decodeParam(in, 1.0);
-    c.maxDisplace = decodeParam(in, 4.0);
-    c.scaleX = decodeParam(in, 1.0);
-    c.scaleY = decodeParam(in, 1.0);
     if (in.ConsumeIntegralInRange(0, 3) == 3) c.abortAfter = in.ConsumeIntegralInRange<uint64_t>(0, 64);
     if (in.ConsumeIntegralInRange(0, 3) == 3)
         c.allocationsBeforeFailure = in.ConsumeIntegralInRange<uint64_t>(0, 40);
-    c.output = decodeClip(in);
-    c.source = decodeClip(in);
-    c.vectors = decodeClip(in);
+    c.otherActions = in.ConsumeBool();
     return c;
 }
 

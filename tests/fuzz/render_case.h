@@ -6,8 +6,10 @@
 //
 // Every choice reads its own bytes, and a choice read from no bytes at all is
 // the plain one: our own host, connected clips, the parameters of a small
-// blur, packed RGBA float rows. Sizes come first and stay small unless the
-// bytes ask otherwise, so that most cases are tiny frames and run fast.
+// blur, packed RGBA float rows. The three images share a size, depth and
+// components unless an image's own bytes say otherwise, as a host's images
+// of one frame do, and sizes stay small unless the bytes ask for more: most
+// cases are tiny frames that get far into the render, fast.
 #pragma once
 
 #include <fuzzer/FuzzedDataProvider.h>

@@ -12,7 +12,8 @@
 //   of an un-premultiplied Source, in place;
 // - every image and memory block handed out during an action is given back
 //   by its end, and nothing the host's memory suite gave is left at Unload.
-// A failed check prints what broke and aborts, so that libFuzzer keeps the input.
+// A failed check prints what broke and the case, and aborts, so that libFuzzer
+// keeps the input; TRELVO_FUZZ_DESCRIBE=1 prints every case as it runs.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <algorithm>
@@ -333,6 +334,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     const RenderCase c = trelvofuzz::decodeCase(in);
+    static const bool describe = std::getenv("TRELVO_FUZZ_DESCRIBE") != nullptr;
+    if (describe) std::fprintf(stderr, "%s", trelvofuzz::describeCase(c).c_str());
     gCase = &c;
     runCase(c);
     gCase = nullptr;
