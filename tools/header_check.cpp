@@ -75,9 +75,9 @@ bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std:
         error = path + ": its header gives a frame of " + size + " pixels";
         return false;
     }
-    if (width > kMaxFramePixels / height) {
-        error = path + ": its header gives a frame of " + size + " pixels, more than the " +
-                std::to_string(kMaxFramePixels) + " (16384 x 16384) the tools read";
+    if (width > kMaxFrameSide || height > kMaxFrameSide) {
+        error = path + ": its header gives a frame of " + size +
+                " pixels, larger than the 16384 x 16384 the tools read";
         return false;
     }
     return true;

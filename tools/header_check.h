@@ -8,11 +8,14 @@
 #include <cstdint>
 #include <string>
 
-// The largest frame the tools read: 2^28 pixels, 16384 x 16384.
-inline constexpr int64_t kMaxFramePixels = int64_t{1} << 28;
+// The largest frame the tools read: 16384 pixels a side. A bound on each side,
+// not only on the area: OpenImageIO converts a read in chunks of 256 rows, so
+// a header claiming one row of 2^28 pixels would take gigabytes of scratch.
+inline constexpr int64_t kMaxFrameSide = 16384;
+inline constexpr int64_t kMaxFramePixels = kMaxFrameSide * kMaxFrameSide;
 
-// False, with a message naming the file, for a frame of no pixels or of more
-// than kMaxFramePixels.
+// False, with a message naming the file, for a frame of no pixels or with a
+// side longer than kMaxFrameSide.
 bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std::string& error);
 
 // False, with a message naming the file, for an OpenEXR file whose header is
