@@ -32,7 +32,8 @@ TEST(ParamValues, InstancesStartAtTheDefaultAndInterpolateKeys) {
 
     EXPECT_EQ(suite->paramSetValueAtTime(amount.handle(), 10.0, 2.0), kOfxStatOK);
     amount.setKey(20.0, 4.0);
-    for (auto [t, expected] : {std::pair{0.0, 2.0}, {10.0, 2.0}, {15.0, 3.0}, {17.5, 3.5}, {30.0, 4.0}}) {
+    for (auto [t, expected] :
+         {std::pair{0.0, 2.0}, {10.0, 2.0}, {15.0, 3.0}, {17.5, 3.5}, {20.0, 4.0}, {30.0, 4.0}}) {
         EXPECT_EQ(suite->paramGetValueAtTime(amount.handle(), t, &v), kOfxStatOK);
         EXPECT_EQ(v, expected) << "at " << t;
     }
@@ -48,5 +49,5 @@ TEST(ParamValues, InstancesStartAtTheDefaultAndInterpolateKeys) {
     v = 42.0;
     EXPECT_EQ(suite->paramGetValueAtTime(amount.handle(), 1.0, &v), kOfxStatFailed);
     EXPECT_EQ(v, 42.0) << "unanswered: the variable keeps its value";
-    EXPECT_EQ(amount.valueRequests(), 8u);
+    EXPECT_EQ(amount.valueRequests(), 9u);
 }
