@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -101,7 +102,8 @@ class Param {
     std::vector<PropertyValue> valueAt(OfxTime time) const;
     std::map<OfxTime, std::vector<PropertyValue>> keys() const;
     // Element i of a text value at that time, as a C string that stays valid
-    // while the parameter keeps that text.
+    // as long as the parameter: renders on other threads, reading the
+    // parameter at other times, never move or free it.
     const char* textAt(OfxTime time, int i) const;
     void deleteKey(OfxTime time);
     bool isInstance() const { return instance_; }
@@ -121,7 +123,7 @@ class Param {
     mutable std::mutex mutex_;
     std::vector<PropertyValue> value_;
     std::map<OfxTime, std::vector<PropertyValue>> keys_;
-    mutable std::vector<std::string> texts_;
+    mutable std::set<std::string> texts_;  // every text handed out, at a fixed address
     OfxStatus answer_ = kOfxStatOK;
     uint64_t valueRequests_ = 0;
     bool instance_ = false;

@@ -102,6 +102,15 @@ Host::Host(HostConfig config) : config_(std::move(config)), ofxHost_{properties_
         throw std::logic_error("only one OFX host may exist at a time");
 }
 
+void Host::reconfigure(HostConfig config) {
+    config_ = std::move(config);
+    for (const std::string& name : properties_.names()) properties_.remove(name);
+    defineHostProperties(properties_, config_);
+    messages_.clear();
+    std::lock_guard lock(fetchMutex_);
+    fetches_.clear();
+}
+
 Host::~Host() {
     gCurrent.store(nullptr);
 }

@@ -121,6 +121,11 @@ class Host {
     static Host* current();
 
     const HostConfig& config() const { return config_; }
+    // Another identity and configuration over the same suites, as if a new
+    // host had come (no fetches or messages recorded yet): for a driver that
+    // loads and unloads a plug-in many times and need not describe it in its
+    // context afresh each time. Only between actions.
+    void reconfigure(HostConfig config);
     OfxHost* ofxHost() { return &ofxHost_; }
     PropertySet& properties() { return properties_; }
     MemoryLedger& memory() { return memory_; }

@@ -153,7 +153,8 @@ std::vector<PropertyValue> Param::valueAt(OfxTime time) const {
     auto after = keys_.lower_bound(time);
     if (after == keys_.begin()) return after->second;
     if (after == keys_.end()) return std::prev(after)->second;
-    if (after->first == time || valueType() != PropertyType::Double) return std::prev(after)->second;
+    if (after->first == time) return after->second;
+    if (valueType() != PropertyType::Double) return std::prev(after)->second;
     auto before = std::prev(after);
     const double t = (time - before->first) / (after->first - before->first);
     std::vector<PropertyValue> value = before->second;
@@ -168,11 +169,7 @@ std::vector<PropertyValue> Param::valueAt(OfxTime time) const {
 const char* Param::textAt(OfxTime time, int i) const {
     std::vector<PropertyValue> value = valueAt(time);
     std::lock_guard lock(mutex_);
-    texts_.resize(value.size());
-    const std::string& text = std::get<std::string>(value[static_cast<size_t>(i)]);
-    std::string& kept = texts_[static_cast<size_t>(i)];
-    if (kept != text) kept = text;
-    return kept.c_str();
+    return texts_.insert(std::get<std::string>(value[static_cast<size_t>(i)])).first->c_str();
 }
 
 void Param::setAnswer(OfxStatus status) {

@@ -70,6 +70,11 @@ OfxStatus Plugin::action(const char* name, const void* handle, OfxPropertySetHan
     return status;
 }
 
+void Plugin::clearActions() {
+    std::lock_guard lock(actionsMutex_);
+    actions_.clear();
+}
+
 OfxStatus Plugin::describe() {
     descriptor_ = std::make_unique<ImageEffect>();
     descriptor_->properties().assign(kOfxPluginPropFilePath, {binaryPath_});

@@ -93,6 +93,8 @@ class Plugin {
     OfxStatus unload();
     ImageEffect* descriptor() { return descriptor_.get(); }
     const std::vector<ActionCall>& actions() const { return actions_; }
+    // Forgets them, for a driver that sends actions without end.
+    void clearActions();
 
     // Describe in a context on a fresh descriptor in that context (a copy of
     // the plain descriptor's properties); the host keeps it, with the clips

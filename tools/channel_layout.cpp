@@ -7,6 +7,8 @@
 #include <cstring>
 #include <memory>
 
+#include "header_check.h"
+
 std::string channelIn(const std::string& layer, const std::string& channel) {
     return layer.empty() ? channel : layer + "." + channel;
 }
@@ -19,6 +21,7 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
         error = path + ": " + std::strerror(errno);
         return false;
     }
+    if (!checkExrHeader(path, error)) return false;
     std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path);
     if (!in) {
         error = path + ": cannot read it as an image (" + OIIO::geterror() + ")";
@@ -29,6 +32,8 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
         error = path + ": holds no image";
         return false;
     }
+    for (const OIIO::ImageSpec& header : headers_)
+        if (!checkFrameSize(path, header.width, header.height, error)) return false;
     return true;
 }
 

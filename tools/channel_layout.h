@@ -13,7 +13,7 @@
 class ChannelLayout {
   public:
     // Reads the headers of every part. False with a message naming the file
-    // when it is missing or no image.
+    // when it is missing, no image, or refused by the header checks.
     bool read(const std::string& path, std::string& error);
     // The same from a file already open.
     void read(OIIO::ImageInput& file, const std::string& path);

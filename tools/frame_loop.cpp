@@ -113,13 +113,18 @@ int renderFrames(const RenderOptions& o, const RenderJob& job, RenderSession& se
         progress.frameStarted(frame);
         HostPixels source, output;
         FrameVectors vectors;
-        if (!readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
-                            error) ||
-            !frameVectors(o, job, frame, userMaxDisplace, standing, vectors, error)) {
+        // The vectors first: motion estimated on the Source has its picture already.
+        MotionSource* motion = job.inputs.motion.get();
+        if (!frameVectors(o, job, frame, userMaxDisplace, standing, vectors, error) ||
+            (!(motion && motion->takePicture(frame, source)) &&
+             !readHostPixels(job.source.frame(frame), {o.proxy, false, job.inputs.sourceChannels}, source,
+                             error))) {
             progress.message("trelvo-render: " + error);
             progress.finish();
             return 1;
         }
+        // Estimating motion takes a while: a stop asked for meanwhile ends the job before the render.
+        if (stopSignal()) break;
         if (!vectors.noneKnown.empty()) {
             if (o.strict) {
                 progress.message("trelvo-render: frame " + std::to_string(frame) + ": " + vectors.noneKnown +
@@ -223,14 +228,18 @@ int renderJob(const RenderOptions& o, const RenderJob& job, const std::string& p
     ProgressReport progress(stderr, style, static_cast<int>(job.frames.size()));
     installStopHandlers();
     // The watcher turns a stop signal into the host's abort answer and feeds
-    // the bar with the plug-in's abort polls of the current frame.
+    // the bar with the plug-in's abort polls of the current frame, or with
+    // the clock where estimating the frame's motion takes most of its time.
     std::atomic<bool> finished{false};
     std::atomic<unsigned long> frameStartPolls{0};
     std::thread watcher([&] {
         while (!finished) {
             if (stopSignal()) session.abort();
             const unsigned long polls = session.abortPolls(), start = frameStartPolls;
-            progress.ticks(polls >= start ? static_cast<long>(polls - start) : 0);
+            if (job.inputs.estimate)
+                progress.clockTicks();
+            else
+                progress.ticks(polls >= start ? static_cast<long>(polls - start) : 0);
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     });

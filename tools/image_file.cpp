@@ -14,8 +14,12 @@
 #include <memory>
 
 #include "channel_layout.h"
+#include "header_check.h"
 
 namespace {
+
+// What one read may take: a frame of the largest size in four float channels.
+constexpr int64_t kMaxReadBytes = kMaxFramePixels * 4 * 4;
 
 OIIO::TypeDesc typeOf(PixelDepth depth) {
     switch (depth) {
@@ -59,6 +63,15 @@ PixelDepth depthOfChannels(const OIIO::ImageSpec& header, const std::vector<int>
 bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO::ImageSpec& header, int part,
                       int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
                       OIIO::ImageBuf& file, std::string& error) {
+    if (!checkFrameSize(path, header.width, header.height, error)) return false;
+    const int64_t bytes = static_cast<int64_t>(header.width) * header.height * (end - first) *
+                          static_cast<int64_t>(type.size());
+    if (bytes > kMaxReadBytes) {
+        error = path + ": reading " + std::to_string(end - first) + " channels of its " +
+                std::to_string(header.width) + " x " + std::to_string(header.height) + " pixels takes " +
+                std::to_string(bytes >> 20) + " MiB, more than the 4 GiB read at once";
+        return false;
+    }
     file.reset(OIIO::ImageSpec(header.width, header.height, end - first, type));
     if (!in.read_image(part, 0, first, end, type, file.localpixels())) {
         error = path + ": " + in.geterror();
@@ -86,6 +99,7 @@ std::unique_ptr<OIIO::ImageInput> openImage(const std::string& path, std::string
         error = path + ": " + std::strerror(errno);
         return nullptr;
     }
+    if (!checkExrHeader(path, error)) return nullptr;
     OIIO::ImageSpec config;
     config.attribute("oiio:UnassociatedAlpha", 1);
     std::unique_ptr<OIIO::ImageInput> in = OIIO::ImageInput::open(path, &config);

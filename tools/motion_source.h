@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "image_file.h"
 #include "raw_vectors.h"
 
 class MotionSource {
@@ -19,4 +20,9 @@ class MotionSource {
     virtual std::string name(int frame) const = 0;
     // Why a frame of this source can come with no known vector at all.
     virtual std::string whyNoneKnown() const = 0;
+    // Motion estimated on the Source has read `frame`'s picture already, as
+    // trelvo-render reads it (same channels, same scale): hands it over, once,
+    // after read() for that frame, so the file is not read twice. False when
+    // this source has no picture of the frame.
+    virtual bool takePicture(int /*frame*/, HostPixels& /*picture*/) { return false; }
 };

@@ -82,10 +82,25 @@ float MedianCost(const cv::Mat& cost) {
     return 255.0f;
 }
 
-cv::Mat SuspectRegions(const cv::Mat& cost) {
+cv::Mat SuspectRegions(const cv::Mat& cost, const cv::Mat& flow) {
     // The median, not the mean: a fast object may cover much of a small frame.
     const float threshold = std::max(kSuspectCost, kSuspectOverMedian * MedianCost(cost));
     cv::Mat suspect = cost > threshold;
+    // Where the flow leaves the picture, what is there is leaving the frame
+    // and cannot match: no sign of a fast object. Taken as one, the strips
+    // at the edges of a moving camera would match each other on a repeating
+    // texture.
+    cv::parallel_for_(cv::Range(0, flow.rows), [&](const cv::Range& rows) {
+        const float right = static_cast<float>(flow.cols) - 0.5f, top = static_cast<float>(flow.rows) - 0.5f;
+        for (int j = rows.start; j < rows.end; ++j) {
+            const cv::Vec2f* f = flow.ptr<cv::Vec2f>(j);
+            uint8_t* s = suspect.ptr<uint8_t>(j);
+            for (int i = 0; i < flow.cols; ++i) {
+                const float x = static_cast<float>(i) + f[i][0], y = static_cast<float>(j) + f[i][1];
+                if (!(x >= -0.5f && x <= right && y >= -0.5f && y <= top)) s[i] = 0;
+            }
+        }
+    });
     cv::dilate(
         suspect, suspect,
         cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * kSuspectGrow + 1, 2 * kSuspectGrow + 1)));
@@ -159,8 +174,8 @@ void DetectFeatures(const cv::Mat& grey, const cv::Mat& suspect, std::vector<cv:
 }
 
 std::vector<FastObject> FindFastObjects(const GreyFrame& a, const GreyFrame& b, const cv::Mat& forward,
-                                        const cv::Mat& costA, const cv::Mat& costB) {
-    const cv::Mat suspectA = SuspectRegions(costA), suspectB = SuspectRegions(costB);
+                                        const cv::Mat& backward, const cv::Mat& costA, const cv::Mat& costB) {
+    const cv::Mat suspectA = SuspectRegions(costA, forward), suspectB = SuspectRegions(costB, backward);
     if (cv::countNonZero(suspectA) == 0 || cv::countNonZero(suspectB) == 0) return {};
 
     std::vector<cv::KeyPoint> pointsA, pointsB;
@@ -371,7 +386,8 @@ PairFlow PairEstimator::estimate(const GreyFrame& a, const GreyFrame& b) {
         const cv::Rect whole(cv::Point(0, 0), a.grey.size());
         forwardCost_ = matchCost(a, b, pair.forward, whole);
         backwardCost_ = matchCost(b, a, pair.backward, whole);
-        for (const FastObject& object : FindFastObjects(a, b, pair.forward, forwardCost_, backwardCost_)) {
+        for (const FastObject& object :
+             FindFastObjects(a, b, pair.forward, pair.backward, forwardCost_, backwardCost_)) {
             tryShiftedFlow(a, b, object.inA, object.shift, pair.forward, forwardCost_);
             tryShiftedFlow(b, a, object.inB, -object.shift, pair.backward, backwardCost_);
         }

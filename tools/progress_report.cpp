@@ -43,6 +43,13 @@ void ProgressReport::ticks(long count) {
     draw(false);
 }
 
+void ProgressReport::clockTicks() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!inFrame_) return;
+    ticks_ = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - frameStart_).count();
+    draw(false);
+}
+
 void ProgressReport::frameDone(const std::string& output) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++framesDone_;

@@ -21,6 +21,10 @@ class ProgressReport {
     // Signs of life from inside the frame so far (the plug-in's abort
     // polls); redraws at most ten times a second.
     void ticks(long count);
+    // The same from the clock, for work with no signs of its own (motion
+    // estimation): the milliseconds since the frame started, measured
+    // against the last frame's.
+    void clockTicks();
     void frameDone(const std::string& output);
     // A warning or error interrupts the bar without garbling it.
     void message(const std::string& text);

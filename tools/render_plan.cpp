@@ -14,6 +14,19 @@ bool exists(const std::string& path) {
     return stat(path.c_str(), &info) == 0;
 }
 
+// --vectors estimate reads no vector clip: the options that describe one are
+// refused rather than ignored.
+bool checkEstimateOptions(const RenderOptions& o, std::string& error) {
+    const std::vector<std::string> given = vectorOptionsGiven(o.vectorInput);
+    if (!given.empty()) {
+        error = given.front() +
+                " describes a vector clip; with --vectors estimate the motion comes from the " +
+                "Source itself";
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string folderOf(const std::string& path) {
@@ -45,14 +58,16 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
         error = "rendering needs --source, --vectors and --output";
         return false;
     }
-    if (!job.source.parse(o.source, error) || !job.vectors.parse(o.vectors, error) ||
-        !job.output.parse(o.output, error) || !checkVectorOptions(o.vectorInput, error))
+    const bool estimate = o.vectors == kEstimateVectors;
+    if (!job.source.parse(o.source, error) || (!estimate && !job.vectors.parse(o.vectors, error)) ||
+        !job.output.parse(o.output, error) ||
+        !(estimate ? checkEstimateOptions(o, error) : checkVectorOptions(o.vectorInput, error)))
         return false;
-    if (o.vectorInput.inPixels())
+    if (o.vectorInput.inPixels() || estimate)
         for (const ParamSetting& s : o.params)
             if (s.name == "valMaxDisplace") {
-                error = s.option +
-                        ": with vectors in pixels the tool chooses Max Displacement itself; leave it out";
+                error = s.option + ": with " + (estimate ? "--vectors estimate" : "vectors in pixels") +
+                        " the tool chooses Max Displacement itself; leave it out";
                 return false;
             }
     if (!o.frames.empty()) {
@@ -76,7 +91,7 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
             error = "source frame " + std::to_string(frame) + " is missing: " + job.source.frame(frame);
             return false;
         }
-        if (!exists(job.vectors.frame(frame))) {
+        if (!estimate && !exists(job.vectors.frame(frame))) {
             error = "vector frame " + std::to_string(frame) + " is missing: " + job.vectors.frame(frame);
             return false;
         }
@@ -91,6 +106,9 @@ bool planRender(const RenderOptions& o, RenderJob& job, std::string& error) {
         error = "--output: the folder '" + folder + "' is not writable";
         return false;
     }
+    if (estimate)
+        return checkNoInputOverwritten(job.output, {&job.source}, job.frames, error) &&
+               planFootage(job.source, o.sourceLayer, job.frames, job.inputs, error);
     return checkNoInputOverwritten(job.output, {&job.source, &job.vectors}, job.frames, error) &&
            planInputs(&job.source, o.sourceLayer, job.vectors, job.frames, o.vectorInput, job.inputs, error);
 }

@@ -12,7 +12,9 @@
 #include <string>
 
 #include "describe_plugin.h"
+#include "footage_motion.h"
 #include "frame_loop.h"
+#include "heap_tuning.h"
 #include "render_options.h"
 #include "render_plan.h"
 
@@ -30,6 +32,7 @@ std::string defaultPlugin() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepFrameBuffersInTheHeap();
     const std::string usage = renderUsage(TRELVO_DEFAULT_PLUGIN, TRELVO_INSTALLED_PLUGIN);
     RenderOptions options;
     std::string error;
@@ -51,6 +54,12 @@ int main(int argc, char** argv) {
     if (!planRender(options, job, error)) {
         std::fprintf(stderr, "trelvo-render: %s\n", error.c_str());
         return 2;
+    }
+    if (job.inputs.estimate) {
+        keepOpenCvSerialUnderThreadSanitizer();
+        job.inputs.motion = footageMotionSource(job.source, job.inputs.sourceChannels,
+                                                job.inputs.footageFirst, job.inputs.footageLast,
+                                                estimateSettingsFor(options.vectorInput.estimatePreset));
     }
     return renderJob(options, job, plugin);
 }

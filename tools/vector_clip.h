@@ -3,9 +3,11 @@
 // input. A host has one Max Displacement for the clip, so the whole clip is
 // encoded with one M: the clip's largest vector is found first (unless the
 // user fixes M), then every frame is encoded and written. M is printed and
-// stored in every file's metadata.
+// stored in every file's metadata. Motion that is costly to make is made
+// once and kept between the two passes.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,16 @@ struct VectorClipJob {
     std::string compression;               // "" for the format's default
     double maxDisplace = 0.0;              // 0: chosen from the clip's largest vector
     bool strict = false;                   // a frame with no known vector stops the job
+    // The motion is costly to make (estimated from footage): the pass that
+    // finds M keeps each frame's motion for the writing pass, in a temporary
+    // file in the output folder (about 9 bytes a pixel, 19 MB for a 1080p
+    // frame, less than the clip it becomes) that is unlinked as it is made.
+    bool keepMotion = false;
+    // --preview: each frame's motion also written as a picture to look at,
+    // by `writePreview` (flow_preview.h), at the frame's name in `preview`.
+    SequencePath preview;
+    std::function<bool(const RawVectors&, double maxDisplace, const std::string& path, std::string& error)>
+        writePreview;
 };
 
 // Gives the exit code: 0 done, 1 a file failed (or, strict, a frame had no

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <map>
+#include <set>
 
 #include "channel_layout.h"
 #include "image_file.h"
@@ -151,6 +152,45 @@ std::string vectorHint(const ChannelLayout& layout, const VectorOptions& options
            std::string(options.inPixels() ? "." : ", and add --vector-units pixels for a pass in pixels.");
 }
 
+// The Source's channels, chosen on the first of `frames`, and every frame's
+// file checked for them; with `sameSize`, for frames of one size too.
+bool planSourceChannels(Layouts& layouts, const SequencePath& source, const std::string& sourceLayer,
+                        const std::string* presetLayer, const std::vector<int>& frames, bool sameSize,
+                        std::vector<std::string>& names, std::string& error) {
+    const ChannelLayout* layout = layouts.get(source.frame(frames.front()), error);
+    if (!layout || !chooseSourceChannels(*layout, sourceLayer, presetLayer, names, error)) return false;
+    int width = 0, height = 0, sizedBy = frames.front();
+    for (int frame : frames) {
+        layout = layouts.get(source.frame(frame), error);
+        if (!layout) return false;
+        if (!fits(*layout, names, error)) {
+            error =
+                (sourceLayer.empty() ? std::string("--source: ") : "--source-layer " + sourceLayer + ": ") +
+                error + listingOf(*layout);
+            return false;
+        }
+        if (!sameSize) continue;
+        std::vector<std::string> taken;
+        for (const std::string& name : names)
+            if (!name.empty()) taken.push_back(name);
+        int part = 0;
+        std::vector<int> channels;
+        if (!taken.empty()) layout->resolve(taken, part, channels, error);
+        const OIIO::ImageSpec& header = layout->header(part);
+        if (frame == sizedBy) {
+            width = header.width;
+            height = header.height;
+        } else if (header.width != width || header.height != height) {
+            error = "--source: " + layout->path() + " is " + std::to_string(header.width) + "x" +
+                    std::to_string(header.height) + " but " + source.frame(sizedBy) + " is " +
+                    std::to_string(width) + "x" + std::to_string(height) +
+                    "; motion is estimated between frames of one size";
+            return false;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
@@ -195,6 +235,13 @@ const std::vector<OptionRule<VectorOptions>>& vectorOptionRules() {
              o.scaleGiven = true;
              return std::string();
          }},
+        {"--estimate-preset", true,
+         [](VectorOptions& o, const std::string& v) {
+             if (v != "ultrafast" && v != "fast" && v != "medium")
+                 return "option '--estimate-preset': '" + v + "' is not ultrafast, fast or medium";
+             o.estimatePreset = v;
+             return std::string();
+         }},
     };
     return rules;
 }
@@ -220,7 +267,9 @@ std::string vectorOptionsHelp(bool encodedToo) {
 }
 
 bool checkVectorOptions(const VectorOptions& o, std::string& error) {
-    if (!o.preset.empty() && o.units == "encoded")
+    if (!o.estimatePreset.empty())
+        error = "--estimate-preset applies to --vectors estimate";
+    else if (!o.preset.empty() && o.units == "encoded")
         error = "--vectors-from " + o.preset + " reads a pass in pixels; leave out --vector-units encoded";
     else if (!o.preset.empty() && !o.channels.empty() && splitNames(o.channels).size() != 4)
         error = "--vector-channels " + o.channels + ": with --vectors-from " + o.preset +
@@ -285,23 +334,66 @@ bool planInputs(const SequencePath* source, const std::string& sourceLayer, cons
         }
     }
     if (source) {
-        // The Source's channels, chosen on the first frame.
-        const ChannelLayout* sourceLayout = layouts.get(source->frame(first), error);
         const std::string* presetLayer = presetFoundLayer ? &blenderLayer : nullptr;
-        if (!sourceLayout ||
-            !chooseSourceChannels(*sourceLayout, sourceLayer, presetLayer, plan.sourceChannels, error))
+        if (!planSourceChannels(layouts, *source, sourceLayer, presetLayer, frames, false,
+                                plan.sourceChannels, error))
             return false;
-        for (int frame : frames) {
-            sourceLayout = layouts.get(source->frame(frame), error);
-            if (!sourceLayout) return false;
-            if (!fits(*sourceLayout, plan.sourceChannels, error)) {
-                error = (sourceLayer.empty() ? std::string("--source: ")
-                                             : "--source-layer " + sourceLayer + ": ") +
-                        error + listingOf(*sourceLayout);
-                return false;
-            }
-        }
     }
     if (options.inPixels()) plan.motion = motionPassSource(vectors, pass);
     return true;
+}
+
+std::vector<std::string> vectorOptionsGiven(const VectorOptions& o) {
+    std::vector<std::string> given;
+    if (!o.units.empty()) given.push_back("--vector-units");
+    if (!o.preset.empty()) given.push_back("--vectors-from");
+    if (!o.channels.empty()) given.push_back("--vector-channels");
+    if (!o.layer.empty()) given.push_back("--vector-layer");
+    if (o.flipY) given.push_back("--vector-flip-y");
+    if (o.scaleGiven) given.push_back("--vector-scale");
+    return given;
+}
+
+bool planFootage(const SequencePath& source, const std::string& sourceLayer, const std::vector<int>& frames,
+                 InputPlan& plan, std::string& error) {
+    if (!source.isSequence()) {
+        error = "--vectors estimate: --source '" + source.path() +
+                "' is one file; motion is estimated from a sequence, named with #### or %04d";
+        return false;
+    }
+    const std::vector<int> onDisk = source.framesOnDisk();
+    if (onDisk.size() < 2) {
+        error = "--vectors estimate: --source '" + source.path() + "' has " +
+                (onDisk.empty() ? "no frame" : "one frame") + " on disk; motion needs at least two";
+        return false;
+    }
+    plan.estimate = true;
+    plan.footageFirst = onDisk.front();
+    plan.footageLast = onDisk.back();
+    const std::string range = std::to_string(plan.footageFirst) + "-" + std::to_string(plan.footageLast);
+    // The frames read, in the order first read: those wanted and their neighbours inside the footage.
+    std::vector<int> read;
+    std::set<int> seen;
+    for (int frame : frames) {
+        if (frame < plan.footageFirst || frame > plan.footageLast) {
+            error = "source frame " + std::to_string(frame) + " is missing: " + source.frame(frame) +
+                    " (the footage on disk runs " + range + ")";
+            return false;
+        }
+        for (int k : {frame - 1, frame, frame + 1})
+            if (k >= plan.footageFirst && k <= plan.footageLast && seen.insert(k).second) read.push_back(k);
+    }
+    const std::set<int> asked(frames.begin(), frames.end());
+    const auto wanted = [&](int k) { return asked.count(k) > 0; };
+    for (int k : read) {
+        if (std::binary_search(onDisk.begin(), onDisk.end(), k)) continue;
+        error = "source frame " + std::to_string(k) + " is missing: " + source.frame(k);
+        if (!wanted(k))
+            error += "; the motion of frame " + std::to_string(wanted(k - 1) ? k - 1 : k + 1) +
+                     " is estimated with it";
+        error += " (the footage on disk runs " + range + ")";
+        return false;
+    }
+    Layouts layouts;
+    return planSourceChannels(layouts, source, sourceLayer, nullptr, read, true, plan.sourceChannels, error);
 }

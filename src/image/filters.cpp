@@ -128,7 +128,7 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
     const int32_t pastLine = taps - (2 * r + 1);
     const size_t offset = static_cast<size_t>(channel) * sizeof(T);
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
-    auto along = [&](int32_t i) -> ptrdiff_t {
+    auto along = [=](int32_t i) -> ptrdiff_t {
         return Columns ? PLOffset(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
     };
     for (int32_t line = firstLine; line <= lastLine;) {

@@ -1,5 +1,5 @@
-// Parameter values through the suite: defaults, set, and a parameter left
-// unanswered, as the render's reads meet them.
+// Parameter values through the suite: defaults, keys, set, and a parameter
+// left unanswered.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -9,7 +9,7 @@
 
 using namespace ofxhost;
 
-TEST(ParamValues, InstancesStartAtTheDefaultAndUnansweredReadsKeepTheVariable) {
+TEST(ParamValues, InstancesStartAtTheDefaultAndInterpolateKeys) {
     Host host;
     auto* suite = static_cast<const OfxParameterSuiteV1*>(host.fetchSuite(kOfxParameterSuite, 1));
     ImageEffect descriptor(kOfxImageEffectContextGeneral);
@@ -30,13 +30,24 @@ TEST(ParamValues, InstancesStartAtTheDefaultAndUnansweredReadsKeepTheVariable) {
     EXPECT_EQ(suite->paramGetValue(instance.param("text")->handle(), &text), kOfxStatOK);
     EXPECT_STREQ(text, "abc");
 
-    EXPECT_EQ(suite->paramSetValueAtTime(amount.handle(), 10.0, -0.0), kOfxStatOK);
+    EXPECT_EQ(suite->paramSetValueAtTime(amount.handle(), 10.0, 2.0), kOfxStatOK);
+    amount.setKey(20.0, 4.0);
+    for (auto [t, expected] :
+         {std::pair{0.0, 2.0}, {10.0, 2.0}, {15.0, 3.0}, {17.5, 3.5}, {20.0, 4.0}, {30.0, 4.0}}) {
+        EXPECT_EQ(suite->paramGetValueAtTime(amount.handle(), t, &v), kOfxStatOK);
+        EXPECT_EQ(v, expected) << "at " << t;
+    }
+    unsigned int keys = 0;
+    EXPECT_EQ(suite->paramGetNumKeys(amount.handle(), &keys), kOfxStatOK);
+    EXPECT_EQ(keys, 2u);
+
+    EXPECT_EQ(suite->paramSetValue(amount.handle(), -0.0), kOfxStatOK);
     EXPECT_EQ(suite->paramGetValueAtTime(amount.handle(), 15.0, &v), kOfxStatOK);
-    EXPECT_TRUE(v == 0.0 && std::signbit(v)) << "a value keeps its sign";
+    EXPECT_TRUE(v == 0.0 && std::signbit(v)) << "a plain value drops the keys and keeps its sign";
 
     amount.setAnswer(kOfxStatFailed);
     v = 42.0;
     EXPECT_EQ(suite->paramGetValueAtTime(amount.handle(), 1.0, &v), kOfxStatFailed);
     EXPECT_EQ(v, 42.0) << "unanswered: the variable keeps its value";
-    EXPECT_EQ(amount.valueRequests(), 3u);
+    EXPECT_EQ(amount.valueRequests(), 9u);
 }

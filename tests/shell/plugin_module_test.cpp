@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "ofxOld.h"
 #include "common/plugin_session.h"
+#include "ofxOld.h"
 
 using trelvotest::Bundle;
 using trelvotest::HostConfig;

@@ -1,0 +1,180 @@
+// Image files whose headers claim absurd sizes: refused, with the file named,
+// before anything of that size is allocated (a truncated file would otherwise
+// have its whole claimed frame allocated before the read fails, and OpenEXR
+// allocates an attribute's stated size before reading it), and before
+// trelvo-render renders its first frame.
+#include <OpenImageIO/imageio.h>
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "channel_layout.h"
+#include "cli_rig.h"
+#include "header_check.h"
+#include "image_file.h"
+
+namespace {
+
+uint32_t crc32(const std::string& bytes) {
+    uint32_t crc = 0xFFFFFFFFu;
+    for (unsigned char b : bytes) {
+        crc ^= b;
+        for (int k = 0; k < 8; ++k) crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+    }
+    return ~crc;
+}
+
+std::string bigEndian(uint32_t v) {
+    return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+            static_cast<char>(v)};
+}
+
+std::string chunk(const std::string& type, const std::string& data) {
+    return bigEndian(static_cast<uint32_t>(data.size())) + type + data + bigEndian(crc32(type + data));
+}
+
+// A PNG whose header claims an 8-bit RGBA frame of width x height, with
+// pixel data of a few bytes: 64 zero bytes, deflated.
+void writeClaimingPng(const std::string& path, uint32_t width, uint32_t height) {
+    const std::string header = bigEndian(width) + bigEndian(height) + std::string("\x08\x06\x00\x00\x00", 5);
+    const std::string pixels("\x78\x9c\x63\x60\xa0\x0c\x00\x00\x00\x40\x00\x01", 12);
+    std::ofstream(path, std::ios::binary)
+        << "\x89PNG\r\n\x1a\n"
+        << chunk("IHDR", header) << chunk("IDAT", pixels) << chunk("IEND", "");
+}
+
+class ImageFileHostile : public ToolFolder {};
+
+TEST_F(ImageFileHostile, AFrameClaimedPastTheLimitIsRefusedNamingTheFile) {
+    for (auto [width, height] :
+         {std::pair{60000u, 60000u}, {16385u, 16384u}, {40000u, 10000u}, {200000u, 1u}}) {
+        const std::string size = std::to_string(width) + " x " + std::to_string(height);
+        SCOPED_TRACE(size);
+        const std::string path = dir_ + "/claims.png";
+        writeClaimingPng(path, width, height);
+        const std::string expected = path + ": its header gives a frame of " + size + " pixels, larger than";
+
+        std::string error;
+        HostPixels image;
+        EXPECT_FALSE(readHostPixels(path, {}, image, error));
+        EXPECT_EQ(error.rfind(expected, 0), 0u) << error;
+        error.clear();
+        ChannelPlanes planes;
+        EXPECT_FALSE(readChannelPlanes(path, {"R", "G"}, 1.0, planes, error));
+        EXPECT_EQ(error.rfind(expected, 0), 0u) << error;
+        error.clear();
+        ChannelLayout layout;
+        EXPECT_FALSE(layout.read(path, error));
+        EXPECT_EQ(error.rfind(expected, 0), 0u) << error;
+    }
+}
+
+// A small OpenEXR file with a string attribute, in one part or two (the
+// second a copy of the first), whose bytes a case then corrupts.
+std::string writeExr(const std::string& path, int parts = 1) {
+    OIIO::ImageSpec header(4, 3, 4, OIIO::TypeDesc::HALF);
+    header.attribute("note", "a string of some length");
+    std::vector<uint16_t> pixels(4 * 3 * 4, 0x3c00);  // 1.0 in half
+    const std::vector<OIIO::ImageSpec> headers(static_cast<size_t>(parts), header);
+    auto out = OIIO::ImageOutput::create(path);
+    bool written = out && out->open(path, parts, headers.data());
+    for (int part = 0; written && part < parts; ++part)
+        written = (part == 0 || out->open(path, header, OIIO::ImageOutput::AppendSubimage)) &&
+                  out->write_image(OIIO::TypeDesc::HALF, pixels.data());
+    EXPECT_TRUE(written && out->close());
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// Overwrites 4 bytes at `offset` past the given occurrence (0 the first) of `marker`.
+void patch(std::string& bytes, const std::string& marker, int occurrence, size_t offset, int32_t value) {
+    size_t at = bytes.find(marker);
+    for (int i = 0; i < occurrence && at != std::string::npos; ++i) at = bytes.find(marker, at + 1);
+    ASSERT_NE(at, std::string::npos) << marker;
+    for (size_t i = 0; i < 4; ++i)
+        bytes[at + marker.size() + offset + i] = static_cast<char>(static_cast<uint32_t>(value) >> (8 * i));
+}
+
+TEST_F(ImageFileHostile, OpenExrAttributesRunningPastTheFileAreRefused) {
+    const std::string path = dir_ + "/frame.exr";
+    using std::string_literals::operator""s;
+    struct Case {
+        const char* cause;
+        std::string marker;
+        size_t offset;
+        int32_t value;
+        const char* message;
+    } const cases[] = {
+        {"a string claiming 2 GB", "note\0string\0"s, 0, 0x7ffffff0,
+         "attribute note claims 2147483632 bytes"},
+        {"a string of negative size", "note\0string\0"s, 0, -5, "attribute note claims -5 bytes"},
+    };
+    for (int parts : {1, 2}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(c.cause) + ", parts " + std::to_string(parts));
+            std::string bytes = writeExr(path, parts);
+            std::string error;
+            ChannelLayout layout;
+            ASSERT_TRUE(layout.read(path, error)) << error;
+            EXPECT_EQ(layout.parts(), parts);
+            // The last part's header: every part's is checked.
+            patch(bytes, c.marker, parts - 1, c.offset, c.value);
+            std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+
+            EXPECT_FALSE(layout.read(path, error));
+            EXPECT_EQ(error.rfind(path + ": ", 0), 0u) << error;
+            EXPECT_NE(error.find(c.message), std::string::npos) << error;
+            HostPixels image;
+            error.clear();
+            EXPECT_FALSE(readHostPixels(path, {}, image, error));
+            EXPECT_NE(error.find(c.message), std::string::npos) << error;
+        }
+    }
+}
+
+TEST(ImageFileLimits, FramesUpTo16384Squared) {
+    struct Case {
+        int width, height;
+        bool readable;
+    } const cases[] = {{16384, 16384, true},      {1, 1 << 28, false}, {16385, 16384, false},
+                       {1 << 15, 1 << 15, false}, {0, 4, false},       {4, -1, false}};
+    for (const Case& c : cases) {
+        std::string error;
+        EXPECT_EQ(checkFrameSize("f.exr", c.width, c.height, error), c.readable)
+            << c.width << " x " << c.height << ": " << error;
+    }
+}
+
+class RenderCliHostileFile : public ToolFolder {};
+
+// A sequence whose third vector frame claims an absurd size stops the job
+// before the first frame, naming that file.
+TEST_F(RenderCliHostileFile, AnAbsurdFrameSizeStopsTheJobBeforeAnyFrame) {
+    for (int frame = 1; frame <= 3; ++frame) {
+        char name[32];
+        std::snprintf(name, sizeof name, "/src.%04d.png", frame);
+        OIIO::ImageSpec header(4, 3, 4, OIIO::TypeDesc::UINT8);
+        std::vector<unsigned char> pixels(4 * 3 * 4, 200);
+        auto out = OIIO::ImageOutput::create(dir_ + name);
+        ASSERT_TRUE(out && out->open(dir_ + name, header) &&
+                    out->write_image(OIIO::TypeDesc::UINT8, pixels.data()) && out->close());
+        std::snprintf(name, sizeof name, "/vec.%04d.png", frame);
+        std::ifstream good(dir_ + "/src.0001.png", std::ios::binary);
+        if (frame == 3)
+            writeClaimingPng(dir_ + name, 100000, 100000);
+        else
+            std::ofstream(dir_ + name, std::ios::binary) << good.rdbuf();
+    }
+    const Outcome run = RunTool(TRELVO_RENDER_BINARY,
+                                {"--source", dir_ + "/src.####.png", "--vectors", dir_ + "/vec.####.png",
+                                 "--output", dir_ + "/out/o.####.png", "--quiet"});
+    EXPECT_EQ(run.status, 2) << run.err;
+    EXPECT_NE(run.err.find(dir_ + "/vec.0003.png: its header gives a frame of 100000 x 100000 pixels"),
+              std::string::npos)
+        << run.err;
+    EXPECT_TRUE(Listing(dir_ + "/out").empty());
+}
+
+}  // namespace

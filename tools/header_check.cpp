@@ -1,0 +1,96 @@
+#include "header_check.h"
+
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+int32_t littleEndian32(const unsigned char* p) {
+    return static_cast<int32_t>(static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+                                static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24);
+}
+
+// The header of an OpenEXR file: per part a list of attributes (name, type,
+// 32-bit size, value) closed by an empty name; a multi-part file closes its
+// list of parts with an empty header.
+class ExrHeaderReader {
+  public:
+    ExrHeaderReader(const std::string& path, std::ifstream& in, int64_t fileBytes)
+        : path_(path), in_(in), fileBytes_(fileBytes) {}
+
+    bool check(bool multipart, std::string& error) {
+        for (;;) {
+            int attributes = 0;
+            for (std::string name;; ++attributes) {
+                if (!readText(name)) return cutShort(error);
+                if (name.empty()) break;
+                if (!checkAttribute(name, error)) return false;
+            }
+            if (!multipart || attributes == 0) return true;
+        }
+    }
+
+  private:
+    // A zero-terminated name or type: at most 255 bytes.
+    bool readText(std::string& text) {
+        text.clear();
+        for (char c; in_.get(c);) {
+            if (c == '\0') return true;
+            if (text.size() == 255) return false;
+            text += c;
+        }
+        return false;
+    }
+
+    bool cutShort(std::string& error) const {
+        error = path_ + ": its OpenEXR header is cut short or corrupt";
+        return false;
+    }
+
+    bool checkAttribute(const std::string& name, std::string& error) {
+        std::string type;
+        unsigned char sizeBytes[4];
+        if (!readText(type) || !in_.read(reinterpret_cast<char*>(sizeBytes), 4)) return cutShort(error);
+        const int32_t size = littleEndian32(sizeBytes);
+        const int64_t left = fileBytes_ - static_cast<int64_t>(in_.tellg());
+        if (size < 0 || size > left) {
+            error = path_ + ": its OpenEXR header's attribute " + name + " claims " + std::to_string(size) +
+                    " bytes, more than the file holds";
+            return false;
+        }
+        in_.seekg(size, std::ios::cur);
+        return true;
+    }
+
+    const std::string& path_;
+    std::ifstream& in_;
+    int64_t fileBytes_;
+};
+
+}  // namespace
+
+bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std::string& error) {
+    const std::string size = std::to_string(width) + " x " + std::to_string(height);
+    if (width < 1 || height < 1) {
+        error = path + ": its header gives a frame of " + size + " pixels";
+        return false;
+    }
+    if (width > kMaxFrameSide || height > kMaxFrameSide) {
+        error = path + ": its header gives a frame of " + size +
+                " pixels, larger than the 16384 x 16384 the tools read";
+        return false;
+    }
+    return true;
+}
+
+bool checkExrHeader(const std::string& path, std::string& error) {
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    if (!in) return true;  // whoever opens it next says why it can't
+    const int64_t fileBytes = static_cast<int64_t>(in.tellg());
+    in.seekg(0);
+    unsigned char start[8];
+    if (!in.read(reinterpret_cast<char*>(start), 8) || std::memcmp(start, "\x76\x2f\x31\x01", 4) != 0)
+        return true;
+    const bool multipart = (start[5] & 0x10) != 0;  // bit 12 of the version word
+    return ExrHeaderReader(path, in, fileBytes).check(multipart, error);
+}
