@@ -10,9 +10,10 @@ cd "$(dirname "$0")"
 job=${1:-demo}
 preset=${2:-release}
 
-# clang, its sanitizer and libFuzzer runtimes and llvm-symbolizer: the fuzz preset (tests/fuzz/run.sh).
+# clang, its sanitizer and libFuzzer runtimes and llvm-symbolizer: the fuzz preset (tests/fuzz/run.sh);
+# clang-format and clang-tidy: .ci/format-check and .ci/clang-tidy.
 packages=(g++ cmake ninja-build pkg-config binutils libgtest-dev libgmock-dev libbenchmark-dev
-          clang libclang-rt-14-dev llvm
+          clang libclang-rt-14-dev llvm clang-format clang-tidy
           libopenimageio-dev openimageio-tools
           libopencv-core-dev libopencv-imgproc-dev libopencv-video-dev libopencv-features2d-dev)
 missing=()

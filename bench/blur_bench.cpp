@@ -11,11 +11,13 @@
 #include <memory>
 #include <vector>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "kqmp.h"
-#include "motion_blur.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "image/image_ops.h"
+#include "image/qvimage.h"
+#include "mp/kqmp.h"
+#include "vectors/decode.h"
+#include "vectors/fill.h"
+#include "vectors/scale_flow.h"
 
 namespace {
 

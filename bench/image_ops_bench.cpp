@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "image_ops.h"
-#include "kqmp.h"
+#include "image/image_ops.h"
+#include "mp/kqmp.h"
 
 // Alpha 1 keeps the values steady from one iteration to the next (no drift into denormals).
 static void BM_PremultiplyFloatUHD(benchmark::State& state) {

@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <memory>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "kqmp.h"
-#include "plimage.h"
+#include "image/image_ops.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
+#include "vectors/decode.h"
+#include "vectors/fill.h"
+#include "vectors/scale_flow.h"
 
 namespace {
 

@@ -120,7 +120,7 @@ void Clip::setRegionOfDefinition(OfxRectD rod) {
 }
 
 void Clip::setImage(std::shared_ptr<ImageBuffer> image) {
-    source_ = [image](OfxTime) { return image; };
+    source_ = [image = std::move(image)](OfxTime) { return image; };
 }
 
 void Clip::setImageSource(ImageSource source) {

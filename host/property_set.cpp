@@ -173,7 +173,8 @@ OfxStatus PropertySet::write(const char* name, PropertyType type, int index, int
             status = kOfxStatErrBadIndex;
         } else {
             if (p->dimension == 0 && (whole || end > p->values.size())) p->values.resize(end, zeroOf(type));
-            for (int i = 0; i < count; ++i) p->values[static_cast<size_t>(index + i)] = values[i];
+            for (int i = 0; i < count; ++i)
+                p->values[static_cast<size_t>(index) + static_cast<size_t>(i)] = values[i];
         }
     }
     for (int i = 0; i < count; ++i) writes_.push_back({name ? name : "", index + i, values[i], status});
@@ -215,6 +216,7 @@ OfxStatus setMany(OfxPropertySetHandle handle, const char* name, int count, cons
     if (count < 0) return kOfxStatErrBadIndex;
     if (count > 0 && !in) return kOfxStatErrValue;
     std::vector<PropertyValue> values;
+    values.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) values.emplace_back(T(in[i]));
     return set->write(name, typeOf(PropertyValue(T{})), 0, count, values.data(), true);
 }

@@ -104,7 +104,7 @@ OfxStatus PropertySet::read(const char* name, PropertyType type, int index, int 
     if (!p) return status;
     if (index < 0 || count < 0 || static_cast<size_t>(index) + static_cast<size_t>(count) > p->values.size())
         return kOfxStatErrBadIndex;
-    for (int i = 0; i < count; ++i) out(i, p->values[static_cast<size_t>(index + i)]);
+    for (int i = 0; i < count; ++i) out(i, p->values[static_cast<size_t>(index) + static_cast<size_t>(i)]);
     return kOfxStatOK;
 }
 

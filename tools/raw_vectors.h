@@ -15,9 +15,9 @@
 struct RawVectors {
     int width = 0;
     int height = 0;
-    std::vector<float> dx;        // pixels per frame, width * height, bottom row first
-    std::vector<float> dy;        // likewise, positive up the picture
-    std::vector<uint8_t> known;   // 1 where the vector is known, 0 at a hole; empty means all known
+    std::vector<float> dx;       // pixels per frame, width * height, bottom row first
+    std::vector<float> dy;       // likewise, positive up the picture
+    std::vector<uint8_t> known;  // 1 where the vector is known, 0 at a hole; empty means all known
 
     size_t size() const { return static_cast<size_t>(width) * static_cast<size_t>(height); }
     bool isKnown(size_t i) const { return known.empty() || known[i] != 0; }

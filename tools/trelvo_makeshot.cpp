@@ -28,7 +28,8 @@ bool WriteExr(const std::string& path, const DemoShot& shot, const std::vector<f
     }
     OIIO::ImageSpec format(shot.width, shot.height, 4, OIIO::TypeDesc::FLOAT);
     format.attribute("compression", "zip");
-    if (!out->open(path, format) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) || !out->close()) {
+    if (!out->open(path, format) || !out->write_image(OIIO::TypeDesc::FLOAT, pixels.data()) ||
+        !out->close()) {
         std::fprintf(stderr, "trelvo-makeshot: %s: %s\n", path.c_str(), out->geterror().c_str());
         return false;
     }

@@ -5,67 +5,58 @@
 // single-threaded one, kept for three channels and interlaced fields.
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
-#include "motion_blur.h"
-#include "pixel_format.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "blur/motion_blur.h"
+#include "image/pixel_format.h"
 
 namespace {
-
-using namespace plblur;
 
 constexpr int kRgba = 4;
 
 // c = s + (f - s) * t. For integer elements the difference is an integer,
 // converted to float before the product.
-template <typename T>
+template <typename P>
 inline float Extrapolate(const uint8_t* f, const uint8_t* s, float t) {
-    if constexpr (std::is_same_v<T, float>) {
-        const float fv = PLLoadElement<float>(f);
-        const float sv = PLLoadElement<float>(s);
+    if constexpr (P::kIsFloat) {
+        const float fv = P::Load(f);
+        const float sv = P::Load(s);
         return (fv - sv) * t + sv;
     } else {
-        const int32_t difference =
-            static_cast<int32_t>(PLLoadElement<T>(f)) - static_cast<int32_t>(PLLoadElement<T>(s));
-        return static_cast<float>(PLLoadElement<T>(s)) + static_cast<float>(difference) * t;
+        const int32_t difference = static_cast<int32_t>(P::Load(f)) - static_cast<int32_t>(P::Load(s));
+        return P::LoadFloat(s) + static_cast<float>(difference) * t;
     }
 }
 
-template <typename T>
+template <typename P>
 inline void ClearPixel(uint8_t* f, int channels) {
-    std::memset(f, 0, static_cast<size_t>(channels) * sizeof(T));
+    std::memset(f, 0, static_cast<size_t>(channels) * sizeof(typename P::Element));
 }
 
-template <typename T>
+template <typename P>
 void BlendRowRgba(uint8_t* f, const uint8_t* s, int32_t width, float t, float white) {
-    constexpr int32_t kE = static_cast<int32_t>(sizeof(T));
+    constexpr int32_t kE = static_cast<int32_t>(sizeof(typename P::Element));
     constexpr int32_t kPixelBytes = kRgba * kE;
     for (int32_t x = 0; x < width; ++x, f += kPixelBytes, s += kPixelBytes) {
-        const float a = Extrapolate<T>(f + 3 * kE, s + 3 * kE, t);
+        const float a = Extrapolate<P>(f + 3 * kE, s + 3 * kE, t);
         if (a < 0.0f) {
-            ClearPixel<T>(f, kRgba);
+            ClearPixel<P>(f, kRgba);
             continue;
         }
         const float m = a <= white ? a : white;
         if (m <= 0.0f) {
-            ClearPixel<T>(f, kRgba);
+            ClearPixel<P>(f, kRgba);
             continue;
         }
         float colour[3];
-        for (int c = 0; c < 3; ++c) colour[c] = Extrapolate<T>(f + c * kE, s + c * kE, t);
-        if constexpr (std::is_same_v<T, float>) {
-            for (int c = 0; c < 3; ++c) PLStoreElement<float>(f + c * kE, colour[c]);
-            PLStoreElement<float>(f + 3 * kE, m);
+        for (int c = 0; c < 3; ++c) colour[c] = Extrapolate<P>(f + c * kE, s + c * kE, t);
+        if constexpr (P::kIsFloat) {
+            for (int c = 0; c < 3; ++c) P::Store(f + c * kE, colour[c]);
+            P::Store(f + 3 * kE, m);
         } else {
-            for (int c = 0; c < 3; ++c) {
-                float v = colour[c] + 0.5f;
-                v = v <= white ? v : white;
-                v = v >= 0.0f ? v : 0.0f;
-                PLStoreElement<T>(f + c * kE, PLTruncToElement<T>(v));
-            }
+            for (int c = 0; c < 3; ++c) P::Store(f + c * kE, P::RoundClampNaNToWhite(colour[c], white));
             // Alpha is truncated without the half that the colours get.
-            PLStoreElement<T>(f + 3 * kE, PLTruncToElement<T>(m));
+            P::Store(f + 3 * kE, P::Truncate(m));
         }
     }
 }
@@ -86,72 +77,61 @@ void CopyRows(PLImage* first, const PLImage* second, int32_t start, int32_t step
 // The older four-channel blend: alpha relative to white decides, an excess
 // above white is divided out of the colours, integer colours never exceed the
 // stored alpha.
-template <typename T>
+template <typename P>
 void LegacyBlendRowRgba(uint8_t* f, const uint8_t* s, int32_t width, float t, float white) {
+    using T = typename P::Element;
     constexpr int32_t kE = static_cast<int32_t>(sizeof(T));
     constexpr int32_t kPixelBytes = kRgba * kE;
     for (int32_t x = 0; x < width; ++x, f += kPixelBytes, s += kPixelBytes) {
         float colour[3];
-        for (int c = 0; c < 3; ++c) colour[c] = Extrapolate<T>(f + c * kE, s + c * kE, t);
-        const float a = Extrapolate<T>(f + 3 * kE, s + 3 * kE, t);
+        for (int c = 0; c < 3; ++c) colour[c] = Extrapolate<P>(f + c * kE, s + c * kE, t);
+        const float a = Extrapolate<P>(f + 3 * kE, s + 3 * kE, t);
         const float ratio = a / white;
         if (!(ratio > 0.0f)) {
-            ClearPixel<T>(f, kRgba);
+            ClearPixel<P>(f, kRgba);
             continue;
         }
         if (ratio > 1.0f) {
             for (float& c : colour) c = c / ratio;
         }
-        if constexpr (std::is_same_v<T, float>) {
-            for (int c = 0; c < 3; ++c) PLStoreElement<float>(f + c * kE, colour[c]);
-            PLStoreElement<float>(f + 3 * kE, ratio > 1.0f ? white : a);
+        if constexpr (P::kIsFloat) {
+            for (int c = 0; c < 3; ++c) P::Store(f + c * kE, colour[c]);
+            P::Store(f + 3 * kE, ratio > 1.0f ? white : a);
         } else {
-            auto toElement = [white](float v) {
-                if (v < 0.0f) v = 0.0f;
-                if (v > white) v = white;
-                return PLTruncToElement<T>(v + 0.5f);
-            };
-            const T alpha = toElement(a);
+            const T alpha = P::ClampRound(a, white);
             for (int c = 0; c < 3; ++c) {
-                const T v = toElement(colour[c]);
-                PLStoreElement<T>(f + c * kE, v > alpha ? alpha : v);
+                const T v = P::ClampRound(colour[c], white);
+                P::Store(f + c * kE, v > alpha ? alpha : v);
             }
-            PLStoreElement<T>(f + 3 * kE, alpha);
+            P::Store(f + 3 * kE, alpha);
         }
     }
 }
 
 // Three channels: i * (1 - t) + j * t with i from second and j from first,
 // rounded for integers and clamped when t extrapolates.
-template <typename T>
-inline T LegacyMix(float i, float j, float t, float oneMinusT, bool extrapolating, float white) {
-    if constexpr (std::is_same_v<T, float>) {
+template <typename P>
+inline typename P::Element LegacyMix(float i, float j, float t, float oneMinusT, bool extrapolating,
+                                     float white) {
+    if constexpr (P::kIsFloat) {
         return i * oneMinusT + j * t;
     } else {
-        float v = i * oneMinusT + j * t + 0.5f;
-        if (extrapolating) {
-            if (v < 0.0f) v = 0.0f;
-            if (v > white) v = white;
-        }
-        return PLTruncToElement<T>(v);
+        const float mix = i * oneMinusT + j * t;
+        return extrapolating ? P::RoundClamp(mix, white) : P::Round(mix);
     }
 }
-
-struct QVMemDeleter {
-    void operator()(void* block) const { QVMemFree(block); }
-};
 
 // Eight-bit three-channel pixels go through a table of all 256 x 256 results,
 // built per call so that concurrent callers with different t don't share it.
 void LegacyBlendRgbUChar(PLImage* first, const PLImage* second, float t, const FieldRows& rows) {
-    std::unique_ptr<uint8_t, QVMemDeleter> block(static_cast<uint8_t*>(QVMemNew(256 * 256)));
+    QVMemBlock<uint8_t> block(256 * 256);
     uint8_t* table = block.get();
     const float oneMinusT = 1.0f - t;
     const bool extrapolating = t < 0.0f || t > 1.0f;
     for (int i = 0; i < 256; ++i)
         for (int j = 0; j < 256; ++j)
-            table[i * 256 + j] = LegacyMix<uint8_t>(static_cast<float>(i), static_cast<float>(j), t,
-                                                    oneMinusT, extrapolating, 255.0f);
+            table[i * 256 + j] = LegacyMix<PLPixel<PLPixelUChar>>(
+                static_cast<float>(i), static_cast<float>(j), t, oneMinusT, extrapolating, 255.0f);
     const int32_t elements = first->width * 3;
     for (int32_t y = rows.start; y < first->height; y += rows.step) {
         uint8_t* f = first->Row(y);
@@ -160,9 +140,9 @@ void LegacyBlendRgbUChar(PLImage* first, const PLImage* second, float t, const F
     }
 }
 
-template <typename T>
+template <typename P>
 void LegacyBlendRgb(PLImage* first, const PLImage* second, float t, const FieldRows& rows) {
-    constexpr int32_t kE = static_cast<int32_t>(sizeof(T));
+    constexpr int32_t kE = static_cast<int32_t>(sizeof(typename P::Element));
     const float oneMinusT = 1.0f - t;
     const bool extrapolating = t < 0.0f || t > 1.0f;
     const float white = second->whitePoint;
@@ -171,9 +151,9 @@ void LegacyBlendRgb(PLImage* first, const PLImage* second, float t, const FieldR
         uint8_t* f = first->Row(y);
         const uint8_t* s = second->Row(y);
         for (int32_t e = 0; e < elements; ++e) {
-            const float i = PLLoadAsFloat<T>(s + e * kE);
-            const float j = PLLoadAsFloat<T>(f + e * kE);
-            PLStoreElement<T>(f + e * kE, LegacyMix<T>(i, j, t, oneMinusT, extrapolating, white));
+            const float i = P::LoadFloat(s + e * kE);
+            const float j = P::LoadFloat(f + e * kE);
+            P::Store(f + e * kE, LegacyMix<P>(i, j, t, oneMinusT, extrapolating, white));
         }
     }
 }
@@ -185,10 +165,9 @@ void PLBlendRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* ar
     const PLImage* second = args->next<const PLImage*>();
     const float t = *args->next<const float*>();
     const float white = second->whitePoint;
-    PLVisitElement(first->pixelType, [&](auto format) {
-        using T = typename decltype(format)::Element;
+    PLVisitPixelType(first->pixelType, [&](auto pixel) {
         for (int32_t y = firstRow; y <= lastRow; ++y)
-            BlendRowRgba<T>(first->Row(y), second->Row(y), first->width, t, white);
+            BlendRowRgba<decltype(pixel)>(first->Row(y), second->Row(y), first->width, t, white);
     });
 }
 
@@ -245,23 +224,20 @@ int32_t PLBlend(float t, PLImage* first, const PLImage* second, int32_t fieldMod
         std::fprintf(stderr, "PLBlend: float image doesn't have 1.0 for white point\n");
         return 0;
     }
-    return PLVisitFormat(first->numChannels, first->pixelType,
-                         [&](auto format) {
-                             using Format = decltype(format);
-                             using T = typename Format::Element;
-                             if constexpr (Format::kChannels == kRgba) {
-                                 const float white = second->whitePoint;
-                                 for (int32_t y = rows.start; y < first->height; y += rows.step)
-                                     LegacyBlendRowRgba<T>(first->Row(y), second->Row(y), first->width, t,
-                                                           white);
-                             } else if constexpr (Format::kChannels == 3) {
-                                 if constexpr (std::is_same_v<T, uint8_t>) {
-                                     LegacyBlendRgbUChar(first, second, t, rows);
-                                 } else {
-                                     LegacyBlendRgb<T>(first, second, t, rows);
-                                 }
-                             }
-                         })
-               ? 1
-               : 0;
+    const bool known = PLVisitFormat(first->pixelType, first->numChannels, [&](auto format) {
+        using Format = decltype(format);
+        using P = typename Format::Traits;
+        if constexpr (Format::kChannels == kRgba) {
+            const float white = second->whitePoint;
+            for (int32_t y = rows.start; y < first->height; y += rows.step)
+                LegacyBlendRowRgba<P>(first->Row(y), second->Row(y), first->width, t, white);
+        } else if constexpr (Format::kChannels == 3) {
+            if constexpr (P::kPixelType == PLPixelUChar) {
+                LegacyBlendRgbUChar(first, second, t, rows);
+            } else {
+                LegacyBlendRgb<P>(first, second, t, rows);
+            }
+        }
+    });
+    return known ? 1 : 0;
 }

@@ -4,11 +4,13 @@
 // lives in its own library. PLErr ends here and becomes the return code.
 #include <memory>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "licence.h"
-#include "motion_blur.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "image/image_ops.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
+#include "vectors/decode.h"
+#include "vectors/fill.h"
+#include "vectors/scale_flow.h"
 
 int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, int64_t mode, int64_t stamp,
                           QVIdleAndProgressClass* progress, float amount, float maxDisplace, float scaleX,
@@ -23,7 +25,7 @@ int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, in
     if (out->pixelType != src->pixelType || out->width != src->width || out->height != src->height)
         return PLErrFailed;
 
-    const int32_t bilinear = mode == 1 ? 1 : 0;
+    const int32_t blurMode = mode == PLBlurBilinear ? PLBlurBilinear : PLBlurNearest;
     // Declared flow first, so the mask goes first on every way out.
     std::unique_ptr<PLImage> flow;
     std::unique_ptr<PLImage> mask;
@@ -37,9 +39,9 @@ int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, in
         PLScaleFlow(scaleX, scaleY, flow.get());
         // Not "amount < 0": a NaN amount takes the negative branch.
         if (amount >= 0.0f) {
-            PLMotionBlur(out, src, flow.get(), bilinear, 1, &engineProgress, false, amount);
+            PLMotionBlur(out, src, flow.get(), blurMode, 1, &engineProgress, false, amount);
         } else {
-            PLMotionBlur(out, src, flow.get(), bilinear, 1, &engineProgress, false, 0.5f);
+            PLMotionBlur(out, src, flow.get(), blurMode, 1, &engineProgress, false, 0.5f);
             engineProgress.reportCurrent();
             PLBlendMP(amount, out, src);
             engineProgress.reportCurrent();

@@ -1,131 +1,17 @@
 // The blur along the vectors: the region driver, its row worker and the family
 // of row bodies. One template defines every body; the element type and channel
-// count come from the single dispatch in PLVisitFormat, the sampling mode and
+// count come from the format visit of the pixel-format module, the sampling mode and
 // the edge rule are chosen once per call, so no pixel loop branches on any of
 // them. The float arithmetic follows a fixed order and must not be rearranged:
 // results are compared bit for bit.
 #include <cmath>
 #include <cstring>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
-#include "motion_blur.h"
-#include "pixel_format.h"
+#include "blur/motion_blur.h"
+#include "image/bilinear.h"
+#include "image/lanes.h"
 
 namespace {
-
-using namespace plblur;
-
-// Four float lanes, one per channel; lanes past the channel count hold zero.
-// Each lane goes through exactly the single-precision operations a scalar
-// channel would (no contraction: -ffp-contract=off), so packing the channels
-// changes no bit; it lets one instruction serve all of them.
-typedef float Lanes __attribute__((vector_size(16)));
-
-// C elements at `at` as lanes. Element values convert to float exactly, so
-// how they are widened makes no difference to the result; on x86 it is done in
-// registers, since a round trip through memory of another width stalls.
-template <typename T, int C>
-inline Lanes LoadLanes(const uint8_t* at) {
-#if defined(__SSE2__)
-    if constexpr (std::is_same_v<T, float>) {
-        // Host rows promise no alignment: scalar pieces go through memcpy.
-        if constexpr (C == 4) {
-            return _mm_loadu_ps(reinterpret_cast<const float*>(at));
-        } else if constexpr (C == 1) {
-            float one;
-            std::memcpy(&one, at, sizeof one);
-            return _mm_set_ss(one);
-        } else {
-            double two;
-            std::memcpy(&two, at, sizeof two);
-            const __m128 low = _mm_castpd_ps(_mm_set_sd(two));
-            if constexpr (C == 2) return low;
-            float third;
-            std::memcpy(&third, at + 2 * sizeof(float), sizeof third);
-            return _mm_movelh_ps(low, _mm_set_ss(third));
-        }
-    } else if constexpr (std::is_same_v<T, uint8_t>) {
-        uint32_t bytes = 0;
-        std::memcpy(&bytes, at, C);
-        const __m128i zero = _mm_setzero_si128();
-        const __m128i words = _mm_unpacklo_epi8(_mm_cvtsi32_si128(static_cast<int>(bytes)), zero);
-        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(words, zero));
-    } else {
-        uint64_t words = 0;
-        std::memcpy(&words, at, C * sizeof(uint16_t));
-        const __m128i wide = _mm_cvtsi64_si128(static_cast<long long>(words));
-        return _mm_cvtepi32_ps(_mm_unpacklo_epi16(wide, _mm_setzero_si128()));
-    }
-#else
-    typedef T Raw __attribute__((vector_size(4 * sizeof(T))));
-    T elements[4] = {};
-    std::memcpy(elements, at, C * sizeof(T));
-    Raw raw;
-    std::memcpy(&raw, elements, sizeof raw);
-    return __builtin_convertvector(raw, Lanes);
-#endif
-}
-
-// Bilinear read at (fx, fy) with the fraction forced to 1.0 in the cell one
-// short of the last column or row, so the last column and row come out exact
-// without reading past them. Serves the flow (two floats) and the source.
-template <typename T, int C>
-class BilinearReader {
-  public:
-    explicit BilinearReader(const PLImage& image)
-        : row0_(image.Row(0)),
-          rowStep_(image.rowStep),
-          lastColumn_(image.lastColumn),
-          lastRow_(image.lastRow),
-          right_(image.lastColumn > 0 ? kPixelBytes : 0),
-          down_(image.lastRow > 0 ? image.rowStep : 0) {}
-
-    // kInside: the caller has found 0 <= fx < width and 0 <= fy < height, so
-    // the plain conversion is defined. Elsewhere a coordinate may be NaN.
-    template <bool kInside>
-    Lanes Read(float fx, float fy) const {
-        int32_t ix, iy;
-        if constexpr (kInside) {
-            ix = static_cast<int32_t>(fx);
-            iy = static_cast<int32_t>(fy);
-        } else {
-            ix = PLTruncI32(fx);
-            iy = PLTruncI32(fy);
-        }
-        float tx = fx - static_cast<float>(ix);
-        float ty = fy - static_cast<float>(iy);
-        if (ix >= lastColumn_) {
-            ix = lastColumn_ - 1;
-            tx = 1.0f;
-        }
-        if (iy >= lastRow_) {
-            iy = lastRow_ - 1;
-            ty = 1.0f;
-        }
-        // A single column or row gives -1 above, a NaN coordinate INT_MIN; both
-        // read the first cell, whose neighbour is then itself (right_, down_ 0).
-        if (ix < 0) ix = 0;
-        if (iy < 0) iy = 0;
-        const uint8_t* p = row0_ + PLOffset(iy, rowStep_) + PLOffset(ix, kPixelBytes);
-        const uint8_t* q = p + down_;
-        const Lanes p0 = LoadLanes<T, C>(p);
-        const Lanes q0 = LoadLanes<T, C>(q);
-        const Lanes a = (LoadLanes<T, C>(p + right_) - p0) * tx + p0;
-        const Lanes b = (LoadLanes<T, C>(q + right_) - q0) * tx + q0;
-        return (b - a) * ty + a + 0.0f;
-    }
-
-  private:
-    static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-    const uint8_t* row0_;
-    int32_t rowStep_;
-    int32_t lastColumn_;
-    int32_t lastRow_;
-    int32_t right_;
-    int32_t down_;
-};
 
 // The count after `remaining` more additions of 1.0f: exact up to 2^24, where
 // float addition of one stops changing it.
@@ -134,16 +20,10 @@ inline float AddOnes(float count, int32_t remaining) {
     return total < 16777216 ? static_cast<float>(total) : 16777216.0f;
 }
 
-template <typename T>
+// Integer elements round and clamp to their range; float ones only lose a negative zero.
+template <typename P>
 inline void StoreAverage(uint8_t* at, float sum, float inv) {
-    if constexpr (std::is_same_v<T, float>) {
-        PLStoreElement<float>(at, sum * inv + 0.0f);
-    } else {
-        float v = sum * inv + 0.5f;
-        if (v <= 0.0f) v = 0.0f;
-        if (v > PLElement<T>::kWhite) v = PLElement<T>::kWhite;
-        PLStoreElement<T>(at, PLTruncToElement<T>(v));
-    }
+    P::Store(at, P::RoundClamp(sum * inv));
 }
 
 struct BlurCall {
@@ -159,8 +39,9 @@ struct BlurCall {
 };
 
 // Everything one body needs about the source while walking.
-template <typename T, int C>
+template <typename P, int C>
 struct SourceView {
+    using T = typename P::Element;
     explicit SourceView(const PLImage& image)
         : bilinear(image),
           row0(image.Row(0)),
@@ -171,7 +52,7 @@ struct SourceView {
           fHeight(static_cast<float>(image.height)) {}
 
     static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-    BilinearReader<T, C> bilinear;
+    PLBilinearReader<P, C, PLBeforeFirst::kKeepFraction> bilinear;
     const uint8_t* row0;
     int32_t rowStep;
     int32_t width;
@@ -186,16 +67,16 @@ struct SourceView {
 // outside sample ends it: under the stop-at-edge rule nothing more is taken,
 // under the count-outside rule the samples left are all counted as empty. This
 // keeps an absurd n bounded by the size of the image.
-template <typename T, int C, bool kBilinear, bool kCountOutside>
-inline void Walk(const SourceView<T, C>& src, float px, float py, float stepX, float stepY, int32_t m,
-                 Lanes& sums, float& count) {
+template <typename P, int C, bool kBilinear, bool kCountOutside>
+inline void Walk(const SourceView<P, C>& src, float px, float py, float stepX, float stepY, int32_t m,
+                 PLLanes& sums, float& count) {
     for (int32_t k = 0; k < m; ++k) {
         if constexpr (kBilinear) {
             if (!(0.0f <= px && px < src.fWidth && 0.0f <= py && py < src.fHeight)) {
                 if constexpr (kCountOutside) count = AddOnes(count, m - k);
                 return;
             }
-            sums += src.bilinear.template Read<true>(px, py);
+            sums += src.bilinear.template Read<true>(px, py) + 0.0f;
         } else {
             const int32_t ix = PLTruncI32(px);
             const int32_t iy = PLTruncI32(py);
@@ -204,8 +85,8 @@ inline void Walk(const SourceView<T, C>& src, float px, float py, float stepX, f
                 return;
             }
             const uint8_t* at =
-                src.row0 + PLOffset(iy, src.rowStep) + PLOffset(ix, SourceView<T, C>::kPixelBytes);
-            sums += LoadLanes<T, C>(at);
+                src.row0 + PLOffset(iy, src.rowStep) + PLOffset(ix, SourceView<P, C>::kPixelBytes);
+            sums += PLLoadLanes<typename P::Element, C>(at);
         }
         count += 1.0f;
         px += stepX;
@@ -213,8 +94,9 @@ inline void Walk(const SourceView<T, C>& src, float px, float py, float stepX, f
     }
 }
 
-template <typename T, int C, bool kBilinear, bool kCountOutside>
+template <typename P, int C, bool kBilinear, bool kCountOutside>
 void BlurRows(const BlurCall& call) {
+    using T = typename P::Element;
     const PLImage& source = *call.source;
     const PLImage& flow = *call.flow;
     const float sx = static_cast<float>(source.lastColumn) / static_cast<float>(flow.lastColumn);
@@ -226,8 +108,8 @@ void BlurRows(const BlurCall& call) {
     QVIdleAndProgressClass rowProgress(call.progress);
 
     constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-    const SourceView<T, C> src(source);
-    const BilinearReader<float, 2> flowReader(flow);
+    const SourceView<P, C> src(source);
+    const PLBilinearReader<PLPixel<PLPixelFloat>, 2, PLBeforeFirst::kKeepFraction> flowReader(flow);
     const int32_t span = call.last - call.first;
 
     // Float counters drive the arithmetic; the integer ones address memory and
@@ -241,7 +123,7 @@ void BlurRows(const BlurCall& call) {
         const float fy = y * invY;
         float x = static_cast<float>(call.x0);
         for (int32_t column = call.x0; column <= call.x1; ++column, x += 1.0f, out += kPixelBytes) {
-            const Lanes vector = flowReader.template Read<false>(invX * x, fy);
+            const PLLanes vector = flowReader.template Read<false>(invX * x, fy) + 0.0f;
             const float du = kx * vector[0];
             const float dv = ky * vector[1];
             const float d2 = du * du + dv * dv;
@@ -266,38 +148,38 @@ void BlurRows(const BlurCall& call) {
                 stepX = du / static_cast<float>(n - 1);
                 stepY = dv / static_cast<float>(n - 1);
             }
-            Lanes sums = {};
+            PLLanes sums = {};
             float count = 0.0f;
             if constexpr (kBilinear) {
-                Walk<T, C, true, kCountOutside>(src, x, y, stepX, stepY, n, sums, count);
-                Walk<T, C, true, kCountOutside>(src, x - stepX, y - stepY, -stepX, -stepY, n - 1, sums,
+                Walk<P, C, true, kCountOutside>(src, x, y, stepX, stepY, n, sums, count);
+                Walk<P, C, true, kCountOutside>(src, x - stepX, y - stepY, -stepX, -stepY, n - 1, sums,
                                                 count);
             } else {
-                Walk<T, C, false, kCountOutside>(src, x + 0.5f, y + 0.5f, stepX, stepY, n, sums, count);
-                Walk<T, C, false, kCountOutside>(src, x + -stepX + 0.5f, y + -stepY + 0.5f, -stepX, -stepY,
+                Walk<P, C, false, kCountOutside>(src, x + 0.5f, y + 0.5f, stepX, stepY, n, sums, count);
+                Walk<P, C, false, kCountOutside>(src, x + -stepX + 0.5f, y + -stepY + 0.5f, -stepX, -stepY,
                                                  n - 1, sums, count);
             }
             const float inv = 1.0f / count;
             for (int c = 0; c < C; ++c)
-                StoreAverage<T>(out + c * static_cast<int32_t>(sizeof(T)), sums[c], inv);
+                StoreAverage<P>(out + c * static_cast<int32_t>(sizeof(T)), sums[c], inv);
         }
     }
 }
 
 // One member of the family: its four bodies, chosen by edge rule then mode.
-template <typename T, int C>
+template <typename P, int C>
 void BlurMember(const BlurCall& call, bool countOutside, bool bilinear) {
     if (countOutside) {
         if (bilinear) {
-            BlurRows<T, C, true, true>(call);
+            BlurRows<P, C, true, true>(call);
         } else {
-            BlurRows<T, C, false, true>(call);
+            BlurRows<P, C, false, true>(call);
         }
     } else {
         if (bilinear) {
-            BlurRows<T, C, true, false>(call);
+            BlurRows<P, C, true, false>(call);
         } else {
-            BlurRows<T, C, false, false>(call);
+            BlurRows<P, C, false, false>(call);
         }
     }
 }
@@ -321,12 +203,12 @@ void PLMotionBlurRows(int32_t, bool isFirstWorker, int32_t firstRow, int32_t las
     QVIldeAndProgressMPInterruptible progress(parent, isFirstWorker, interrupted);
     const BlurCall call{output, source, flow, *amount, *x0, *x1, firstRow + *y0, lastRow + *y0, &progress};
     const bool count = *countOutside != 0;
-    const bool bilinear = *mode == 1;
+    const bool bilinear = *mode == PLBlurBilinear;
     // A pool thread has no handler above this one.
     try {
-        PLVisitFormat(source->numChannels, source->pixelType, [&](auto format) {
+        PLVisitFormat(source->pixelType, source->numChannels, [&](auto format) {
             using Format = decltype(format);
-            BlurMember<typename Format::Element, Format::kChannels>(call, count, bilinear);
+            BlurMember<typename Format::Traits, Format::kChannels>(call, count, bilinear);
         });
     } catch (PLErr e) {
         __atomic_store_n(status, static_cast<int32_t>(e), __ATOMIC_RELAXED);
@@ -337,7 +219,7 @@ void PLMotionBlurRegion(PLImage* output, const PLImage* source, const PLImage* f
                         int32_t mode, QVIdleAndProgressClass* progress, bool countOutside, int32_t x0,
                         int32_t x1, int32_t y0, int32_t y1) {
     if (!output || !source || !flow) throw PLErrFailed;
-    if (source->pixelType < PLPixelUChar || source->pixelType > PLPixelFloat) throw PLErrFailed;
+    if (!PLIsPathType(source->pixelType)) throw PLErrFailed;
     if (output->numChannels != source->numChannels || output->width != source->width ||
         output->height != source->height || output->pixelType != source->pixelType)
         throw PLErrFailed;

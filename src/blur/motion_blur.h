@@ -7,14 +7,21 @@
 
 #include <cstdint>
 
-#include "kqmp.h"
-#include "plimage.h"
-#include "progress.h"
+#include "image/plimage.h"
+#include "mp/kqmp.h"
+#include "mp/progress.h"
 
 class QVImage;
 
+// How the blur samples the source: the plug-in blurs bilinearly; any mode but
+// bilinear samples the nearest pixel.
+enum PLBlurMode : int32_t {
+    PLBlurNearest = 0,
+    PLBlurBilinear = 1,
+};
+
 // One frame: decode and fill the flow at the vector frame's size, blur the
-// source into the output (mode 1 bilinear, anything else nearest), and stamp
+// source into the output (mode a PLBlurMode), and stamp
 // the demo imprint when stamp is non-zero. Returns 0 or the PLErr code; the
 // output may be partly written after an abort.
 int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, int64_t mode, int64_t stamp,
@@ -26,7 +33,9 @@ int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, in
 void PLMotionBlur(PLImage* output, const PLImage* source, const PLImage* flow, int32_t mode, int32_t unused,
                   QVIdleAndProgressClass* progress, bool countOutside, float amount);
 
-// The blur over columns x0..x1 and rows y0..y1 (inclusive). Throws PLErrFailed
+// The blur over columns x0..x1 and rows y0..y1 (inclusive). The plug-in runs
+// the bilinear, stop-at-edge body; nearest sampling and the count-outside rule
+// are kept for completeness. Throws PLErrFailed
 // for images that don't go together, and the first worker's PLErr after the job.
 void PLMotionBlurRegion(PLImage* output, const PLImage* source, const PLImage* flow, float amount,
                         int32_t mode, QVIdleAndProgressClass* progress, bool countOutside, int32_t x0,
@@ -52,4 +61,5 @@ int32_t PLBlendCompatible(const PLImage* first, const PLImage* second);
 
 // The older single-threaded blend. fieldMode 1 blends every row, 3 the odd
 // rows, anything else the even rows. Returns 1 on success, 0 when it did nothing.
+// Kept for completeness: the engine's four-channel images never reach it.
 int32_t PLBlend(float t, PLImage* first, const PLImage* second, int32_t fieldMode);

@@ -1,88 +1,18 @@
 // Whole-image operations: each public function is a driver that validates its
 // images once and hands rows to a file-static worker through the thread layer.
-// Per-type code sits only at the load/store edge (ElementTraits, ConvertElement);
-// the row loops are written once and instantiated per element type.
-#include "image_ops.h"
+// Per-type code sits only at the load/store edge, in the pixel-format module;
+// the row loops are written once and instantiated per pixel type.
+#include "image/image_ops.h"
 
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <type_traits>
 
-#include "kqmp.h"
-#include "plelement.h"
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
 
 namespace {
-
-template <typename T>
-struct ElementTraits;
-
-template <>
-struct ElementTraits<uint8_t> {
-    static constexpr float kInverseWhite = 0.003921569f;  // 1/255 rounded to a float
-    static constexpr double kWhite = 255.0;
-    static constexpr double kFillRounding = 0.5;
-    static uint8_t Invert(uint8_t v) { return static_cast<uint8_t>(~v); }
-};
-
-template <>
-struct ElementTraits<uint16_t> {
-    static constexpr float kInverseWhite = 1.5259022e-05f;  // 1/65535 rounded to a float
-    static constexpr double kWhite = 65535.0;
-    // Deliberately not 0.5: 65535.499 must still truncate to 65535.
-    static constexpr double kFillRounding = 0.499;
-    static uint16_t Invert(uint16_t v) { return static_cast<uint16_t>(~v); }
-};
-
-template <>
-struct ElementTraits<float> {
-    static float Invert(float v) { return 1.0f - v; }
-};
-
-// Calls f with a value of the C++ type of pixel types 0 to 2; false for the
-// types these operations leave alone.
-template <typename F>
-bool VisitElementType(int32_t pixelType, F&& f) {
-    switch (pixelType) {
-        case PLPixelUChar:
-            f(uint8_t{});
-            return true;
-        case PLPixelUShort:
-            f(uint16_t{});
-            return true;
-        case PLPixelFloat:
-            f(float{});
-            return true;
-        default:
-            return false;
-    }
-}
-
-// Carries the numeric value across types without clamping: integers keep their
-// low bits, floats truncate to 32 bits first.
-template <typename Dst, typename Src>
-Dst ConvertElement(Src v) {
-    if constexpr (std::is_same_v<Dst, float>) {
-        return static_cast<float>(v);
-    } else if constexpr (std::is_same_v<Src, float>) {
-        return static_cast<Dst>(PLTruncI32(v));
-    } else {
-        return static_cast<Dst>(v);
-    }
-}
-
-template <typename Dst, typename Src>
-void CopyElement(uint8_t* dst, const uint8_t* src) {
-    if constexpr (std::is_same_v<Dst, Src>) {
-        std::memcpy(dst, src, sizeof(Dst));  // same type: the bits as they stand, NaN payloads included
-    } else {
-        PLStoreElement<Dst>(dst, ConvertElement<Dst>(PLLoadElement<Src>(src)));
-    }
-}
-
-bool HasPixels(const PLImage* image) {
-    return image && image->data && image->width > 0 && image->height > 0;
-}
 
 // True when the w x h rectangle at (x, y), whose rows are accessed over
 // rowLength bytes from pixel x, lies wholly inside the image.
@@ -90,11 +20,6 @@ bool RectInside(const PLImage* image, int32_t x, int32_t y, int32_t w, int32_t h
     return x >= 0 && y >= 0 && w > 0 && h > 0 && static_cast<int64_t>(y) + h <= image->height &&
            static_cast<int64_t>(x) * image->pixelStride + rowLength <=
                static_cast<int64_t>(image->width) * image->pixelStride;
-}
-
-template <typename... Args>
-void DispatchRows(int32_t rows, kqmp_worker* worker, Args... args) {
-    kqmp_dispatch(kqmp_threadsfor(rows), rows, worker, args...);
 }
 
 // Treats the range as one contiguous run of floats from the lower of its two end
@@ -112,50 +37,46 @@ void ScaleFloatRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args*
     }
 }
 
-template <typename T>
+template <typename P>
 void PremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using T = typename P::Element;
     PLImage* image = args->next<PLImage*>();
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
         for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
-            const T a = PLLoadElement<T>(p + 3 * sizeof(T));
-            if constexpr (std::is_same_v<T, float>) {
-                for (int c = 0; c < 3; ++c)
-                    PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * a);
+            const T a = P::Load(p + 3 * sizeof(T));
+            if constexpr (P::kIsFloat) {
+                for (int c = 0; c < 3; ++c) P::Store(p + c * sizeof(T), P::Load(p + c * sizeof(T)) * a);
             } else {
-                const float f = static_cast<float>(a) * ElementTraits<T>::kInverseWhite;
-                for (int c = 0; c < 3; ++c) {
-                    const float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
-                    PLStoreElement<T>(p + c * sizeof(T),
-                                      static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
-                }
+                const float f = static_cast<float>(a) * P::kInverseWhite;
+                for (int c = 0; c < 3; ++c)
+                    P::Store(p + c * sizeof(T), P::RoundInDouble(P::LoadFloat(p + c * sizeof(T)) * f));
             }
         }
     }
 }
 
-template <typename T>
+template <typename P>
 void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using T = typename P::Element;
     PLImage* image = args->next<PLImage*>();
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
         for (int32_t x = 0; x < width; ++x, p += 4 * sizeof(T)) {
-            const T a = PLLoadElement<T>(p + 3 * sizeof(T));
+            const T a = P::Load(p + 3 * sizeof(T));
             if (a == 0) continue;
-            if constexpr (std::is_same_v<T, float>) {
+            if constexpr (P::kIsFloat) {
                 // No clamp: a float colour may come out above 1.0.
                 const float f = 1.0f / a;
-                for (int c = 0; c < 3; ++c)
-                    PLStoreElement<T>(p + c * sizeof(T), PLLoadElement<T>(p + c * sizeof(T)) * f);
+                for (int c = 0; c < 3; ++c) P::Store(p + c * sizeof(T), P::Load(p + c * sizeof(T)) * f);
             } else {
-                const float f = static_cast<float>(ElementTraits<T>::kWhite / a);
+                const float f = static_cast<float>(static_cast<double>(P::kWhite) / a);
                 for (int c = 0; c < 3; ++c) {
-                    float v = static_cast<float>(PLLoadElement<T>(p + c * sizeof(T))) * f;
-                    if (v > ElementTraits<T>::kWhite) v = static_cast<float>(ElementTraits<T>::kWhite);
-                    PLStoreElement<T>(p + c * sizeof(T),
-                                      static_cast<T>(PLTruncI32(static_cast<double>(v) + 0.5)));
+                    float v = P::LoadFloat(p + c * sizeof(T)) * f;
+                    if (v > P::kWhite) v = P::kWhite;
+                    P::Store(p + c * sizeof(T), P::RoundInDouble(v));
                 }
             }
         }
@@ -164,14 +85,14 @@ void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_ar
 
 // Covers width elements of each row whatever numChannels is: the whole row of
 // the one-channel masks it is meant for.
-template <typename T>
+template <typename P>
 void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     PLImage* image = args->next<PLImage*>();
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* p = image->Row(y);
-        for (int32_t i = 0; i < width; ++i, p += sizeof(T))
-            PLStoreElement<T>(p, ElementTraits<T>::Invert(PLLoadElement<T>(p)));
+        for (int32_t i = 0; i < width; ++i, p += sizeof(typename P::Element))
+            P::Store(p, P::Complement(P::Load(p)));
     }
 }
 
@@ -181,8 +102,10 @@ void ClearRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args
     for (int32_t y = firstRow; y <= lastRow; ++y) std::memset(image->Row(y), 0, length);
 }
 
-template <typename Dst, typename Src>
+template <typename DstPixel, typename SrcPixel>
 void CopyChannelRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using Dst = typename DstPixel::Element;
+    using Src = typename SrcPixel::Element;
     PLImage* dst = args->next<PLImage*>();
     const int32_t dstChannel = *args->next<const int32_t*>();
     const PLImage* src = args->next<const PLImage*>();
@@ -192,7 +115,7 @@ void CopyChannelRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args
         uint8_t* d = dst->Row(y) + dstChannel * sizeof(Dst);
         const uint8_t* s = src->Row(y) + srcChannel * sizeof(Src);
         for (int32_t x = 0; x < width; ++x, d += dst->pixelStride, s += src->pixelStride)
-            CopyElement<Dst, Src>(d, s);
+            PLConvertElement<DstPixel, SrcPixel>(d, s);
     }
 }
 
@@ -205,8 +128,10 @@ void CopyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args)
 
 // The rectangle copy between types: the first image of the list is read at its
 // origin and the second written at its own, element by element.
-template <typename Read, typename Write>
+template <typename ReadPixel, typename WritePixel>
 void ConvertRectRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using Read = typename ReadPixel::Element;
+    using Write = typename WritePixel::Element;
     const PLImage* from = args->next<const PLImage*>();
     PLImage* to = args->next<PLImage*>();
     const int32_t fromX = *args->next<const int32_t*>();
@@ -220,7 +145,7 @@ void ConvertRectRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args
         uint8_t* d = to->Row(toY + row) + PLOffset(toX, to->pixelStride);
         for (int32_t x = 0; x < width; ++x, s += from->pixelStride, d += to->pixelStride) {
             for (int32_t c = 0; c < channels; ++c)
-                CopyElement<Write, Read>(d + c * sizeof(Write), s + c * sizeof(Read));
+                PLConvertElement<WritePixel, ReadPixel>(d + c * sizeof(Write), s + c * sizeof(Read));
         }
     }
 }
@@ -237,24 +162,51 @@ void FillRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args)
 }
 
 bool PassesAlphaTest(const PLImage* image) {
-    if (!HasPixels(image) || image->numChannels != 4) return false;
-    if (image->pixelType == PLPixelFloat) return image->whitePoint == 1.0f;
-    return image->pixelType == PLPixelUChar || image->pixelType == PLPixelUShort;
+    if (!PLHasPixels(image) || image->numChannels != 4 || !PLIsPathType(image->pixelType)) return false;
+    return image->pixelType != PLPixelFloat || image->whitePoint == 1.0f;
+}
+
+// Into an integer type rounded and clamped to its range; from an integer into
+// float the number unchanged; the same type bit for bit.
+template <typename DstPixel, typename SrcPixel>
+void CopyConvertingRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using D = typename DstPixel::Element;
+    using S = typename SrcPixel::Element;
+    const PLImage* dst = args->next<PLImage*>();
+    const int32_t dstChannel = args->next<int32_t>();
+    const PLImage* src = args->next<const PLImage*>();
+    const int32_t srcChannel = args->next<int32_t>();
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        uint8_t* out = dst->Row(y) + static_cast<size_t>(dstChannel) * sizeof(D);
+        const uint8_t* in = src->Row(y) + static_cast<size_t>(srcChannel) * sizeof(S);
+        for (int32_t x = 0; x < dst->width; ++x) {
+            uint8_t* o = out + PLOffset(x, dst->pixelStride);
+            const uint8_t* i = in + PLOffset(x, src->pixelStride);
+            if constexpr (std::is_same_v<D, S>) {
+                DstPixel::Store(o, SrcPixel::Load(i));
+            } else if constexpr (DstPixel::kIsFloat) {
+                DstPixel::Store(o, SrcPixel::LoadFloat(i));
+            } else {
+                DstPixel::Store(o, DstPixel::RoundClamp(SrcPixel::LoadFloat(i)));
+            }
+        }
+    }
 }
 
 }  // namespace
 
 void PLScaleImage(float factor, PLImage* image) {
     if (std::fabs(static_cast<double>(factor) - 1.0) < 1e-06) return;
-    if (!HasPixels(image)) return;
+    if (!PLHasPixels(image)) return;
     if (image->pixelType == PLPixelFloat) {
-        DispatchRows(image->height, ScaleFloatRows, image, &factor);
+        kqmp_runrows(image->height, ScaleFloatRows, image, &factor);
         return;
     }
     // GetPixel and SetPixel have no loops for the other types, so scaling them
     // would write whatever the scratch array held.
-    if (image->pixelType != PLPixelUChar && image->pixelType != PLPixelUShort) return;
-    float* scratch = static_cast<float*>(QVMemNew(static_cast<size_t>(image->numChannels) * sizeof(float)));
+    if (!PLIsPathType(image->pixelType)) return;
+    QVMemBlock<float> block(static_cast<size_t>(image->numChannels));
+    float* scratch = block.get();
     for (int32_t y = 0; y < image->height; ++y) {
         for (int32_t x = 0; x < image->width; ++x) {
             image->GetPixel(x, y, scratch);
@@ -262,30 +214,31 @@ void PLScaleImage(float factor, PLImage* image) {
             image->SetPixel(x, y, scratch);
         }
     }
-    QVMemFree(scratch);
 }
 
 void PLPremultiply(PLImage* image) {
     if (!PassesAlphaTest(image)) return;
-    VisitElementType(image->pixelType,
-                     [&](auto tag) { DispatchRows(image->height, PremultiplyRows<decltype(tag)>, image); });
+    PLVisitPixelType(image->pixelType, [&](auto pixel) {
+        kqmp_runrows(image->height, PremultiplyRows<decltype(pixel)>, image);
+    });
 }
 
 void PLUnpremultiply(PLImage* image) {
     if (!PassesAlphaTest(image)) return;
-    VisitElementType(image->pixelType,
-                     [&](auto tag) { DispatchRows(image->height, UnpremultiplyRows<decltype(tag)>, image); });
+    PLVisitPixelType(image->pixelType, [&](auto pixel) {
+        kqmp_runrows(image->height, UnpremultiplyRows<decltype(pixel)>, image);
+    });
 }
 
 void PLInvertImage(PLImage* image) {
-    if (!HasPixels(image)) return;
-    VisitElementType(image->pixelType,
-                     [&](auto tag) { DispatchRows(image->height, InvertRows<decltype(tag)>, image); });
+    if (!PLHasPixels(image)) return;
+    PLVisitPixelType(image->pixelType,
+                     [&](auto pixel) { kqmp_runrows(image->height, InvertRows<decltype(pixel)>, image); });
 }
 
 void PLClearImage(PLImage* image) {
-    if (!HasPixels(image)) return;
-    DispatchRows(image->height, ClearRows, image);
+    if (!PLHasPixels(image)) return;
+    kqmp_runrows(image->height, ClearRows, image);
 }
 
 void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
@@ -294,29 +247,29 @@ void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* s
         std::fprintf(stderr, "CopyCHannelIntoCHannel: incompatible images!\n");
         return;
     }
-    if (!HasPixels(dst) || !HasPixels(src)) return;
+    if (!PLHasPixels(dst) || !PLHasPixels(src)) return;
     if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
         return;
-    VisitElementType(dst->pixelType, [&](auto dstTag) {
-        VisitElementType(src->pixelType, [&](auto srcTag) {
-            DispatchRows(dst->height, CopyChannelRows<decltype(dstTag), decltype(srcTag)>, dst, &dstChannel,
-                         src, &srcChannel);
+    PLVisitPixelType(dst->pixelType, [&](auto dstPixel) {
+        PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
+            kqmp_runrows(dst->height, CopyChannelRows<decltype(dstPixel), decltype(srcPixel)>, dst,
+                         &dstChannel, src, &srcChannel);
         });
     });
 }
 
 void PLCopyImage(PLImage* dst, const PLImage* src) {
-    if (!HasPixels(dst) || !HasPixels(src)) return;
+    if (!PLHasPixels(dst) || !PLHasPixels(src)) return;
     // Only dst supplies the lengths; a src that is smaller would be read past its end.
     if (src->height < dst->height || static_cast<int64_t>(src->width) * src->pixelStride <
                                          static_cast<int64_t>(dst->width) * dst->pixelStride)
         return;
-    DispatchRows(dst->height, CopyRows, dst, src);
+    kqmp_runrows(dst->height, CopyRows, dst, src);
 }
 
 void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int32_t srcX, int32_t srcY,
                      int32_t width, int32_t height) {
-    if (!HasPixels(dst) || !HasPixels(src)) return;
+    if (!PLHasPixels(dst) || !PLHasPixels(src)) return;
     if (dst->pixelType == src->pixelType) {
         if (dstX == 0 && dstY == 0 && srcX == 0 && srcY == 0 && width == dst->width && width == src->width &&
             height == dst->height && height == src->height) {
@@ -339,29 +292,44 @@ void PLCopyImagePart(PLImage* dst, int32_t dstX, int32_t dstY, PLImage* src, int
     if (!RectInside(dst, dstX, dstY, width, height, static_cast<int64_t>(width) * dst->pixelStride) ||
         !RectInside(src, srcX, srcY, width, height, static_cast<int64_t>(width) * src->pixelStride))
         return;
-    VisitElementType(dst->pixelType, [&](auto readTag) {
-        VisitElementType(src->pixelType, [&](auto writeTag) {
-            DispatchRows(height, ConvertRectRows<decltype(readTag), decltype(writeTag)>, dst, src, &dstX,
+    PLVisitPixelType(dst->pixelType, [&](auto readPixel) {
+        PLVisitPixelType(src->pixelType, [&](auto writePixel) {
+            kqmp_runrows(height, ConvertRectRows<decltype(readPixel), decltype(writePixel)>, dst, src, &dstX,
                          &dstY, &srcX, &srcY, &width);
         });
     });
 }
 
 void PLFillImage(PLImage* image, const float colour[4]) {
-    if (!HasPixels(image) || image->numChannels < 1 || image->numChannels > 4) return;
-    uint8_t pixel[4 * sizeof(float)];
-    const bool known = VisitElementType(image->pixelType, [&](auto tag) {
-        using T = decltype(tag);
+    if (!PLHasPixels(image) || image->numChannels < 1 || image->numChannels > 4) return;
+    uint8_t colourPixel[4 * sizeof(float)];
+    const bool known = PLVisitPixelType(image->pixelType, [&](auto traits) {
+        using P = decltype(traits);
+        using T = typename P::Element;
         for (int32_t c = 0; c < image->numChannels; ++c) {
             T v;
-            if constexpr (std::is_same_v<T, float>) {
+            if constexpr (P::kIsFloat) {
                 v = colour[c] * image->whitePoint;
             } else {
-                v = static_cast<T>(PLTruncI32(static_cast<double>(colour[c]) * ElementTraits<T>::kWhite +
-                                              ElementTraits<T>::kFillRounding));
+                // The rounding differs between the types on purpose: see kFillRounding.
+                v = static_cast<T>(PLTruncI32(
+                    static_cast<double>(colour[c]) * static_cast<double>(P::kWhite) + P::kFillRounding));
             }
-            PLStoreElement<T>(pixel + c * sizeof(T), v);
+            P::Store(colourPixel + c * sizeof(T), v);
         }
     });
-    if (known) DispatchRows(image->height, FillRows, image, static_cast<const uint8_t*>(pixel));
+    if (known) kqmp_runrows(image->height, FillRows, image, static_cast<const uint8_t*>(colourPixel));
+}
+
+void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
+    if (PLDimensionsDiffer(dst, src) || !PLIsPathType(dst->pixelType) || !PLIsPathType(src->pixelType))
+        return;
+    if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
+        return;
+    PLVisitPixelType(dst->pixelType, [&](auto dstPixel) {
+        PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
+            kqmp_runrows(dst->height, CopyConvertingRows<decltype(dstPixel), decltype(srcPixel)>, dst,
+                         dstChannel, src, srcChannel);
+        });
+    });
 }

@@ -1,89 +1,47 @@
-#include "plimage.h"
+#include "image/plimage.h"
 
 #include <cstring>
+#include <type_traits>
 
-#include "plelement.h"
-
-const int32_t PLBytesPerElement[9] = {1, 2, 4, 1, 2, 2, 2, 8, 4};
+#include "image/pixel_format.h"
 
 namespace {
 
-void ReadUChar(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<uint8_t>(e));
+template <typename Pixel>
+void ReadElement(float* out, const void* element) {
+    *out = Pixel::ToFloat(Pixel::Load(element));
 }
-void ReadUShort(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<uint16_t>(e));
-}
-void ReadFloat(float* out, const void* e) {
-    *out = PLLoadElement<float>(e);
-}
-void ReadChar(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<int8_t>(e));
-}
-void ReadShort(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<int16_t>(e));
-}
-void ReadFractionShort(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<int16_t>(e)) * (1.0f / 65536.0f);
-}
-void ReadFractionUShort(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<uint16_t>(e)) * (1.0f / 65536.0f);
-}
-void ReadDouble(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<double>(e));
-}
-void ReadLong(float* out, const void* e) {
-    *out = static_cast<float>(PLLoadElement<int64_t>(e));
-}
-
-const PLElementReader kReaders[9] = {ReadUChar,         ReadUShort,         ReadFloat,  ReadChar, ReadShort,
-                                     ReadFractionShort, ReadFractionUShort, ReadDouble, ReadLong};
 
 }  // namespace
 
+const int32_t PLBytesPerElement[9] = {PLPixel<PLPixelUChar>::kBytes,
+                                      PLPixel<PLPixelUShort>::kBytes,
+                                      PLPixel<PLPixelFloat>::kBytes,
+                                      PLPixel<PLPixelChar>::kBytes,
+                                      PLPixel<PLPixelShort>::kBytes,
+                                      PLPixel<PLPixelFractionShort>::kBytes,
+                                      PLPixel<PLPixelFractionUShort>::kBytes,
+                                      PLPixel<PLPixelDouble>::kBytes,
+                                      PLPixel<PLPixelLong>::kBytes};
+
 int32_t PLElementSize(int32_t pixelType) {
     // An unknown type gets 0 rather than a read past the table.
-    return pixelType >= 0 && pixelType <= 8 ? PLBytesPerElement[pixelType] : 0;
+    int32_t size = 0;
+    PLVisitAnyPixelType(pixelType, [&](auto pixel) { size = decltype(pixel)::kBytes; });
+    return size;
 }
 
 PLElementReader PLElementReaderFor(int32_t pixelType) {
-    if (pixelType < 0 || pixelType > 8) return nullptr;
-    return kReaders[pixelType];
+    PLElementReader reader = nullptr;
+    PLVisitAnyPixelType(pixelType, [&](auto pixel) { reader = &ReadElement<decltype(pixel)>; });
+    return reader;
 }
 
 void PLFloatToElement(int32_t pixelType, void* e, float v) {
-    switch (pixelType) {
-        case PLPixelUChar:
-            PLStoreElement<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
-            break;
-        case PLPixelUShort:
-            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
-            break;
-        case PLPixelFloat:
-            PLStoreElement<float>(e, v);
-            break;
-        case PLPixelChar:
-            PLStoreElement<uint8_t>(e, static_cast<uint8_t>(PLTruncI32(v)));
-            break;
-        case PLPixelShort:
-            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v)));
-            break;
-        case PLPixelFractionShort:
-            // Multiplies by 2^-16 like its reader does; kept as it has always been.
-            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * (1.0f / 65536.0f))));
-            break;
-        case PLPixelFractionUShort:
-            PLStoreElement<uint16_t>(e, static_cast<uint16_t>(PLTruncI32(v * 65536.0f)));
-            break;
-        case PLPixelDouble:
-            PLStoreElement<double>(e, static_cast<double>(v));
-            break;
-        case PLPixelLong:
-            PLStoreElement<int64_t>(e, PLTruncI64(v));
-            break;
-        default:
-            break;
-    }
+    PLVisitAnyPixelType(pixelType, [&](auto pixel) {
+        using Pixel = decltype(pixel);
+        Pixel::Store(e, Pixel::Truncate(v));
+    });
 }
 
 PLImage::PLImage(int32_t w, int32_t h, int32_t nc, int32_t pt, int32_t fl)
@@ -181,35 +139,22 @@ void PLImage::Init(bool allocate, int32_t rethrow) {
     lastRow = height - 1;
     lastColumn = width - 1;
     rowStep = flipped ? -rowBytes : rowBytes;
-    if (pixelType == PLPixelUChar)
-        whitePoint = 255.0f;
-    else if (pixelType == PLPixelUShort)
-        whitePoint = 65535.0f;
-    else if (pixelType == PLPixelFloat)
-        whitePoint = 1.0f;
+    // Only the path types have a white point; the others leave the field as it was.
+    PLVisitPixelType(pixelType, [&](auto pixel) { whitePoint = decltype(pixel)::kWhite; });
     elementToFloat = PLElementReaderFor(pixelType);
 }
 
 void PLImage::GetPixel(int32_t x, int32_t y, float* out) const {
     const uint8_t* row = Row(y);
-    switch (pixelType) {
-        case PLPixelUChar: {
-            const uint8_t* p = row + PLOffset(x, numChannels);
-            for (int32_t c = 0; c < numChannels; ++c) out[c] = static_cast<float>(p[c]);
-            break;
-        }
-        case PLPixelUShort:
-        case PLPixelFloat: {
-            // The float branch has always read the row as 16-bit elements, like
-            // the ushort branch; float images are scaled by a worker of their own.
-            const uint8_t* p = row + PLOffset(x, numChannels) * 2;
-            for (int32_t c = 0; c < numChannels; ++c)
-                out[c] = static_cast<float>(PLLoadElement<uint16_t>(p + 2 * c));
-            break;
-        }
-        default:
-            break;
-    }
+    PLVisitPixelType(pixelType, [&](auto pixel) {
+        // The float branch has always read the row as 16-bit elements, like
+        // the ushort branch; float images are scaled by a worker of their own.
+        using Read = std::conditional_t<decltype(pixel)::kIsFloat, PLPixel<PLPixelUShort>, decltype(pixel)>;
+        const uint8_t* p =
+            row + PLOffset(x, numChannels) * static_cast<ptrdiff_t>(sizeof(typename Read::Element));
+        for (int32_t c = 0; c < numChannels; ++c)
+            out[c] = Read::LoadFloat(p + c * static_cast<ptrdiff_t>(sizeof(typename Read::Element)));
+    });
 }
 
 void PLImage::GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const {
@@ -226,8 +171,11 @@ void PLImage::SetPixel(int32_t x, int32_t y, const float* in) {
         std::memcpy(p, in, static_cast<size_t>(numChannels) * 4);
         return;
     }
-    if (pixelType < 0 || pixelType > 8) return;
-    for (int32_t c = 0; c < numChannels; ++c) PLFloatToElement(pixelType, p + c * bytesPerElement, in[c]);
+    PLVisitAnyPixelType(pixelType, [&](auto pixel) {
+        using Pixel = decltype(pixel);
+        for (int32_t c = 0; c < numChannels; ++c)
+            Pixel::Store(p + c * bytesPerElement, Pixel::Truncate(in[c]));
+    });
 }
 
 bool PLDimensionsDiffer(const PLImage* a, const PLImage* b) {

@@ -6,8 +6,8 @@
 
 #include <cstdint>
 
-#include "plconvert.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "image/plconvert.h"
 
 enum PLPixelType : int32_t {
     PLPixelUChar = 0,
@@ -60,6 +60,7 @@ class PLImage : public QVMem {
                  int32_t pixelType, int32_t flipped);
     void Init(bool allocate, int32_t rethrow);
 
+    // Slow per-pixel access, for paths kept for completeness; kernels walk rows.
     void GetPixel(int32_t x, int32_t y, float* out) const;
     void GetChannel(int32_t x, int32_t y, float* out, int32_t channel) const;
     void SetPixel(int32_t x, int32_t y, const float* in);
@@ -90,6 +91,11 @@ class PLImage : public QVMem {
     void InitOutside(bool throwOnFailure, void* data, int32_t width, int32_t height, int32_t rowBytes,
                      int32_t numChannels, int32_t pixelType, int32_t flipped);
 };
+
+// An image with pixels to work on: not null, with data, at least one pixel wide and high.
+inline bool PLHasPixels(const PLImage* image) {
+    return image && image->data && image->width > 0 && image->height > 0;
+}
 
 // Guards before an operation: each is true when the two are NOT fit to go together.
 bool PLDimensionsDiffer(const PLImage* a, const PLImage* b);

@@ -1,22 +1,18 @@
 // The host image wrapper: binding host memory to a QVImageInternal without
 // copying, the mapping between host and library terms, and the alpha
 // conversions and fill that the render action runs on wrapped images.
-#include "qvimage.h"
+#include "image/qvimage.h"
 
-#include "image_ops.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
 
 namespace {
 
-// Host origin 0 stores rows bottom-up, which the image record calls flipped.
 int32_t FlippedForOrigin(int32_t origin) {
-    return origin == 0 ? 1 : 0;
+    return origin == QVOriginFlipped ? 1 : 0;
 }
 int32_t OriginForFlipped(int32_t flipped) {
-    return flipped ? 0 : 1;
-}
-
-bool IsHostPixelType(int32_t pixelType) {
-    return pixelType == PLPixelUChar || pixelType == PLPixelUShort || pixelType == PLPixelFloat;
+    return flipped ? QVOriginFlipped : QVOriginInOrder;
 }
 
 }  // namespace
@@ -48,7 +44,7 @@ PLErr QVImage::rebind(void* pixels, int32_t w, int32_t h, int32_t rb, int32_t or
     if (!internal) return PLErrFailed;
     // Host pixel types 0 to 2 are the only ones in the contract; any other would
     // give a record without an element reader.
-    if (!IsHostPixelType(type)) return PLErrFailed;
+    if (!PLIsPathType(type)) return PLErrFailed;
     internal->SetData(pixels, w, h, rb, channels, type, FlippedForOrigin(org));
     return PLErrNone;
 }
@@ -154,9 +150,9 @@ PLErr QVImage::convertAlpha(int32_t mode) {
     if (!internal) return PLErrFailed;
     PLImage* image = internalImage();
     if (!image) return PLErrNone;
-    if (mode == 2)
+    if (mode == QVAlphaPremultiply)
         PLPremultiply(image);
-    else if (mode == 1)
+    else if (mode == QVAlphaUnpremultiply)
         PLUnpremultiply(image);
     return PLErrNone;
 }

@@ -6,9 +6,22 @@
 
 #include <cstdint>
 
-#include "plerr.h"
-#include "plimage.h"
-#include "qvmem.h"
+#include "base/plerr.h"
+#include "base/qvmem.h"
+#include "image/plimage.h"
+
+// Where a wrap's logical row 0 lies: origin 0 stores rows bottom-up, which
+// the image record calls flipped; origin 1 has row 0 first in memory.
+enum QVOrigin : int32_t {
+    QVOriginFlipped = 0,
+    QVOriginInOrder = 1,
+};
+
+// What convertAlpha does; any other mode does nothing.
+enum QVAlphaMode : int32_t {
+    QVAlphaUnpremultiply = 1,
+    QVAlphaPremultiply = 2,
+};
 
 // The image proper of a wrapper: a PLImage plus the channel layout it was wrapped with.
 class QVImageInternal : public PLImage {
@@ -35,9 +48,8 @@ class QVImage : public QVMem {
     // Replaces internal by a new empty one that this wrapper owns. Throws PLErrOutOfMemory.
     PLErr allocateInternal();
 
-    // The wrap of a host image: four channels in the order red, green, blue, alpha.
-    // origin 0 is bottom-up storage (flipped), 1 top-down; pixel type 0, 1, 2
-    // is 8-bit, 16-bit, float.
+    // The wrap of a host image: four channels in the order red, green, blue,
+    // alpha; origin a QVOrigin; pixel type PLPixelUChar, PLPixelUShort or PLPixelFloat.
     PLErr wrapHostPixels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                          int32_t pixelType);
     PLErr wrapFourChannels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
@@ -45,11 +57,13 @@ class QVImage : public QVMem {
                            int32_t blue, int32_t alpha);
     PLErr wrapThreeChannels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                             int32_t pixelType);
+    // Kept for completeness: the render action wraps four, three and one channels only.
     PLErr wrapTwoChannels(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                           int32_t pixelType);
     PLErr wrapOneChannel(void* data, int32_t width, int32_t height, int32_t rowBytes, int32_t origin,
                          int32_t pixelType);
     // Adopts an image that stays its owner's and rewraps it on its own fields.
+    // Kept for completeness, like getImageInfo below.
     PLErr wrapImage(QVImageInternal* image);
 
     // Refreshes the cached fields from internal. Throws PLErrFailed without one.
@@ -58,7 +72,7 @@ class QVImage : public QVMem {
     // The image to work on: null without internal or with no pixels.
     PLImage* internalImage() const;
 
-    // 1 un-premultiplies, 2 premultiplies, in place; other modes do nothing.
+    // Un-premultiplies or premultiplies in place by QVAlphaMode; other modes do nothing.
     PLErr convertAlpha(int32_t mode);
     // Paints the whole image with a colour given in 0 to 1.
     PLErr fill(float red, float green, float blue, float alpha);

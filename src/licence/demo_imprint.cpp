@@ -6,11 +6,10 @@
 // the mark also shows over transparency and premultiplied colour stays below
 // alpha.
 #include <cstring>
-#include <type_traits>
 
-#include "licence.h"
-#include "plelement.h"
-#include "plimage.h"
+#include "image/pixel_format.h"
+#include "image/plimage.h"
+#include "licence/licence.h"
 
 namespace {
 
@@ -67,8 +66,9 @@ class Mark {
     int32_t period_;
 };
 
-template <typename T>
-void Imprint(PLImage& image, float strength, float white) {
+template <typename P>
+void Imprint(PLImage& image, float strength) {
+    using T = typename P::Element;
     const Mark mark(image.width, image.height);
     const int32_t channels = image.numChannels;
     for (int32_t y = 0; y < image.height; ++y) {
@@ -79,17 +79,13 @@ void Imprint(PLImage& image, float strength, float white) {
             const float w = strength * layer.weight;
             for (int32_t c = 0; c < channels; ++c) {
                 uint8_t* at = pixel + c * static_cast<int32_t>(sizeof(T));
-                const float target = (channels == 4 && c == 3 ? 1.0f : layer.target) * white;
-                const float v = static_cast<float>(PLLoadElement<T>(at));
+                const float target = (channels == 4 && c == 3 ? 1.0f : layer.target) * P::kWhite;
+                const float v = P::LoadFloat(at);
                 const float blended = v + (target - v) * w;
-                if constexpr (std::is_same_v<T, float>) {
-                    PLStoreElement<float>(at, blended);
-                } else {
-                    float r = blended + 0.5f;
-                    r = r > 0.0f ? r : 0.0f;
-                    r = r < white ? r : white;
-                    PLStoreElement<T>(at, static_cast<T>(PLTruncI32(r)));
-                }
+                if constexpr (P::kIsFloat)
+                    P::Store(at, blended);
+                else
+                    P::Store(at, P::RoundClamp(blended));
             }
         }
     }
@@ -98,21 +94,9 @@ void Imprint(PLImage& image, float strength, float white) {
 }  // namespace
 
 void TrelvoDemoImprint(PLImage* image, float strength) {
-    if (!image || !image->data || image->width < 1 || image->height < 1) return;
+    if (!PLHasPixels(image)) return;
     if (image->numChannels < 1 || image->numChannels > 4) return;
     if (!(strength > 0.0f)) return;
     if (strength > 1.0f) strength = 1.0f;
-    switch (image->pixelType) {
-        case PLPixelUChar:
-            Imprint<uint8_t>(*image, strength, 255.0f);
-            break;
-        case PLPixelUShort:
-            Imprint<uint16_t>(*image, strength, 65535.0f);
-            break;
-        case PLPixelFloat:
-            Imprint<float>(*image, strength, 1.0f);
-            break;
-        default:
-            break;
-    }
+    PLVisitPixelType(image->pixelType, [&](auto pixel) { Imprint<decltype(pixel)>(*image, strength); });
 }

@@ -1,4 +1,4 @@
-#include "licence.h"
+#include "licence/licence.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -3,14 +3,14 @@
 // on first need and sleep between jobs, or on the host's threads when the
 // shell's runner takes the job. Nothing escapes a worker on another thread: a
 // failure there is caught, kept in its slot and thrown on the calling thread.
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 #include <cxxabi.h>
 #include <unistd.h>
 
 #include <atomic>
 
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <type_traits>
 
-#include "plerr.h"
+#include "base/plerr.h"
 
 // The job's argument list: pointers and 32-bit integers, in the driver's order.
 // A float or a group of values travels as a pointer to a local of the driver,
@@ -29,7 +29,7 @@ struct kqmp_arglist {
 // A worker's private cursor over the job's list: each thread fetches the
 // arguments independently, in the driver's order.
 class kqmp_args {
-public:
+  public:
     explicit kqmp_args(const kqmp_arglist* list) : list_(list) {}
 
     template <typename T>
@@ -43,7 +43,7 @@ public:
         }
     }
 
-private:
+  private:
     const kqmp_arglist* list_;
     int pos_ = 0;
 };
@@ -86,6 +86,15 @@ void kqmp_dispatch(int32_t threadCount, int32_t rows, kqmp_worker* worker, Args.
     kqmp_arglist list;
     kqmp_detail::pack(list, args...);
     kqmp_dispatchlist(threadCount, rows, worker, list);
+}
+
+// Runs worker over `rows` rows with the thread count kqmp_threadsfor gives for
+// them. Nothing is dispatched for no rows: the pool would run the previous
+// job's share for a thread count of 0.
+template <typename... Args>
+void kqmp_runrows(int32_t rows, kqmp_worker* worker, Args... args) {
+    if (rows < 1) return;
+    kqmp_dispatch(kqmp_threadsfor(rows), rows, worker, args...);
 }
 
 // A host's thread suite, as the shell sees it: run fn(index, count, arg) on

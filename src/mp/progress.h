@@ -7,10 +7,10 @@
 
 #include <cstdint>
 
-#include "qvmem.h"
+#include "base/qvmem.h"
 
 class QVIdleAndProgressClass : public QVMem {
-public:
+  public:
     explicit QVIdleAndProgressClass(QVIdleAndProgressClass* parentObject) : parent(parentObject) {}
     virtual ~QVIdleAndProgressClass() = default;
 
@@ -43,8 +43,9 @@ public:
 // chain, so the host is asked from one thread alone; the others learn of an
 // abort through the shared word at their next report.
 class QVIldeAndProgressMPInterruptible : public QVIdleAndProgressClass {
-public:
-    QVIldeAndProgressMPInterruptible(QVIdleAndProgressClass* parentObject, bool isReporter, int32_t* sharedWord)
+  public:
+    QVIldeAndProgressMPInterruptible(QVIdleAndProgressClass* parentObject, bool isReporter,
+                                     int32_t* sharedWord)
         : QVIdleAndProgressClass(parentObject), reporter(isReporter), interrupted(sharedWord) {}
 
     void ProgressIdle(float fraction) override;

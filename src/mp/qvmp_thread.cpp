@@ -1,5 +1,5 @@
 // Semaphores, restartable threads and spin mutexes over POSIX threads.
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 #include <new>
 
@@ -108,6 +108,7 @@ kqmp_mutex** kqmp_mutexarray(int32_t count) {
     auto* records = static_cast<kqmp_mutex*>(QVMemNew(sizeof(kqmp_mutex) * static_cast<size_t>(count)));
     kqmp_mutex** table;
     try {
+        // A table of pointers, so the pointer's size. NOLINTNEXTLINE(bugprone-sizeof-expression)
         table = static_cast<kqmp_mutex**>(QVMemNew(sizeof(kqmp_mutex*) * static_cast<size_t>(count)));
     } catch (PLErr) {
         QVMemFree(records);

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "qvmem.h"
+#include "base/qvmem.h"
 
 // Live pool threads: QVMP_Thread::Start adds one, QVMP_Thread::Stop takes one.
 // Only counted, never consulted; touched only under the dispatch lock.

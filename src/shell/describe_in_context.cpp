@@ -2,7 +2,8 @@
 // numeric parameters, a hidden data parameter on two hosts, and one page.
 #include <cstring>
 
-#include "ofx_plugin.h"
+#include "shell/effect_names.h"
+#include "shell/ofx_plugin.h"
 
 namespace {
 
@@ -14,14 +15,12 @@ struct NumericParam {
 };
 
 constexpr NumericParam kNumericParams[] = {
-    {"valMBAmount", -2.0, 10.0, -2.0, 10.0, 0.5, "Value: amount of MotionBlur", "Blur Amount"},
-    {"valMaxDisplace", 0.0, 10000.0, 0.0, 10000.0, 64.0, "Value: Max Displacement", "Max Displacement"},
-    {"valVecScaleX", -2.0, 10.0, -2.0, 10.0, 1.0, "Value: Vector Scale X", "Vector Scale X"},
-    {"valVecScaleY", -2.0, 10.0, -2.0, 10.0, 1.0, "Value: Vector Scale Y", "Vector Scale Y"},
+    {kAmountParam, -2.0, 10.0, -2.0, 10.0, 0.5, "Value: amount of MotionBlur", "Blur Amount"},
+    {kMaxDisplaceParam, 0.0, 10000.0, 0.0, 10000.0, 64.0, "Value: Max Displacement", "Max Displacement"},
+    {kVectorScaleXParam, -2.0, 10.0, -2.0, 10.0, 1.0, "Value: Vector Scale X", "Vector Scale X"},
+    {kVectorScaleYParam, -2.0, 10.0, -2.0, 10.0, 1.0, "Value: Vector Scale Y", "Vector Scale Y"},
 };
 
-constexpr const char* kHiddenParam = "QFXCustomData";
-constexpr const char* kHiddenScriptName = "CustomData_DoNotEdit";
 constexpr const char* kHiddenHint = "Custom data string, do not edit!";
 
 }  // namespace
@@ -33,20 +32,20 @@ OfxStatus describeInContext(OfxImageEffectHandle effect, OfxPropertySetHandle in
     if (!context || std::strcmp(context, kOfxImageEffectContextGeneral) != 0) return kOfxStatFailed;
 
     OfxPropertySetHandle props = nullptr;
-    gEffectHost->clipDefine(effect, kOfxImageEffectOutputClipName, &props);
+    gEffectHost->clipDefine(effect, kOutputClip, &props);
     p->propSetString(props, kOfxImageEffectPropSupportedComponents, 0, kOfxImageComponentRGBA);
     p->propSetString(props, kOfxImageEffectPropSupportedComponents, 0, kOfxImageComponentRGBA);
     p->propSetInt(props, kOfxImageEffectPropSupportsTiles, 0, 0);
 
     props = nullptr;
-    gEffectHost->clipDefine(effect, kOfxImageEffectSimpleSourceClipName, &props);
+    gEffectHost->clipDefine(effect, kSourceClip, &props);
     p->propSetInt(props, kOfxImageClipPropOptional, 0, 0);
     p->propSetInt(props, kOfxImageEffectPropTemporalClipAccess, 0, 0);
     p->propSetString(props, kOfxImageEffectPropSupportedComponents, 0, kOfxImageComponentRGBA);
     p->propSetInt(props, kOfxImageEffectPropSupportsTiles, 0, 0);
 
     props = nullptr;
-    gEffectHost->clipDefine(effect, "Motion Vectors", &props);
+    gEffectHost->clipDefine(effect, kMotionVectorsClip, &props);
     p->propSetString(props, kOfxImageEffectPropSupportedComponents, 0, kOfxImageComponentRGBA);
     p->propSetInt(props, kOfxImageClipPropOptional, 0, 0);
     p->propSetInt(props, kOfxImageEffectPropTemporalClipAccess, 0, 0);
@@ -78,32 +77,32 @@ OfxStatus describeInContext(OfxImageEffectHandle effect, OfxPropertySetHandle in
     const bool fusion = hostIsFusion();
     if (nuke || fusion) {
         props = nullptr;
-        gParamHost->paramDefine(params, kOfxParamTypeCustom, kHiddenParam, &props);
+        gParamHost->paramDefine(params, kOfxParamTypeCustom, kCustomDataParam, &props);
         p->propSetInt(props, kOfxParamPropEvaluateOnChange, 0, 0);
         p->propSetInt(props, kOfxParamPropPersistant, 0, 1);
         p->propSetString(props, kOfxParamPropDefault, 0, hiddenDefault);
-        p->propSetString(props, kOfxPropLabel, 0, kHiddenScriptName);
-        p->propSetString(props, kOfxParamPropScriptName, 0, kHiddenScriptName);
+        p->propSetString(props, kOfxPropLabel, 0, kCustomDataScriptName);
+        p->propSetString(props, kOfxParamPropScriptName, 0, kCustomDataScriptName);
         p->propSetString(props, kOfxParamPropHint, 0, kHiddenHint);
         p->propSetInt(props, kOfxParamPropSecret, 0, 1);
     }
     if (fusion) {
         // Defined a second time under the same name; the properties go to
         // whatever handle the host left in the variable.
-        gParamHost->paramDefine(params, kOfxParamTypeString, kHiddenParam, &props);
+        gParamHost->paramDefine(params, kOfxParamTypeString, kCustomDataParam, &props);
         p->propSetInt(props, kOfxParamPropEvaluateOnChange, 0, 0);
         p->propSetInt(props, kOfxParamPropPersistant, 0, 1);
         p->propSetString(props, kOfxParamPropDefault, 0, hiddenDefault);
         p->propSetString(props, kOfxPropLabel, 0, "license");
-        p->propSetString(props, kOfxParamPropScriptName, 0, kHiddenScriptName);
+        p->propSetString(props, kOfxParamPropScriptName, 0, kCustomDataScriptName);
         p->propSetString(props, kOfxParamPropHint, 0, kHiddenHint);
         p->propSetInt(props, kOfxParamPropEnabled, 0, 0);
         p->propSetInt(props, kOfxParamPropSecret, 0, 1);
     }
 
     props = nullptr;
-    gParamHost->paramDefine(params, kOfxParamTypePage, "Main", &props);
+    gParamHost->paramDefine(params, kOfxParamTypePage, kMainPage, &props);
     for (int i = 0; i < 4; ++i) p->propSetString(props, kOfxParamPropPageChild, i, kNumericParams[i].name);
-    if (fusion || nuke) p->propSetString(props, kOfxParamPropPageChild, 4, kHiddenParam);
+    if (fusion || nuke) p->propSetString(props, kOfxParamPropPageChild, 4, kCustomDataParam);
     return kOfxStatOK;
 }

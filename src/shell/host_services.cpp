@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "kqmp.h"
-#include "ofx_plugin.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "mp/kqmp.h"
+#include "shell/ofx_plugin.h"
 
 OfxStatus ConvertPLErrToOFXErr(PLErr err) {
     switch (err) {

@@ -4,23 +4,22 @@
 // same frame of both inputs. Nothing here holds state.
 #include <cstring>
 
-#include "ofx_plugin.h"
+#include "shell/effect_names.h"
+#include "shell/ofx_plugin.h"
 
 namespace {
 
 struct ClipEntry {
-    int32_t clipIndex;
-    char clipName[255];
-    char clipRoIProperty[257];
+    const char* clipName;
+    const char* clipRoIProperty;
 };
 
-const ClipEntry clipTable[3] = {
-    {0, "Source", "OfxImageClipPropRoI_Source"},
-    {1, "Output", "OfxImageClipPropRoI_Output"},
-    {2, "Motion Vectors", "OfxImageClipPropRoI_Motion Vectors"},
+// In the order of their index: Source, Output, Motion Vectors.
+constexpr ClipEntry clipTable[3] = {
+    {kSourceClip, kSourceRoIProperty},
+    {kOutputClip, kOutputRoIProperty},
+    {kMotionVectorsClip, kMotionVectorsRoIProperty},
 };
-
-constexpr const char* kMotionVectorsClip = "Motion Vectors";
 
 int32_t DepthCode(const char* depth) {
     if (!depth) return 0;
@@ -51,11 +50,12 @@ OfxStatus createInstance(OfxImageEffectHandle effect) {
     return IsGeneralEffect(effect) ? kOfxStatOK : kOfxStatFailed;
 }
 
-OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs) {
+OfxStatus getSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs) {
     OfxTime time = 0.0;
     gPropHost->propGetDouble(inArgs, kOfxPropTime, 0, &time);
     OfxImageClipHandle source = nullptr;
-    gEffectHost->clipGetHandle(effect, kOfxImageEffectSimpleSourceClipName, &source, nullptr);
+    gEffectHost->clipGetHandle(effect, kSourceClip, &source, nullptr);
     OfxRectD rod = {0.0, 0.0, 0.0, 0.0};
     gEffectHost->clipGetRegionOfDefinition(source, time, &rod);
     char* name = nullptr;
@@ -72,7 +72,7 @@ OfxStatus getToxikSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle i
     gPropHost->propGetDouble(inArgs, kOfxPropTime, 0, &time);
     OfxRectD rod = {0.0, 0.0, 0.0, 0.0};
     OfxImageClipHandle clip = nullptr;
-    gEffectHost->clipGetHandle(effect, kOfxImageEffectSimpleSourceClipName, &clip, nullptr);
+    gEffectHost->clipGetHandle(effect, kSourceClip, &clip, nullptr);
     OfxStatus status = gEffectHost->clipGetRegionOfDefinition(clip, time, &rod);
     if (status == kOfxStatErrMemory) return kOfxStatErrMemory;
     if (status == kOfxStatOK) {
@@ -86,7 +86,8 @@ OfxStatus getToxikSpatialRoD(OfxImageEffectHandle effect, OfxPropertySetHandle i
     return kOfxStatOK;
 }
 
-OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, OfxPropertySetHandle outArgs) {
+OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs,
+                        OfxPropertySetHandle outArgs) {
     double roi[4] = {0.0, 0.0, 0.0, 0.0};
     gPropHost->propGetDoubleN(inArgs, kOfxImageEffectPropRegionOfInterest, 4, roi);
     gPropHost->propSetDoubleN(outArgs, clipTable[0].clipRoIProperty, 4, roi);
@@ -103,10 +104,11 @@ OfxStatus getSpatialRoI(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs
     return kOfxStatOK;
 }
 
-OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle, OfxPropertySetHandle outArgs) {
+OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle,
+                             OfxPropertySetHandle outArgs) {
     OfxImageClipHandle source = nullptr;
     OfxPropertySetHandle sourceProps = nullptr;
-    gEffectHost->clipGetHandle(effect, kOfxImageEffectSimpleSourceClipName, &source, &sourceProps);
+    gEffectHost->clipGetHandle(effect, kSourceClip, &source, &sourceProps);
     char* depth = nullptr;
     char* components = nullptr;
     gPropHost->propGetString(sourceProps, kOfxImageClipPropUnmappedPixelDepth, 0, &depth);
@@ -118,8 +120,8 @@ OfxStatus getClipPreferences(OfxImageEffectHandle effect, OfxPropertySetHandle, 
                                     : kOfxImageComponentRGBA;
     const char* outDepth = code == 8 ? kOfxBitDepthByte : code == 16 ? kOfxBitDepthShort : kOfxBitDepthFloat;
 
-    gPropHost->propSetString(outArgs, "OfxImageClipPropComponents_Output", 0, outComponents);
-    if (gHostSupportsMultipleBitDepths) gPropHost->propSetString(outArgs, "OfxImageClipPropDepth_Output", 0, outDepth);
+    gPropHost->propSetString(outArgs, kOutputComponentsProperty, 0, outComponents);
+    if (gHostSupportsMultipleBitDepths) gPropHost->propSetString(outArgs, kOutputDepthProperty, 0, outDepth);
     gPropHost->propSetString(outArgs, kOfxImageClipPropFieldExtraction, 0, kOfxImageFieldBoth);
     gPropHost->propSetInt(outArgs, kOfxImageEffectPropTemporalClipAccess, 0, 0);
     return kOfxStatOK;
@@ -136,11 +138,11 @@ OfxStatus isIdentity(OfxImageEffectHandle effect, OfxPropertySetHandle inArgs, O
         OfxParamHandle amountParam = nullptr;
         double amount = __builtin_nan("");  // unanswered: render it
         gEffectHost->getParamSet(effect, &params);
-        gParamHost->paramGetHandle(params, "valMBAmount", &amountParam, nullptr);
+        gParamHost->paramGetHandle(params, kAmountParam, &amountParam, nullptr);
         if (amountParam) gParamHost->paramGetValueAtTime(amountParam, time, &amount);
         if (!(amount == 0.0)) return kOfxStatReplyDefault;
     }
-    gPropHost->propSetString(outArgs, kOfxPropName, 0, kOfxImageEffectSimpleSourceClipName);
+    gPropHost->propSetString(outArgs, kOfxPropName, 0, kSourceClip);
     gPropHost->propSetDouble(inArgs, kOfxPropTime, 0, time);  // into inArgs: a fixed quirk of the action
     return kOfxStatOK;
 }
@@ -162,7 +164,7 @@ OfxStatus getTemporalDomain(OfxImageEffectHandle effect, OfxPropertySetHandle, O
     double range[2] = {0.0, 0.0};
     OfxImageClipHandle clip = nullptr;
     OfxPropertySetHandle props = nullptr;
-    gEffectHost->clipGetHandle(effect, kOfxImageEffectSimpleSourceClipName, &clip, &props);
+    gEffectHost->clipGetHandle(effect, kSourceClip, &clip, &props);
     gPropHost->propGetDoubleN(props, kOfxImageEffectPropFrameRange, 2, range);
     // The vectors' range replaces the Source's where the host answers.
     clip = nullptr;
@@ -179,8 +181,8 @@ OfxStatus getFramesNeeded(OfxImageEffectHandle, OfxPropertySetHandle inArgs, Ofx
     gPropHost->propGetDouble(inArgs, kOfxPropTime, 0, &time);
     gPropHost->propGetIntN(inArgs, kOfxImageEffectPropRenderWindow, 4, window);
     const double range[2] = {time, time};
-    gPropHost->propSetDoubleN(outArgs, "OfxImageClipPropFrameRange_Source", 2, range);
-    gPropHost->propSetDoubleN(outArgs, "OfxImageClipPropFrameRange_Motion Vectors", 2, range);
+    gPropHost->propSetDoubleN(outArgs, kSourceFramesProperty, 2, range);
+    gPropHost->propSetDoubleN(outArgs, kMotionVectorsFramesProperty, 2, range);
     return kOfxStatOK;
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/plerr.h"
 #include "ofxCore.h"
 #include "ofxImageEffect.h"
 #include "ofxInteract.h"
@@ -15,7 +16,6 @@
 #include "ofxOld.h"
 #include "ofxParam.h"
 #include "ofxProperty.h"
-#include "plerr.h"
 
 // A private status past the standard ones: a user abort where an OFX status is wanted.
 constexpr OfxStatus qvStatAborted = 15;

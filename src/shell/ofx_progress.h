@@ -2,12 +2,12 @@
 // progress figure; each report is a chance for the host to stop the work.
 #pragma once
 
+#include "base/plerr.h"
+#include "mp/progress.h"
 #include "ofxImageEffect.h"
-#include "plerr.h"
-#include "progress.h"
 
 class OFXIdleProgress : public QVIdleAndProgressClass {
-public:
+  public:
     OFXIdleProgress(QVIdleAndProgressClass* parentObject, OfxImageEffectSuiteV1* suite,
                     OfxImageEffectHandle effectInstance)
         : QVIdleAndProgressClass(parentObject), effectSuite(suite), instance(effectInstance) {}

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <new>
 
-#include "kqmp.h"
-#include "licence.h"
-#include "ofx_plugin.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "licence/licence.h"
+#include "mp/kqmp.h"
+#include "shell/ofx_plugin.h"
 
 OfxHost* gHost = nullptr;
 OfxImageEffectSuiteV1* gEffectHost = nullptr;

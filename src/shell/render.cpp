@@ -5,15 +5,14 @@
 #include <cmath>
 #include <cstring>
 
-#include "licence.h"
-#include "motion_blur.h"
-#include "ofx_plugin.h"
-#include "ofx_progress.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
+#include "shell/effect_names.h"
+#include "shell/ofx_plugin.h"
+#include "shell/ofx_progress.h"
 
 namespace {
-
-constexpr const char* kMotionVectorsClip = "Motion Vectors";
 
 bool IsText(const char* value, const char* expected) {
     return value && std::strcmp(value, expected) == 0;
@@ -77,11 +76,11 @@ bool Wrap(QVImage& wrapper, const HostImage& image) {
     const auto h = static_cast<int32_t>(height);
     PLErr err = PLErrFailed;
     if (channels == 4)
-        err = wrapper.wrapHostPixels(image.data, w, h, image.rowBytes, 1, pixelType);
+        err = wrapper.wrapHostPixels(image.data, w, h, image.rowBytes, QVOriginInOrder, pixelType);
     else if (channels == 3)
-        err = wrapper.wrapThreeChannels(image.data, w, h, image.rowBytes, 1, pixelType);
+        err = wrapper.wrapThreeChannels(image.data, w, h, image.rowBytes, QVOriginInOrder, pixelType);
     else
-        err = wrapper.wrapOneChannel(image.data, w, h, image.rowBytes, 1, pixelType);
+        err = wrapper.wrapOneChannel(image.data, w, h, image.rowBytes, QVOriginInOrder, pixelType);
     return err == PLErrNone;
 }
 
@@ -92,6 +91,32 @@ double ParamAtTime(OfxImageEffectHandle instance, const char* name, OfxTime time
     if (params) gParamHost->paramGetHandle(params, name, &param, nullptr);
     if (param) gParamHost->paramGetValueAtTime(param, time, &value);
     return value;
+}
+
+// The four parameters at the frame's time, the render scale applied.
+struct FrameParameters {
+    double amount;
+    double maxDisplace;
+    double scaleX;
+    double scaleY;
+};
+
+FrameParameters ReadParameters(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, OfxTime time) {
+    double amountBits = 0.0;
+    const uint64_t kSinglePrecision1234 = 0x3FF3BE76C0000000ull;  // 1.234f widened
+    std::memcpy(&amountBits, &kSinglePrecision1234, sizeof amountBits);
+    FrameParameters p;
+    p.amount = ParamAtTime(instance, kAmountParam, time, amountBits);
+    p.maxDisplace = ParamAtTime(instance, kMaxDisplaceParam, time, 0.0);
+    p.scaleX = ParamAtTime(instance, kVectorScaleXParam, time, 0.0);
+    p.scaleY = ParamAtTime(instance, kVectorScaleYParam, time, 0.0);
+    // Render scale reaches the vector scales only, on purpose.
+    double renderScale[2] = {1.0, 1.0};
+    gPropHost->propGetDouble(inArgs, kOfxImageEffectPropRenderScale, 0, &renderScale[0]);
+    gPropHost->propGetDouble(inArgs, kOfxImageEffectPropRenderScale, 1, &renderScale[1]);
+    p.scaleX *= renderScale[0];
+    p.scaleY *= renderScale[1];
+    return p;
 }
 
 bool ClipConnected(OfxImageEffectHandle instance, const char* clipName) {
@@ -109,8 +134,46 @@ bool IsUnpremultiplied(OfxPropertySetHandle image) {
     return IsText(state, kOfxImageUnPreMultiplied);
 }
 
+// A host image held for the length of the render and given back on every way
+// out of it.
+class ClipImage {
+  public:
+    ClipImage() = default;
+    ~ClipImage() {
+        if (handle_) gEffectHost->clipReleaseImage(handle_);
+    }
+    ClipImage(const ClipImage&) = delete;
+    ClipImage& operator=(const ClipImage&) = delete;
+
+    // The clip's image at `time`; false when the host has none.
+    bool fetch(OfxImageClipHandle clip, OfxTime time) {
+        gEffectHost->clipGetImage(clip, time, nullptr, &handle_);
+        return handle_ != nullptr;
+    }
+    OfxPropertySetHandle get() const { return handle_; }
+
+  private:
+    OfxPropertySetHandle handle_ = nullptr;
+};
+
+// The colours a frame that can't be made is painted in, by the reason.
+struct FailureColour {
+    PLErr reason;
+    float red, green, blue, alpha;
+};
+constexpr FailureColour kFailureColours[] = {
+    {PLErrFailed, 1.0f, 0.0f, 0.0f, 1.0f},   // solid red: an input or the engine failed
+    {PLErrAborted, 0.9f, 0.6f, 0.0f, 1.0f},  // solid orange: the render was aborted
+    {PLErrNoFrame, 0.0f, 0.0f, 0.0f, 0.0f},  // transparent black: no frame at this time
+};
+
 }  // namespace
 
+// The road of one frame: the Output is fetched and wrapped, the time checked
+// against the Source's range, the parameters read, the Source and the vectors
+// fetched, checked and wrapped (the Source premultiplied if it arrives
+// straight), the engine run into the Output (TrelvoVectorsBlur), the Output
+// un-premultiplied if the host wants it so, and the images given back.
 OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, OfxPropertySetHandle) {
     OfxStatus status = kOfxStatOK;
     OfxTime time = 0.0;
@@ -120,6 +183,7 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
     int window[4] = {0, 0, 0, 0};  // no tiles are declared: the whole Output is rendered
     gPropHost->propGetIntN(inArgs, kOfxImageEffectPropRenderWindow, 4, window);
 
+    // Outlives the images' release, after which it is not touched.
     QVImage output;
     try {
         if (output.allocateInternal() != PLErrNone) return kOfxStatOK;
@@ -128,9 +192,11 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
         return kOfxStatErrMemory;
     }
 
-    OfxPropertySetHandle outputImage = nullptr;
-    OfxPropertySetHandle sourceImage = nullptr;
-    OfxPropertySetHandle vectorsImage = nullptr;
+    // Fetched Output, Source, Motion Vectors; declared in reverse so that they
+    // go back to the host Source, Motion Vectors, Output.
+    ClipImage outputImage;
+    ClipImage vectorsImage;
+    ClipImage sourceImage;
 
     // Fails with the given code, unless the host is aborting: then orange wins.
     auto fail = [&](PLErr err) {
@@ -140,14 +206,13 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
 
     try {
         OfxImageClipHandle outputClip = nullptr;
-        gEffectHost->clipGetHandle(instance, kOfxImageEffectOutputClipName, &outputClip, nullptr);
-        gEffectHost->clipGetImage(outputClip, time, nullptr, &outputImage);
+        gEffectHost->clipGetHandle(instance, kOutputClip, &outputClip, nullptr);
         HostImage out;
-        if (outputImage) {
-            ReadLayout(outputImage, out);
-            ReadPixels(outputImage, out);
+        if (outputImage.fetch(outputClip, time)) {
+            ReadLayout(outputImage.get(), out);
+            ReadPixels(outputImage.get(), out);
         }
-        if (outputImage && out.data) {
+        if (outputImage.get() && out.data) {
             if (progress.Aborted()) throw PLErrAborted;
             // An Output it cannot lay out is left as the host gave it.
             if (!Wrap(output, out)) throw PLErrFailed;
@@ -155,53 +220,39 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
             double range[2] = {0.0, 0.0};
             OfxImageClipHandle sourceClip = nullptr;
             OfxPropertySetHandle sourceClipProps = nullptr;
-            gEffectHost->clipGetHandle(instance, kOfxImageEffectSimpleSourceClipName, &sourceClip, nullptr);
+            gEffectHost->clipGetHandle(instance, kSourceClip, &sourceClip, nullptr);
             gEffectHost->clipGetPropertySet(sourceClip, &sourceClipProps);
             gPropHost->propGetDoubleN(sourceClipProps, kOfxImageEffectPropFrameRange, 2, range);
             if (hostIsFusion()) range[1] = std::trunc(range[1]);
             if (time < range[0] || time > range[1]) throw PLErrNoFrame;
 
-            double amountBits = 0.0;
-            const uint64_t kSinglePrecision1234 = 0x3FF3BE76C0000000ull;  // 1.234f widened
-            std::memcpy(&amountBits, &kSinglePrecision1234, sizeof amountBits);
-            const double amount = ParamAtTime(instance, "valMBAmount", time, amountBits);
-            const double maxDisplace = ParamAtTime(instance, "valMaxDisplace", time, 0.0);
-            double scaleX = ParamAtTime(instance, "valVecScaleX", time, 0.0);
-            double scaleY = ParamAtTime(instance, "valVecScaleY", time, 0.0);
+            const FrameParameters params = ReadParameters(instance, inArgs, time);
 
-            // Render scale reaches the vector scales only, on purpose.
-            double renderScale[2] = {1.0, 1.0};
-            gPropHost->propGetDouble(inArgs, kOfxImageEffectPropRenderScale, 0, &renderScale[0]);
-            gPropHost->propGetDouble(inArgs, kOfxImageEffectPropRenderScale, 1, &renderScale[1]);
-            scaleX *= renderScale[0];
-            scaleY *= renderScale[1];
-
-            if (!ClipConnected(instance, kOfxImageEffectSimpleSourceClipName)) throw PLErrFailed;
+            if (!ClipConnected(instance, kSourceClip)) throw PLErrFailed;
             if (!ClipConnected(instance, kMotionVectorsClip)) fail(PLErrFailed);
 
-            gEffectHost->clipGetImage(sourceClip, time, nullptr, &sourceImage);
-            if (!sourceImage) fail(PLErrFailed);
+            if (!sourceImage.fetch(sourceClip, time)) fail(PLErrFailed);
             HostImage src;
-            ReadLayout(sourceImage, src);
+            ReadLayout(sourceImage.get(), src);
             // Anything but RGBA is refused, alpha alone included.
             if (ChannelsForComponents(src.components) != 4) fail(PLErrFailed);
-            ReadPixels(sourceImage, src);
+            ReadPixels(sourceImage.get(), src);
             if (!src.data) fail(PLErrFailed);
             {
                 QVImage source;
                 if (source.allocateInternal() != PLErrNone) fail(PLErrOutOfMemory);
                 if (!Wrap(source, src)) fail(PLErrFailed);
                 // Premultiplied in the host's own buffer, which stays changed.
-                if (!hostIsNuke() && IsUnpremultiplied(sourceImage)) source.convertAlpha(2);
+                if (!hostIsNuke() && IsUnpremultiplied(sourceImage.get()))
+                    source.convertAlpha(QVAlphaPremultiply);
 
                 OfxImageClipHandle vectorsClip = nullptr;
                 gEffectHost->clipGetHandle(instance, kMotionVectorsClip, &vectorsClip, nullptr);
-                gEffectHost->clipGetImage(vectorsClip, time, nullptr, &vectorsImage);
-                if (!vectorsImage) fail(PLErrNoFrame);
+                if (!vectorsImage.fetch(vectorsClip, time)) fail(PLErrNoFrame);
                 HostImage vec;
-                ReadLayout(vectorsImage, vec);
+                ReadLayout(vectorsImage.get(), vec);
                 if (ChannelsForComponents(vec.components) != 4) fail(PLErrFailed);
-                ReadPixels(vectorsImage, vec);
+                ReadPixels(vectorsImage.get(), vec);
                 if (!vec.data) fail(PLErrFailed);
                 {
                     QVImage vectors;
@@ -219,40 +270,30 @@ OfxStatus render(OfxImageEffectHandle instance, OfxPropertySetHandle inArgs, Ofx
                         }
                     }
 
-                    const int32_t err =
-                        TrelvoVectorsBlur(&output, &source, &vectors, 1, stamp, &progress,
-                                          static_cast<float>(amount), static_cast<float>(maxDisplace),
-                                          static_cast<float>(scaleX), static_cast<float>(scaleY));
+                    const int32_t err = TrelvoVectorsBlur(
+                        &output, &source, &vectors, PLBlurBilinear, stamp, &progress,
+                        static_cast<float>(params.amount), static_cast<float>(params.maxDisplace),
+                        static_cast<float>(params.scaleX), static_cast<float>(params.scaleY));
                     if (err != PLErrNone) fail(static_cast<PLErr>(err));
 
-                    if (!hostIsNuke() && IsUnpremultiplied(outputImage)) {
-                        output.convertAlpha(1);
+                    if (!hostIsNuke() && IsUnpremultiplied(outputImage.get())) {
+                        output.convertAlpha(QVAlphaUnpremultiply);
                         if (progress.Aborted()) throw PLErrAborted;
                     }
                 }
             }
         }
     } catch (PLErr err) {
-        if (err == PLErrFailed || err == PLErrAborted || err == PLErrNoFrame) {
-            if (output.getWidth() != 0 && output.getHeight() != 0) {
-                if (err == PLErrFailed)
-                    output.fill(1.0f, 0.0f, 0.0f, 1.0f);
-                else if (err == PLErrAborted)
-                    output.fill(0.9f, 0.6f, 0.0f, 1.0f);
-                else
-                    output.fill(0.0f, 0.0f, 0.0f, 0.0f);
-            }
+        status = ConvertPLErrToOFXErr(err);
+        for (const FailureColour& colour : kFailureColours) {
+            if (colour.reason != err) continue;
+            if (output.getWidth() != 0 && output.getHeight() != 0)
+                output.fill(colour.red, colour.green, colour.blue, colour.alpha);
             status = ConvertPLErrToOFXErr(PLErrNone);
-        } else {
-            status = ConvertPLErrToOFXErr(err);
         }
     } catch (...) {
         // Nothing else is expected; it must not cross into the host either.
         status = kOfxStatFailed;
     }
-
-    if (sourceImage) gEffectHost->clipReleaseImage(sourceImage);
-    if (vectorsImage) gEffectHost->clipReleaseImage(vectorsImage);
-    if (outputImage) gEffectHost->clipReleaseImage(outputImage);
     return status;
 }

@@ -2,11 +2,14 @@
 // components as a signed fraction of the maximum displacement, alpha says
 // whether the pixel carries a vector. Integer codes are decoded in double so
 // that 127 and 32767 give exactly zero motion; float samples stay in float.
+#include "vectors/decode.h"
+
 #include <memory>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "pixel_access.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
+#include "vectors/fill.h"
 
 namespace {
 
@@ -23,18 +26,22 @@ int32_t DecodablePixels(const PLImage* flow, const PLImage* vectors) {
     return static_cast<int32_t>(n);
 }
 
-template <typename T>
-void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, double span, int32_t n,
-                       int32_t firstRow, int32_t lastRow) {
+// The divisor is one below white (254, 65534), so that the middle codes 127
+// and 32767 stand for exactly zero motion.
+template <typename P>
+void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, int32_t n, int32_t firstRow,
+                       int32_t lastRow) {
+    using T = typename P::Element;
+    const double span = static_cast<double>(P::kWhite) - 1.0;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* out = flow->Row(y);
         const uint8_t* in = vectors->Row(y);
         for (int32_t x = 0; x < n; ++x, out += 2 * sizeof(float), in += 4 * sizeof(T)) {
             float dx = 0.0f;
             float dy = 0.0f;
-            if (PLLoadElement<T>(in + 3 * sizeof(T)) != 0) {
-                const int32_t r = PLLoadElement<T>(in);
-                const int32_t g = PLLoadElement<T>(in + sizeof(T));
+            if (P::Load(in + 3 * sizeof(T)) != 0) {
+                const int32_t r = P::Load(in);
+                const int32_t g = P::Load(in + sizeof(T));
                 dx = static_cast<float>((static_cast<double>(r + r) / span - 1.0) * m);
                 dy = static_cast<float>((static_cast<double>(g + g) / span - 1.0) * m);
             }
@@ -70,19 +77,13 @@ void DecodeRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* arg
     const PLImage* vectors = args->next<const PLImage*>();
     const float maxDisplace = *args->next<const float*>();
     const int32_t n = DecodablePixels(flow, vectors);
-    switch (vectors->pixelType) {
-        case PLPixelUChar:
-            DecodeIntegerRows<uint8_t>(flow, vectors, maxDisplace, 254.0, n, firstRow, lastRow);
-            break;
-        case PLPixelUShort:
-            DecodeIntegerRows<uint16_t>(flow, vectors, maxDisplace, 65534.0, n, firstRow, lastRow);
-            break;
-        case PLPixelFloat:
+    PLVisitPixelType(vectors->pixelType, [&](auto pixel) {
+        using P = decltype(pixel);
+        if constexpr (P::kIsFloat)
             DecodeFloatRows(flow, vectors, maxDisplace, n, firstRow, lastRow);
-            break;
-        default:
-            break;
-    }
+        else
+            DecodeIntegerRows<P>(flow, vectors, maxDisplace, n, firstRow, lastRow);
+    });
 }
 
 }  // namespace
@@ -93,7 +94,7 @@ void PLDecodeMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vect
     if (!(flow->numChannels == 2 || vectors->numChannels == 4)) return;
     if (PLDimensionsDiffer(flow, vectors)) return;
     if (flow->pixelType != PLPixelFloat) return;
-    PLRunRows(flow->height, DecodeRows, flow, vectors, &maxDisplace);
+    kqmp_runrows(flow->height, DecodeRows, flow, vectors, &maxDisplace);
 }
 
 void PLDecodeAndFillMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vectors) {

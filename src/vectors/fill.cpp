@@ -1,17 +1,16 @@
 // The pull-and-push hole fill. Coarse levels let a fixed small smoothing act
 // like a wide one on the full image, so holes of any size are crossed in
 // near-linear time; known pixels get their exact value back at the end.
-#include "fill.h"
+#include "vectors/fill.h"
 
-#include <array>
 #include <memory>
-#include <type_traits>
-#include <utility>
 
-#include "flow_field.h"
-#include "image_ops.h"
-#include "pixel_access.h"
-#include "resample.h"
+#include "image/filters.h"
+#include "image/image_ops.h"
+#include "image/pixel_format.h"
+#include "image/resample.h"
+#include "mp/kqmp.h"
+#include "vectors/fill.h"
 
 namespace {
 
@@ -27,7 +26,7 @@ int64_t PixelCount(const PLImage* image) {
 // Level 0 weights: 1 where the mask is zero (the value is kept), else 0 with
 // the value cleared, so values[0] holds value times weight. A NaN mask sample
 // of a float mask is not zero and makes a hole.
-template <typename M>
+template <typename MaskPixel>
 void LoadRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* values = args->next<PLImage*>();
     const PLImage* weights = args->next<PLImage*>();
@@ -38,7 +37,7 @@ void LoadRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args)
         const uint8_t* m = mask->Row(y);
         for (int32_t x = 0; x < values->width; ++x) {
             const size_t e = static_cast<size_t>(x) * sizeof(float);
-            if (PLLoadElement<M>(m + PLOffset(x, mask->pixelStride)) == 0) {
+            if (MaskPixel::Load(m + PLOffset(x, mask->pixelStride)) == 0) {
                 PLStoreElement<float>(w + e, 1.0f);
             } else {
                 PLStoreElement<float>(w + e, 0.0f);
@@ -67,7 +66,7 @@ void DivideRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* arg
 }
 
 void Divide(PLImage* filled, const PLImage* values, const PLImage* weights) {
-    PLRunRows(filled->height, DivideRows, filled, values, weights);
+    kqmp_runrows(filled->height, DivideRows, filled, values, weights);
 }
 
 // Smooth a copy of one level and reduce it into the next.
@@ -93,53 +92,6 @@ void Push(PLImage* dst, const PLImage* src) {
                          : 1.0f / (static_cast<float>(dst->height - 1) / static_cast<float>(src->height - 1));
     PLResampleWithSteps(dst, src, stepX, stepY);
 }
-
-template <typename D, typename S>
-void CopyConvertingRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
-    const PLImage* dst = args->next<PLImage*>();
-    const int32_t dstChannel = args->next<int32_t>();
-    const PLImage* src = args->next<const PLImage*>();
-    const int32_t srcChannel = args->next<int32_t>();
-    for (int32_t y = firstRow; y <= lastRow; ++y) {
-        uint8_t* out = dst->Row(y) + static_cast<size_t>(dstChannel) * sizeof(D);
-        const uint8_t* in = src->Row(y) + static_cast<size_t>(srcChannel) * sizeof(S);
-        for (int32_t x = 0; x < dst->width; ++x) {
-            uint8_t* o = out + PLOffset(x, dst->pixelStride);
-            const uint8_t* i = in + PLOffset(x, src->pixelStride);
-            if constexpr (std::is_same_v<D, S>) {
-                PLStoreElement<D>(o, PLLoadElement<S>(i));
-            } else if constexpr (std::is_same_v<D, float>) {
-                PLStoreElement<float>(o, static_cast<float>(PLLoadElement<S>(i)));
-            } else {
-                constexpr float top = static_cast<float>(static_cast<D>(~D(0)));
-                const float v = PLPixelTraits<S>::Load(i) + 0.5f;
-                D stored;
-                if (v < 0.0f)
-                    stored = 0;
-                else if (v > top)
-                    stored = static_cast<D>(~D(0));
-                else
-                    stored = static_cast<D>(PLTruncI32(v));
-                PLStoreElement<D>(o, stored);
-            }
-        }
-    }
-}
-
-template <size_t I>
-constexpr kqmp_worker* CopyConvertingMember() {
-    return &CopyConvertingRows<std::tuple_element_t<I / 3, PLPathElements>,
-                               std::tuple_element_t<I % 3, PLPathElements>>;
-}
-
-template <size_t... I>
-constexpr std::array<kqmp_worker*, sizeof...(I)> CopyConvertingMembers(std::index_sequence<I...>) {
-    return {CopyConvertingMember<I>()...};
-}
-
-// Indexed dstType * 3 + srcType.
-constexpr std::array<kqmp_worker*, 9> kCopyConvertingMembers =
-    CopyConvertingMembers(std::make_index_sequence<9>());
 
 }  // namespace
 
@@ -170,6 +122,7 @@ void PLSingleChannelFill::build(int32_t throwOnError) {
             ++lastLevel;
         } while (w != 2 || h != 2);
 
+        // Arrays of image pointers, so the pointer's size. NOLINTNEXTLINE(bugprone-sizeof-expression)
         const size_t arrayBytes = static_cast<size_t>(lastLevel + 1) * sizeof(PLImage*);
         PLImage*** arrays[4] = {&filled, &values, &weights, &scratch};
         for (PLImage*** array : arrays) {
@@ -210,8 +163,9 @@ void PLSingleChannelFill::load(const PLImage* image, int32_t channel, const PLIm
     if (channel < 0 || channel >= image->numChannels || !PLIsPathType(mask->pixelType)) return;
 
     PLCopyChannelIntoChannel(values[0], 0, image, channel);
-    kqmp_worker* const loaders[3] = {LoadRows<uint8_t>, LoadRows<uint16_t>, LoadRows<float>};
-    PLRunRows(height, loaders[mask->pixelType], values[0], weights[0], mask);
+    PLVisitPixelType(mask->pixelType, [&](auto maskPixel) {
+        kqmp_runrows(height, LoadRows<decltype(maskPixel)>, values[0], weights[0], mask);
+    });
     for (int32_t l = 1; l <= lastLevel; ++l) {
         Reduce(values[l - 1], filled[l - 1], values[l]);
         Reduce(weights[l - 1], scratch[l - 1], weights[l]);
@@ -254,15 +208,6 @@ void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass
         fill->fill(progress, 0);
         PLCopyChannelIntoChannel(image, c, fill->filled[0], 0);
     }
-}
-
-void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel) {
-    if (PLDimensionsDiffer(dst, src) || !PLIsPathType(dst->pixelType) || !PLIsPathType(src->pixelType))
-        return;
-    if (dstChannel < 0 || dstChannel >= dst->numChannels || srcChannel < 0 || srcChannel >= src->numChannels)
-        return;
-    PLRunRows(dst->height, kCopyConvertingMembers[static_cast<size_t>(dst->pixelType) * 3 + src->pixelType],
-              dst, dstChannel, src, srcChannel);
 }
 
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength) {

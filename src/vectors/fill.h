@@ -2,14 +2,14 @@
 // image pyramid: known samples and their weights are pulled down as Gaussian
 // pyramids of value times weight and of weight, and the result is pushed back
 // up, smoothed at every level, with the known values reimposed at the finest.
-// PLFillFlowHoles (flow_field.h) runs it channel by channel.
+// PLFillFlowHoles runs it channel by channel.
 #pragma once
 
 #include <cstdint>
 
-#include "plimage.h"
-#include "progress.h"
-#include "qvmem.h"
+#include "base/qvmem.h"
+#include "image/plimage.h"
+#include "mp/progress.h"
 
 class PLSingleChannelFill : public QVMem {
   public:
@@ -25,8 +25,9 @@ class PLSingleChannelFill : public QVMem {
     // Takes one channel of `image` and builds the value and weight pyramids; a
     // vector is known where `mask` is zero.
     void load(const PLImage* image, int32_t channel, const PLImage* mask);
-    // The coarse-to-fine pass; the result is filled[0]. Mode 0 is the only one
-    // built: any other mode clears the top level and does nothing more.
+    // The coarse-to-fine pass; the result is filled[0]. Mode 0, the plug-in's,
+    // is the only one built: the modes for scattered samples are not, and any
+    // other mode clears the top level and does nothing more.
     void fill(QVIdleAndProgressClass* progress, int32_t mode);
 
     int32_t passes = 1;
@@ -45,11 +46,12 @@ class PLSingleChannelFill : public QVMem {
     void release();
 };
 
-// Copies one channel with conversion: into an integer type rounded by adding
-// 0.5 and clamped to its range; from integer into float the number unchanged.
-void PLCopyChannelConverting(PLImage* dst, int32_t dstChannel, const PLImage* src, int32_t srcChannel);
-
 // A smoothing of both axes chosen by strength: 0 a box of radius 2; 1 a
 // Gaussian of radius 5 (7 for variant 1); 2 a Gaussian of radius 3 (5 for
-// variant 1); any other strength nothing.
+// variant 1); any other strength nothing. The fill uses strength 1 of variant
+// 0; the others are kept for completeness.
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength);
+
+// Fills the holes of every channel of image, one channel at a time; a vector
+// is known where mask is zero.
+void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass* progress);

@@ -1,8 +1,10 @@
 // The user's vector scale, applied to the filled flow image so that decoded and
 // filled vectors are scaled alike. No short cut for a factor of 1 and no clamp:
 // 0 and negative factors go straight through.
-#include "flow_field.h"
-#include "pixel_access.h"
+#include "vectors/scale_flow.h"
+
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
 
 namespace {
 
@@ -23,5 +25,5 @@ void ScaleFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* 
 
 void PLScaleFlow(float scaleX, float scaleY, PLImage* flow) {
     if (!flow || flow->pixelType != PLPixelFloat || flow->numChannels != 2) return;
-    PLRunRows(flow->height, ScaleFlowRows, flow, &scaleX, &scaleY);
+    kqmp_runrows(flow->height, ScaleFlowRows, flow, &scaleX, &scaleY);
 }

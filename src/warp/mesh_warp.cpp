@@ -1,8 +1,8 @@
 // The triangle rasteriser of the mesh warp and its driver. Every member of the
 // family is one instantiation of WarpTriangleMember: the element type enters
 // only at the load and store, the channel count is a compile-time loop bound,
-// and PLWarpMesh picks the member once from a table.
-#include "mesh_warp.h"
+// and PLWarpMesh picks the member once through the format visit.
+#include "warp/mesh_warp.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +10,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include "plelement.h"
+#include "image/bilinear.h"
+#include "image/lanes.h"
+#include "image/pixel_format.h"
 
 // Other library code fills the mesh record by position.
 static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) == 8 &&
@@ -23,75 +25,11 @@ static_assert(offsetof(PLMeshWarp, source) == 0 && offsetof(PLMeshWarp, target) 
 
 namespace {
 
-// Loads and stores by pixel type code: integer targets add 0.5 and truncate
-// with no clamp, float targets add 0.0.
-template <int32_t PixelType>
-using WarpElement = PLPixelTraits<PLElementOf<PixelType>>;
-
-constexpr int32_t ElementBytes(int32_t pixelType) {
-    return pixelType == PLPixelUChar ? 1 : pixelType == PLPixelUShort ? 2 : 4;
-}
-
-bool HasPixels(const PLImage* image) {
-    return image && image->data && image->width > 0 && image->height > 0;
-}
-
-// Bilinear sample of Channels channels. The neighbours to the right and below
-// are taken as the pixel itself in a one-column or one-row image, where the
-// clamp at the last cell would otherwise step to index -1.
-template <int32_t PixelType, int32_t Channels>
-class BilinearSampler {
-  public:
-    explicit BilinearSampler(const PLImage* image)
-        : image_(image),
-          rightOffset_(image->lastColumn > 0 ? image->pixelStride : 0),
-          belowOffset_(image->lastRow > 0 ? image->rowStep : 0) {}
-
-    void Sample(float u, float v, float* out) const {
-        int32_t iu = PLTruncI32(u);
-        float fu = u - static_cast<float>(iu);
-        int32_t iv = PLTruncI32(v);
-        float fv = v - static_cast<float>(iv);
-        if (iu >= image_->lastColumn) {
-            iu = image_->lastColumn - 1;
-            fu = 1.0f;
-        }
-        if (iv >= image_->lastRow) {
-            iv = image_->lastRow - 1;
-            fv = 1.0f;
-        }
-        // The mesh keeps u and v at 0 or above. A position left of or above
-        // the image (also NaN, or one too large for an int32) would read
-        // before it: it takes the first column or row instead.
-        if (iu < 0) {
-            iu = 0;
-            fu = 0.0f;
-        }
-        if (iv < 0) {
-            iv = 0;
-            fv = 0.0f;
-        }
-        const uint8_t* upperLeft = image_->Row(iv) + PLOffset(iu, image_->pixelStride);
-        const uint8_t* upperRight = upperLeft + rightOffset_;
-        const uint8_t* lowerLeft = upperLeft + belowOffset_;
-        const uint8_t* lowerRight = lowerLeft + rightOffset_;
-        constexpr int32_t bytes = ElementBytes(PixelType);
-        for (int32_t c = 0; c < Channels; ++c) {
-            const float ul = WarpElement<PixelType>::Load(upperLeft + c * bytes);
-            const float ur = WarpElement<PixelType>::Load(upperRight + c * bytes);
-            const float ll = WarpElement<PixelType>::Load(lowerLeft + c * bytes);
-            const float lr = WarpElement<PixelType>::Load(lowerRight + c * bytes);
-            const float top = (ur - ul) * fu + ul;
-            const float bottom = (lr - ll) * fu + ll;
-            out[c] = (bottom - top) * fv + top;
-        }
-    }
-
-  private:
-    const PLImage* image_;
-    int32_t rightOffset_;
-    int32_t belowOffset_;
-};
+// The bilinear sample of the warp: a position left of or above the image
+// (the mesh keeps u and v at 0 or above; also NaN, or one too large for an
+// int32) takes the first column or row itself.
+template <typename P, int32_t Channels>
+using WarpSampler = PLBilinearReader<P, Channels, PLBeforeFirst::kFirstSample>;
 
 struct WarpVertex {
     float x, y, u, v, extra;
@@ -109,11 +47,12 @@ struct ActiveEdge {
 // scan ends on the row before so that it always terminates.
 constexpr float kLastSteppableRow = 16777215.0f;
 
-template <int32_t SourceType, int32_t TargetType, int32_t Channels>
+// Integer targets add 0.5 and truncate with no clamp, float targets add 0.0.
+template <typename SourcePixel, typename TargetPixel, int32_t Channels>
 class TriangleWarper {
   public:
     TriangleWarper(const PLImage* source, PLImage* target, int32_t xLimit, int32_t yLimit)
-        : sampler_(source), target_(target), xLimit_(xLimit), yLimit_(yLimit) {}
+        : sampler_(*source), target_(target), xLimit_(xLimit), yLimit_(yLimit) {}
 
     void Draw(const float* triangle) {
         const float* x = triangle;
@@ -234,19 +173,18 @@ class TriangleWarper {
         const float stepU = (ru - lu) * inv;
         const float stepV = (rv - lv) * inv;
         uint8_t* pixel = target_->Row(static_cast<int32_t>(row)) + PLOffset(first, target_->pixelStride);
-        constexpr int32_t bytes = ElementBytes(TargetType);
-        float value[Channels];
+        constexpr int32_t bytes = sizeof(typename TargetPixel::Element);
         for (int32_t c = first; c <= last; ++c) {
-            sampler_.Sample(u, v, value);
+            const PLLanes value = sampler_.Read(u, v);
             for (int32_t k = 0; k < Channels; ++k)
-                WarpElement<TargetType>::Store(pixel + k * bytes, value[k]);
+                TargetPixel::Store(pixel + k * bytes, TargetPixel::Round(value[k]));
             pixel += target_->pixelStride;
             u += stepU;
             v += stepV;
         }
     }
 
-    BilinearSampler<SourceType, Channels> sampler_;
+    WarpSampler<SourcePixel, Channels> sampler_;
     PLImage* target_;
     int32_t xLimit_;
     int32_t yLimit_;
@@ -255,46 +193,31 @@ class TriangleWarper {
 using TriangleMember = void (*)(const float* triangle, const PLImage* source, PLImage* target, int32_t xLimit,
                                 int32_t yLimit);
 
-template <int32_t SourceType, int32_t TargetType, int32_t Channels>
+template <typename SourcePixel, typename TargetPixel, int32_t Channels>
 void WarpTriangleMember(const float* triangle, const PLImage* source, PLImage* target, int32_t xLimit,
                         int32_t yLimit) {
-    TriangleWarper<SourceType, TargetType, Channels>(source, target, xLimit, yLimit).Draw(triangle);
+    TriangleWarper<SourcePixel, TargetPixel, Channels>(source, target, xLimit, yLimit).Draw(triangle);
 }
 
-using ChannelMembers = std::array<TriangleMember, 4>;
-using TargetMembers = std::array<ChannelMembers, 3>;
-
-template <int32_t SourceType, int32_t TargetType>
-constexpr ChannelMembers MembersByChannels() {
-    return {&WarpTriangleMember<SourceType, TargetType, 1>, &WarpTriangleMember<SourceType, TargetType, 2>,
-            &WarpTriangleMember<SourceType, TargetType, 3>, &WarpTriangleMember<SourceType, TargetType, 4>};
-}
-
-template <int32_t SourceType>
-constexpr TargetMembers MembersByTarget() {
-    return {MembersByChannels<SourceType, PLPixelUChar>(), MembersByChannels<SourceType, PLPixelUShort>(),
-            MembersByChannels<SourceType, PLPixelFloat>()};
-}
-
-// Indexed by source pixel type, target pixel type, source channels less 1.
-constexpr std::array<TargetMembers, 3> kMembers = {
-    MembersByTarget<PLPixelUChar>(), MembersByTarget<PLPixelUShort>(), MembersByTarget<PLPixelFloat>()};
-
-// The one dispatch point of the family; null where it has no member.
+// The one dispatch point of the family: source format by target type; null
+// where it has no member.
 TriangleMember SelectMember(const PLImage* source, const PLImage* target) {
-    if (!HasPixels(source) || !HasPixels(target)) return nullptr;
-    const auto known = [](int32_t pixelType) {
-        return pixelType >= PLPixelUChar && pixelType <= PLPixelFloat;
-    };
-    if (!known(source->pixelType) || !known(target->pixelType)) return nullptr;
-    if (source->numChannels < 1 || source->numChannels > 4) return nullptr;
+    if (!PLHasPixels(source) || !PLHasPixels(target)) return nullptr;
     // Every written pixel takes the source's channel count.
     if (target->numChannels < source->numChannels) return nullptr;
-    return kMembers[source->pixelType][target->pixelType][source->numChannels - 1];
+    TriangleMember member = nullptr;
+    PLVisitFormat(source->pixelType, source->numChannels, [&](auto sourceFormat) {
+        using SourceFormat = decltype(sourceFormat);
+        PLVisitPixelType(target->pixelType, [&](auto targetPixel) {
+            member = &WarpTriangleMember<typename SourceFormat::Traits, decltype(targetPixel),
+                                         SourceFormat::kChannels>;
+        });
+    });
+    return member;
 }
 
 bool IsFlow(const PLImage* flow) {
-    return HasPixels(flow) && flow->pixelType == PLPixelFloat && flow->numChannels >= 2;
+    return PLHasPixels(flow) && flow->pixelType == PLPixelFloat && flow->numChannels >= 2;
 }
 
 // An extent less one, as a float; 64-bit so that no extent can overflow.
@@ -322,12 +245,13 @@ void PLSampleFlow(float x, float y, float scaleX, float scaleY, const PLImage* f
         const int32_t ix = std::clamp(PLTruncI32(x), 0, flow->lastColumn);
         const int32_t iy = std::clamp(PLTruncI32(y), 0, flow->lastRow);
         const uint8_t* pixel = flow->Row(iy) + PLOffset(ix, flow->pixelStride);
-        *dx = WarpElement<PLPixelFloat>::Load(pixel);
-        *dy = WarpElement<PLPixelFloat>::Load(pixel + sizeof(float));
+        *dx = PLLoadElement<float>(pixel);
+        *dy = PLLoadElement<float>(pixel + sizeof(float));
         return;
     }
-    float d[2];
-    BilinearSampler<PLPixelFloat, 2>(flow).Sample(x * scaleX, y * scaleY, d);
+    const PLLanes d =
+        PLBilinearReader<PLPixel<PLPixelFloat>, 2, PLBeforeFirst::kFirstSample, true>(*flow).Read(x * scaleX,
+                                                                                                  y * scaleY);
     *dx = d[0];
     *dy = d[1];
 }

@@ -2,11 +2,12 @@
 // by a flow image, each cell drawn into the target as two triangles whose
 // pixels take a bilinear sample of the source. The rasteriser is one family of
 // members (source type x target type x channel count) written once.
+// Kept for completeness: no action of the plug-in calls the warp.
 #pragma once
 
 #include <cstdint>
 
-#include "plimage.h"
+#include "image/plimage.h"
 
 // Floats per vertex of a triangle: x and y in the target, u and v in the
 // source, and a fifth value that the sort carries along and nothing reads.

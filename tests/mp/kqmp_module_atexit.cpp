@@ -3,7 +3,7 @@
 // registration names the module's handle itself: what atexit does inside a
 // shared object, but a thread sanitizer's interceptor of atexit drops the
 // handle and would run the routine after the module is gone.
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 extern "C" int __cxa_atexit(void (*routine)(void*), void* argument, void* module);
 extern "C" void* __dso_handle;

@@ -1,7 +1,7 @@
 // Part of a test module: runs a job on the module's own pool.
 #include <atomic>
 
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 namespace {
 void CountRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {

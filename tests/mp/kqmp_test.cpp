@@ -1,6 +1,6 @@
 // Tests of the row dispatch: thread counts, row shares, the pool's life, the
 // host's runner, and failures on every kind of thread.
-#include "kqmp.h"
+#include "mp/kqmp.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "qvmp_thread.h"
+#include "mp/qvmp_thread.h"
 
 namespace {
 
@@ -82,16 +82,6 @@ TEST(Kqmp, ThreadsForRows) {
     EXPECT_EQ(kqmp_maxthreads(), 1024);
     EXPECT_EQ(kqmp_threadsfor(16 * 2000), 1024);
     setThreadCount(0);
-}
-
-TEST(Kqmp, SplitRowsGivesTheRemainderToTheLast) {
-    const int32_t expected[3][2] = {{0, 32}, {33, 65}, {66, 99}};
-    for (int32_t i = 0; i < 3; ++i) {
-        int32_t first = -9, last = -9;
-        kqmp_splitrows(3, i, 100, &first, &last);
-        EXPECT_EQ(first, expected[i][0]) << "thread " << i;
-        EXPECT_EQ(last, expected[i][1]) << "thread " << i;
-    }
 }
 
 TEST(Kqmp, EveryRowOnceInContiguousShares) {

@@ -1,35 +1,18 @@
 // Tests of the progress chain: range mapping, abort, the per-worker objects,
 // and an abort that stops every worker of a running job.
-#include "progress.h"
+#include "mp/progress.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <vector>
 
-#include "kqmp.h"
+#include "common/threads.h"
 
 namespace {
 
-// Top of a chain that counts the reports reaching it and, from the given one
-// on, throws the given error, as a host's abort answer does.
-class CountingTop : public QVIdleAndProgressClass {
-  public:
-    CountingTop(int throwAtReport, PLErr thrown)
-        : QVIdleAndProgressClass(nullptr), throwAt(throwAtReport), error(thrown) {}
-    void ProgressIdle(float fraction) override {
-        ++reports;
-        last = fraction;
-        if (reports >= throwAt) throw error;
-    }
-    int throwAt;
-    PLErr error;
-    int reports = 0;
-    float last = -1.0f;
-};
-
 TEST(Progress, RangeMappingAndAbort) {
-    CountingTop top(1000, PLErrAborted);
+    CountingProgress top(1000, PLErrAborted);
     QVIdleAndProgressClass stage(&top);
     QVIdleAndProgressClass leaf(&stage);
     stage.setRange(0.2f, 0.6f);
@@ -37,7 +20,7 @@ TEST(Progress, RangeMappingAndAbort) {
     // The parent's range, in single precision and this order; the top's default
     // range 0..1 passes it unchanged.
     EXPECT_EQ(stage.current, (0.6f - 0.2f) * 0.5f + 0.2f);
-    EXPECT_EQ(top.last, stage.current);
+    EXPECT_EQ(top.fractions.back(), stage.current);
     stage.ProgressIdle(0.3f);
     stage.collapseRange();
     for (float f : {0.0f, 1.0f}) {
@@ -64,7 +47,7 @@ TEST(Progress, RangeMappingAndAbort) {
 }
 
 TEST(Progress, WorkerObjectsShareOneWord) {
-    CountingTop top(2, PLErrNoFrame);
+    CountingProgress top(2, PLErrNoFrame);
     int32_t word = 0;
     QVIldeAndProgressMPInterruptible reporter(&top, true, &word);
     QVIldeAndProgressMPInterruptible sister(&top, false, &word);
@@ -73,7 +56,7 @@ TEST(Progress, WorkerObjectsShareOneWord) {
     EXPECT_EQ(top.reports, 0) << "a non-reporter never reaches its parent";
     reporter.ProgressIdle(0.25f);
     EXPECT_EQ(top.reports, 1);
-    EXPECT_EQ(top.last, 0.25f);
+    EXPECT_EQ(top.fractions.back(), 0.25f);
     EXPECT_EQ(word, 0);
 
     try {
@@ -130,7 +113,7 @@ void AbortableWorker(int32_t threadIndex, bool isFirstWorker, int32_t firstRow, 
 TEST(Progress, AbortStopsEveryWorkerOfAJob) {
     constexpr int32_t kThreads = 4, kRows = 4 * 100;
     constexpr int kAbortAt = 30;
-    CountingTop top(kAbortAt, PLErrAborted);
+    CountingProgress top(kAbortAt, PLErrAborted);
     QVIdleAndProgressClass engine(&top);
     AbortJob job;
     job.top = &engine;

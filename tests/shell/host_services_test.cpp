@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "host.h"
-#include "ofx_plugin.h"
+#include "shell/ofx_plugin.h"
 
 using ofxhost::Host;
 using ofxhost::HostConfig;

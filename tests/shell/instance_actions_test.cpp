@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "plugin_session.h"
+#include "common/plugin_session.h"
 
 using namespace trelvotest;
 

@@ -10,11 +10,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "base/qvmem.h"
 #include "effect.h"
 #include "host.h"
-#include "kqmp.h"
-#include "ofx_plugin.h"
-#include "qvmem.h"
+#include "mp/kqmp.h"
+#include "shell/ofx_plugin.h"
 
 using ofxhost::Host;
 using ofxhost::HostConfig;

@@ -8,12 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "common/plugin_session.h"
 #include "ofxOld.h"
-#include "plugin_session.h"
 
 using trelvotest::Bundle;
 using trelvotest::HostConfig;
-using trelvotest::PropertyWrite;
 using trelvotest::Session;
 using trelvotest::Values;
 
@@ -94,42 +93,25 @@ TEST(PluginModule, DispatchMatchesWholeActionNamesOnly) {
         EXPECT_EQ(s.plugin().action(other), kOfxStatReplyDefault) << '"' << other << '"';
 }
 
-TEST(PluginModule, DescribeWritesItsTableInOrder) {
+// What a host acts on after Describe: the suites fetched, thread safety, the
+// depths and the context, no tiles, and the grouping's last write.
+TEST(PluginModule, DescribeFetchesItsSuitesAndStatesWhatHostsActOn) {
     Session s;
     s.plugin().setHost();
     ASSERT_EQ(s.plugin().describe(), kOfxStatOK);
     EXPECT_EQ(s.host().fetches(), kDescribeFetchOrder);
-
-    auto str = [](const char* name, const char* value, int index = 0) {
-        return PropertyWrite{name, index, std::string(value), kOfxStatOK};
-    };
-    auto num = [](const char* name, int value) { return PropertyWrite{name, 0, value, kOfxStatOK}; };
-    const std::vector<PropertyWrite> expected = {
-        str("OfxPropPluginDescription", "Trelvo3_Vectors 3.3.12"),
-        num("OfxImageEffectPluginPropFieldRenderTwiceAlways", 1),
-        num("OfxImageEffectPluginPropSingleInstance", 0),
-        str("OfxImageEffectPluginRenderThreadSafety", "OfxImageEffectRenderFullySafe"),
-        num("OfxImageEffectPropSupportsMultipleClipPARs", 0),
-        num("OfxImageEffectPropMultipleClipDepths", 1),
-        num("OfxImageEffectPropSupportsTiles", 0),
-        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthByte", 0),
-        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthShort", 1),
-        str("OfxImageEffectPropSupportedPixelDepths", "OfxBitDepthFloat", 2),
-        num("OfxImageEffectPropTemporalClipAccess", 0),
-        num("OfxImageEffectPropSupportsMultiResolution", 0),
-        num("OfxImageEffectPluginPropHostFrameThreading", 0),
-        num("OfxImageEffectInstancePropSequentialRender", 0),
-        str("OfxImageEffectPluginPropGrouping", "Trelvo"),
-        num("OfxImageEffectPropInAnalysis", 0),
-        str("OfxPropLabel", "Trelvo3_Vectors"),
-        str("OfxImageEffectPluginPropGrouping", "Corvane Effects"),
-        str("OfxImageEffectPropSupportedContexts", "OfxImageEffectContextGeneral"),
-    };
     const ofxhost::PropertySet& props = s.plugin().descriptor()->properties();
-    EXPECT_EQ(props.writes(), expected);
-
-    EXPECT_EQ(props.values("OfxImageEffectPluginPropGrouping"), Values{std::string("Corvane Effects")})
-        << "the last write is the one kept";
+    const std::pair<const char*, Values> facts[] = {
+        {kOfxImageEffectPluginRenderThreadSafety, {std::string(kOfxImageEffectRenderFullySafe)}},
+        {kOfxImageEffectPropSupportedPixelDepths,
+         {std::string(kOfxBitDepthByte), std::string(kOfxBitDepthShort), std::string(kOfxBitDepthFloat)}},
+        {kOfxImageEffectPropSupportedContexts, {std::string(kOfxImageEffectContextGeneral)}},
+        {kOfxImageEffectPropSupportsTiles, {0}},
+        {kOfxImageEffectPropSupportsMultipleClipDepths, {1}},
+        {kOfxImageEffectPluginPropGrouping, {std::string("Corvane Effects")}},  // the last of two writes
+        {kOfxPropLabel, {std::string("Trelvo3_Vectors")}},
+    };
+    for (const auto& [name, values] : facts) EXPECT_EQ(props.values(name), values) << name;
     EXPECT_TRUE(s.host().messages().all().empty());
 }
 
@@ -149,7 +131,7 @@ TEST(PluginModule, DescribeNeedsAHostAndTheFiveRequiredSuites) {
             suite == std::string(kOfxMessageSuite) || suite == std::string(kOfxInteractSuite);
         EXPECT_EQ(s.plugin().describe(), optional ? kOfxStatOK : kOfxStatErrMissingHostFeature);
         EXPECT_EQ(s.host().fetches(), kDescribeFetchOrder) << "all are fetched before the check";
-        EXPECT_EQ(s.plugin().descriptor()->properties().writes().size(), optional ? 19u : 0u);
+        EXPECT_EQ(s.plugin().descriptor()->properties().writes().empty(), !optional);
     }
 }
 

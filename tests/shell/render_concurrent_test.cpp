@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "render_rig.h"
+#include "common/render_rig.h"
 
 using namespace trelvotest;
 

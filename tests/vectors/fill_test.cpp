@@ -1,7 +1,6 @@
 // The pull-and-push hole fill: its pyramid, what it keeps exactly, how it
-// spreads known values, progress and abort, failure while building, and the
-// channel conversion beside it.
-#include "fill.h"
+// spreads known values, progress and abort, and failure while building.
+#include "vectors/fill.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "flow_field.h"
-#include "image_helpers.h"
+#include "common/library.h"
+#include "vectors/fill.h"
 
 namespace {
 
@@ -25,9 +24,9 @@ Field RandomField(int32_t w, int32_t h, float holeShare, uint32_t seed) {
     Field f{MakeImage(w, h, 2, PLPixelFloat), MakeImage(w, h, 1, PLPixelUChar)};
     for (int32_t y = 0; y < h; ++y)
         for (int32_t x = 0; x < w; ++x) {
-            Set<float>(f.flow.get(), x, y, 0, Noise(seed) * 40.0f - 20.0f);
-            Set<float>(f.flow.get(), x, y, 1, Noise(seed) * 10.0f - 5.0f);
-            Set<uint8_t>(f.mask.get(), x, y, 0, Noise(seed) < holeShare ? 255 : 0);
+            Set<float>(*f.flow, x, y, 0, Noise(seed) * 40.0f - 20.0f);
+            Set<float>(*f.flow, x, y, 1, Noise(seed) * 10.0f - 5.0f);
+            Set<uint8_t>(*f.mask, x, y, 0, Noise(seed) < holeShare ? 255 : 0);
         }
     return f;
 }
@@ -57,19 +56,18 @@ TEST(SingleChannelFill, LevelSizesFollowTheHalvingRule) {
 
 TEST(FillFlowHoles, NoHolesOrAMismatchedMaskGiveTheInputAllHolesGiveZero) {
     Field f = RandomField(37, 23, 0.0f, 1);
-    ImagePtr original = CopyOf(f.flow.get());
+    ImagePtr original = CopyOf(*f.flow);
     PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
-    EXPECT_TRUE(SameBytes(f.flow.get(), original.get())) << "no holes";
+    EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*original)) << "no holes";
     ImagePtr taller = MakeImage(37, 24, 1, PLPixelUChar);
-    FillAll<uint8_t>(taller.get(), 1);
+    FillAll<uint8_t>(*taller, 1);
     PLFillFlowHoles(f.flow.get(), taller.get(), nullptr);
-    EXPECT_TRUE(SameBytes(f.flow.get(), original.get())) << "mismatched mask";
-    FillAll<uint8_t>(f.mask.get(), 1);
+    EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*original)) << "mismatched mask";
+    FillAll<uint8_t>(*f.mask, 1);
     PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
     for (int32_t y = 0; y < 23; ++y)
         for (int32_t x = 0; x < 37; ++x)
-            for (int32_t c = 0; c < 2; ++c)
-                ASSERT_EQ(Bits(Get<float>(f.flow.get(), x, y, c)), 0u) << "all holes";
+            for (int32_t c = 0; c < 2; ++c) ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, c)), 0u) << "all holes";
 }
 
 TEST(FillFlowHoles, OneKnownPixelSpreadsToTheWholeFrame) {
@@ -81,18 +79,18 @@ TEST(FillFlowHoles, OneKnownPixelSpreadsToTheWholeFrame) {
         SCOPED_TRACE(std::to_string(s.w) + "x" + std::to_string(s.h));
         ImagePtr flow = MakeImage(s.w, s.h, 2, PLPixelFloat);
         ImagePtr mask = MakeImage(s.w, s.h, 1, PLPixelFloat);
-        FillAll<float>(flow.get(), 99.0f);
-        FillAll<float>(mask.get(), 0.5f);
-        Set<float>(flow.get(), s.kx, s.ky, 0, 0.3f);
-        Set<float>(flow.get(), s.kx, s.ky, 1, -7.1f);
-        Set<float>(mask.get(), s.kx, s.ky, 0, 0.0f);
+        FillAll<float>(*flow, 99.0f);
+        FillAll<float>(*mask, 0.5f);
+        Set<float>(*flow, s.kx, s.ky, 0, 0.3f);
+        Set<float>(*flow, s.kx, s.ky, 1, -7.1f);
+        Set<float>(*mask, s.kx, s.ky, 0, 0.0f);
         PLFillFlowHoles(flow.get(), mask.get(), nullptr);
-        EXPECT_EQ(Get<float>(flow.get(), s.kx, s.ky, 0), 0.3f) << "the known pixel keeps its exact value";
-        EXPECT_EQ(Get<float>(flow.get(), s.kx, s.ky, 1), -7.1f);
+        EXPECT_EQ(Get<float>(*flow, s.kx, s.ky, 0), 0.3f) << "the known pixel keeps its exact value";
+        EXPECT_EQ(Get<float>(*flow, s.kx, s.ky, 1), -7.1f);
         for (int32_t y = 0; y < s.h; ++y)
             for (int32_t x = 0; x < s.w; ++x) {
-                EXPECT_NEAR(Get<float>(flow.get(), x, y, 0), 0.3f, 1e-6f) << x << "," << y;
-                EXPECT_NEAR(Get<float>(flow.get(), x, y, 1), -7.1f, 1e-5f) << x << "," << y;
+                EXPECT_NEAR(Get<float>(*flow, x, y, 0), 0.3f, 1e-6f) << x << "," << y;
+                EXPECT_NEAR(Get<float>(*flow, x, y, 1), -7.1f, 1e-5f) << x << "," << y;
             }
     }
 }
@@ -103,19 +101,19 @@ TEST(FillFlowHoles, OnlyTheMaskZeroTestMatters) {
     ImagePtr floats = MakeImage(30, 20, 1, PLPixelFloat, 1);
     for (int32_t y = 0; y < 20; ++y)
         for (int32_t x = 0; x < 30; ++x) {
-            const bool hole = Get<uint8_t>(f.mask.get(), x, y, 0) != 0;
-            Set<uint16_t>(shorts.get(), x, y, 0, hole ? 1 : 0);
+            const bool hole = Get<uint8_t>(*f.mask, x, y, 0) != 0;
+            Set<uint16_t>(*shorts, x, y, 0, hole ? 1 : 0);
             // A NaN or negative sample is a hole; negative zero is known.
             const float nan = std::numeric_limits<float>::quiet_NaN();
-            Set<float>(floats.get(), x, y, 0, hole ? ((x + y) % 2 ? nan : -0.5f) : -0.0f);
+            Set<float>(*floats, x, y, 0, hole ? ((x + y) % 2 ? nan : -0.5f) : -0.0f);
         }
-    ImagePtr viaShorts = CopyOf(f.flow.get());
-    ImagePtr viaFloats = CopyOf(f.flow.get());
+    ImagePtr viaShorts = CopyOf(*f.flow);
+    ImagePtr viaFloats = CopyOf(*f.flow);
     PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
     PLFillFlowHoles(viaShorts.get(), shorts.get(), nullptr);
     PLFillFlowHoles(viaFloats.get(), floats.get(), nullptr);
-    EXPECT_TRUE(SameBytes(f.flow.get(), viaShorts.get()));
-    EXPECT_TRUE(SameBytes(f.flow.get(), viaFloats.get()));
+    EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*viaShorts));
+    EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*viaFloats));
 }
 
 // Digests recorded from the plain line-at-a-time filter and per-pixel
@@ -165,8 +163,8 @@ TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
     EXPECT_EQ(ticks.reports, (std::vector<float>{0.0f, 0.5f, 0.5f, 1.0f, 0.0f, 0.5f, 0.5f, 1.0f}));
 
     Field f = RandomField(64, 48, 0.3f, 7);
-    ImagePtr original = CopyOf(f.flow.get());
-    ImagePtr complete = CopyOf(f.flow.get());
+    ImagePtr original = CopyOf(*f.flow);
+    ImagePtr complete = CopyOf(*f.flow);
     PLFillFlowHoles(complete.get(), f.mask.get(), nullptr);
     // Each channel reports twice a level; abort at the first report of channel 1.
     AbortingTop top(2 * static_cast<size_t>(PLSingleChannelFill(64, 48).topLevel + 1) + 1);
@@ -178,8 +176,8 @@ TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
     }
     for (int32_t y = 0; y < 48; ++y)
         for (int32_t x = 0; x < 64; ++x) {
-            ASSERT_EQ(Bits(Get<float>(f.flow.get(), x, y, 0)), Bits(Get<float>(complete.get(), x, y, 0)));
-            ASSERT_EQ(Bits(Get<float>(f.flow.get(), x, y, 1)), Bits(Get<float>(original.get(), x, y, 1)));
+            ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 0)), Bits(Get<float>(*complete, x, y, 0)));
+            ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 1)), Bits(Get<float>(*original, x, y, 1)));
         }
 }
 
@@ -187,11 +185,11 @@ TEST(SingleChannelFill, AnUnknownModeOnlyClearsTheTopLevel) {
     Field f = RandomField(12, 12, 0.5f, 8);
     PLSingleChannelFill fill(12, 12);
     fill.load(f.flow.get(), 0, f.mask.get());
-    FillAll<float>(fill.filled[0], Sentinel());
-    FillAll<float>(fill.filled[fill.topLevel], 3.0f);
+    FillAll<float>(*fill.filled[0], Sentinel());
+    FillAll<float>(*fill.filled[fill.topLevel], 3.0f);
     fill.fill(nullptr, 1);
-    EXPECT_EQ(Bits(Get<float>(fill.filled[0], 5, 5, 0)), kSentinelBits);
-    EXPECT_EQ(Bits(Get<float>(fill.filled[fill.topLevel], 1, 1, 0)), 0u);
+    EXPECT_EQ(Bits(Get<float>(*fill.filled[0], 5, 5, 0)), kSentinelBits);
+    EXPECT_EQ(Bits(Get<float>(*fill.filled[fill.topLevel], 1, 1, 0)), 0u);
 }
 
 // An allocator that fails once its budget of blocks is spent.
@@ -229,35 +227,6 @@ TEST(SingleChannelFill, FailureWhileBuildingLeavesAnEmptyObject) {
         quiet.fill(nullptr, 0);
     }
     EXPECT_EQ(PLSingleChannelFill(0, 0, 5).error, PLErrFailed);
-}
-
-TEST(CopyChannelConverting, RoundsAndClampsIntoIntegers) {
-    const struct {
-        float in;
-        uint8_t uchar;
-        uint16_t ushort;
-    } cases[] = {{-3.0f, 0, 0},      {2.4f, 2, 2},       {2.5f, 3, 3},
-                 {254.6f, 255, 255}, {300.0f, 255, 300}, {70000.0f, 255, 65535}};
-    ImagePtr floats = MakeImage(6, 1, 2, PLPixelFloat);
-    for (int32_t x = 0; x < 6; ++x) Set<float>(floats.get(), x, 0, 1, cases[x].in);
-    ImagePtr bytes = MakeImage(6, 1, 3, PLPixelUChar), shorts = MakeImage(6, 1, 1, PLPixelUShort);
-    FillAll<uint8_t>(bytes.get(), 9);
-    PLCopyChannelConverting(bytes.get(), 2, floats.get(), 1);
-    PLCopyChannelConverting(shorts.get(), 0, floats.get(), 1);
-    for (int32_t x = 0; x < 6; ++x) {
-        EXPECT_EQ(Get<uint8_t>(bytes.get(), x, 0, 2), cases[x].uchar) << cases[x].in;
-        EXPECT_EQ(Get<uint16_t>(shorts.get(), x, 0, 0), cases[x].ushort) << cases[x].in;
-        EXPECT_EQ(Get<uint8_t>(bytes.get(), x, 0, 0), 9) << "other channels untouched";
-    }
-    PLCopyChannelConverting(bytes.get(), 0, shorts.get(), 0);
-    EXPECT_EQ(Get<uint8_t>(bytes.get(), 4, 0, 0), 255) << "300 clamps";
-    ImagePtr back = MakeImage(6, 1, 1, PLPixelFloat);
-    PLCopyChannelConverting(back.get(), 0, shorts.get(), 0);
-    EXPECT_EQ(Get<float>(back.get(), 5, 0, 0), 65535.0f) << "no range scaling";
-    Set<float>(floats.get(), 0, 0, 1, std::numeric_limits<float>::quiet_NaN());
-    PLCopyChannelConverting(back.get(), 0, floats.get(), 1);
-    EXPECT_EQ(Bits(Get<float>(back.get(), 0, 0, 0)), Bits(Get<float>(floats.get(), 0, 0, 1)))
-        << "like types copy the bits";
 }
 
 }  // namespace

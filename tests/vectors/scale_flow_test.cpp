@@ -1,8 +1,9 @@
 // The user's vector scale on the flow image.
+#include "vectors/scale_flow.h"
+
 #include <gtest/gtest.h>
 
-#include "flow_field.h"
-#include "image_helpers.h"
+#include "common/library.h"
 
 namespace {
 
@@ -10,27 +11,27 @@ TEST(ScaleFlow, ScalesEachAxisWithoutShortCutsAndLeavesOtherImagesAlone) {
     ImagePtr flow = MakeImage(3, 40, 2, PLPixelFloat, 1);
     for (int32_t y = 0; y < 40; ++y)
         for (int32_t x = 0; x < 3; ++x) {
-            Set<float>(flow.get(), x, y, 0, static_cast<float>(x + 1));
-            Set<float>(flow.get(), x, y, 1, -static_cast<float>(y + 1));
+            Set<float>(*flow, x, y, 0, static_cast<float>(x + 1));
+            Set<float>(*flow, x, y, 1, -static_cast<float>(y + 1));
         }
     ThreadLimit threads(2);
     PLScaleFlow(0.0f, -2.5f, flow.get());
     for (int32_t y = 0; y < 40; ++y)
         for (int32_t x = 0; x < 3; ++x) {
-            EXPECT_EQ(Bits(Get<float>(flow.get(), x, y, 0)), 0u) << "positive zero";
-            EXPECT_EQ(Get<float>(flow.get(), x, y, 1), 2.5f * static_cast<float>(y + 1)) << y;
+            EXPECT_EQ(Bits(Get<float>(*flow, x, y, 0)), 0u) << "positive zero";
+            EXPECT_EQ(Get<float>(*flow, x, y, 1), 2.5f * static_cast<float>(y + 1)) << y;
         }
     PLScaleFlow(-1.0f, 1.0f, flow.get());
-    EXPECT_EQ(Bits(Get<float>(flow.get(), 0, 0, 0)), 0x80000000u) << "0 * -1 is negative zero";
+    EXPECT_EQ(Bits(Get<float>(*flow, 0, 0, 0)), 0x80000000u) << "0 * -1 is negative zero";
 
     ImagePtr three = MakeImage(2, 2, 3, PLPixelFloat);
-    FillAll<float>(three.get(), 1.5f);
+    FillAll<float>(*three, 1.5f);
     PLScaleFlow(2.0f, 2.0f, three.get());
-    EXPECT_EQ(Get<float>(three.get(), 1, 1, 0), 1.5f);
+    EXPECT_EQ(Get<float>(*three, 1, 1, 0), 1.5f);
     ImagePtr shorts = MakeImage(2, 2, 2, PLPixelUShort);
-    FillAll<uint16_t>(shorts.get(), 7);
+    FillAll<uint16_t>(*shorts, 7);
     PLScaleFlow(2.0f, 2.0f, shorts.get());
-    EXPECT_EQ(Get<uint16_t>(shorts.get(), 1, 1, 1), 7);
+    EXPECT_EQ(Get<uint16_t>(*shorts, 1, 1, 1), 7);
 }
 
 }  // namespace

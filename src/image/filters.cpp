@@ -1,15 +1,16 @@
-// The separable filter with its kernel makers, and the bilinear resampler.
-// Both resolve pixel type, channel count and direction once per call and run
-// one loop per combination, each instantiated from a single template.
-#include "resample.h"
+// The separable filter and its kernel makers. The filter resolves pixel type
+// and direction once per call and runs one loop per combination, each
+// instantiated from a single template; lines go through per-thread float
+// buffers, so the convolution runs on contiguous floats whatever the layout.
+#include "image/filters.h"
 
-#include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <utility>
 
-#include "pixel_access.h"
+#include "base/qvmem.h"
+#include "image/pixel_format.h"
+#include "mp/kqmp.h"
 
 namespace {
 
@@ -24,19 +25,6 @@ constexpr int32_t kMaxRadius = (INT32_MAX - 2 * kLineSlack - 3) / 2;
 constexpr int32_t kColumnLanes = 16;
 // Interior outputs summed together in registers, tap by tap; a multiple of 4.
 constexpr int32_t kInteriorBlock = 16;
-
-// Frees a block from QVMemNew on every way out of the scope.
-class ScopedBlock {
-  public:
-    explicit ScopedBlock(size_t bytes) : block_(static_cast<float*>(QVMemNew(bytes))) {}
-    ~ScopedBlock() { QVMemFree(block_); }
-    ScopedBlock(const ScopedBlock&) = delete;
-    ScopedBlock& operator=(const ScopedBlock&) = delete;
-    float* get() const { return block_; }
-
-  private:
-    float* block_;
-};
 
 // Floats in each of a thread's two line buffers: room for a row, or for a
 // block of up to kColumnLanes interleaved columns, each with its slack.
@@ -122,8 +110,9 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
 // adjacent columns at a time, interleaved, so that it reads along rows.
 // Packed images (one channel) have adjacent elements along a row, which lets
 // the moves between image and buffer vectorise.
-template <typename T, bool Columns, bool Packed>
+template <typename P, bool Columns, bool Packed>
 void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+    using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
@@ -150,7 +139,7 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
         for (int32_t i = 0; i < n; ++i) {
             const uint8_t* from = start + along(i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) to[k] = PLPixelTraits<T>::Load(from + k * pixel);
+            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * pixel);
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
@@ -158,26 +147,27 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
         for (int32_t i = 0; i < n; ++i) {
             uint8_t* to = start + along(i);
             const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) PLPixelTraits<T>::Store(to + k * pixel, from[k]);
+            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * pixel, P::Round(from[k]));
         }
         line += lanes;
     }
 }
 
-template <typename T, bool Columns>
+template <typename P, bool Columns>
 kqmp_worker* LinePass(const PLImage* image) {
-    return image->pixelStride == static_cast<int32_t>(sizeof(T)) ? FilterLines<T, Columns, true>
-                                                                 : FilterLines<T, Columns, false>;
+    return image->pixelStride == static_cast<int32_t>(sizeof(typename P::Element))
+               ? FilterLines<P, Columns, true>
+               : FilterLines<P, Columns, false>;
 }
 
-template <typename T>
+template <typename P>
 void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
                     float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
     for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows) PLRunRows(image->height, LinePass<T, false>(image), image, kernel, taps, r, c, buffers);
-        if (columns) PLRunRows(image->width, LinePass<T, true>(image), image, kernel, taps, r, c, buffers);
+        if (rows) kqmp_runrows(image->height, LinePass<P, false>(image), image, kernel, taps, r, c, buffers);
+        if (columns) kqmp_runrows(image->width, LinePass<P, true>(image), image, kernel, taps, r, c, buffers);
     }
 }
 
@@ -186,7 +176,7 @@ void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r
 template <typename Weight>
 void NormalisedBlur(float radius, int32_t r, PLImage* image, int32_t axes, Weight weight) {
     const int32_t taps = 2 * r + 1;
-    ScopedBlock kernel(static_cast<size_t>(taps) * sizeof(float));
+    QVMemBlock<float> kernel(static_cast<size_t>(taps));
     float* k = kernel.get();
     for (int32_t i = 0; i < taps; ++i) k[i] = weight(i > r ? i - r : r - i);
     float sum = 0.0f;
@@ -203,137 +193,6 @@ int32_t MakerRadius(float radius) {
     return r >= 0 && r <= kMaxRadius ? r : -1;
 }
 
-// Source position of one destination coordinate: the sample, whether its
-// neighbour is the next one (1) or itself (0), and the fraction between them.
-struct SourceTap {
-    int32_t index;
-    int32_t next;
-    float fraction;
-};
-
-inline SourceTap MapCoordinate(int32_t x, float step, int32_t last) {
-    const float u = static_cast<float>(x) * step;
-    int32_t i = PLTruncI32(u);
-    float f = u - static_cast<float>(i);
-    if (i >= last) {
-        i = last - 1;
-        f = 1.0f;
-    }
-    // A source one sample wide has no neighbour: both taps read its only sample,
-    // which gives that sample. So does a position that isn't a number.
-    if (i < 0) return {0, 0, f};
-    return {i, 1, f};
-}
-
-// Destination columns a resampling worker maps at a time: their source taps
-// and the interpolation of two source rows across them fit on the stack.
-constexpr int32_t kResampleSpan = 128;
-
-// Byte offsets of a destination column's two source samples in a source row,
-// and the fraction between them.
-struct ColumnTap {
-    ptrdiff_t left;
-    ptrdiff_t right;
-    float fraction;
-};
-
-// Walks the destination a span of columns at a time, mapping each column
-// once for all rows. Below four channels the horizontal step is
-// (b - a) * fx + a on a source row, so each source row is interpolated once
-// and kept while consecutive destination rows share it; the vertical step
-// then runs across the row. Four channels weight the corners directly.
-template <typename D, int C, typename S, bool Scaled>
-void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
-    const PLImage* dst = args->next<PLImage*>();
-    const PLImage* src = args->next<const PLImage*>();
-    const float* factors = args->next<const float*>();
-    const float stepX = factors[0];
-    const float stepY = factors[1];
-    const float ratio = factors[2];
-    constexpr int32_t srcPixel = C * static_cast<int32_t>(sizeof(S));
-    for (int32_t first = 0; first < dst->width; first += kResampleSpan) {
-        const int32_t span = dst->width - first < kResampleSpan ? dst->width - first : kResampleSpan;
-        ColumnTap columns[kResampleSpan];
-        for (int32_t x = 0; x < span; ++x) {
-            const SourceTap tx = MapCoordinate(first + x, stepX, src->lastColumn);
-            const ptrdiff_t left = PLOffset(tx.index, srcPixel);
-            columns[x] = {left, left + tx.next * srcPixel, tx.fraction};
-        }
-        const ptrdiff_t outOffset = static_cast<ptrdiff_t>(first) * C * static_cast<ptrdiff_t>(sizeof(D));
-        float across[2][kResampleSpan * C];
-        int32_t held[2] = {-1, -1};
-        // Source row `row` (at `at`) interpolated across the span, evicting
-        // the slot that does not hold `keep`.
-        auto interpolated = [&](int32_t row, const uint8_t* at, int32_t keep) -> const float* {
-            for (int32_t s = 0; s < 2; ++s)
-                if (held[s] == row) return across[s];
-            const int32_t s = held[0] == keep ? 1 : 0;
-            for (int32_t x = 0; x < span; ++x)
-                for (int32_t c = 0; c < C; ++c) {
-                    const size_t e = static_cast<size_t>(c) * sizeof(S);
-                    const float a = PLPixelTraits<S>::Load(at + columns[x].left + e);
-                    const float b = PLPixelTraits<S>::Load(at + columns[x].right + e);
-                    across[s][x * C + c] = (b - a) * columns[x].fraction + a;
-                }
-            held[s] = row;
-            return across[s];
-        };
-        for (int32_t y = firstRow; y <= lastRow; ++y) {
-            const SourceTap ty = MapCoordinate(y, stepY, src->lastRow);
-            const float fy = ty.fraction;
-            const uint8_t* upper = src->Row(ty.index);
-            const uint8_t* lower = upper + (ty.next ? src->rowStep : 0);
-            uint8_t* out = dst->Row(y) + outOffset;
-            if constexpr (C == 4) {
-                for (int32_t x = 0; x < span; ++x, out += C * sizeof(D)) {
-                    const float fx = columns[x].fraction;
-                    const float wa = (1.0f - fx) - fy + fx * fy;
-                    const float wb = fx - fx * fy;
-                    const float wc = fy - fx * fy;
-                    const float wd = fx * fy;
-                    for (int32_t c = 0; c < C; ++c) {
-                        const size_t e = static_cast<size_t>(c) * sizeof(S);
-                        const float a = PLPixelTraits<S>::Load(upper + columns[x].left + e);
-                        const float b = PLPixelTraits<S>::Load(upper + columns[x].right + e);
-                        const float cl = PLPixelTraits<S>::Load(lower + columns[x].left + e);
-                        const float d = PLPixelTraits<S>::Load(lower + columns[x].right + e);
-                        float value = a * wa + b * wb + cl * wc + d * wd;
-                        if constexpr (Scaled) value = value * ratio;
-                        PLPixelTraits<D>::Store(out + static_cast<size_t>(c) * sizeof(D), value);
-                    }
-                }
-            } else {
-                const int32_t lowerRow = ty.index + ty.next;
-                const float* top = interpolated(ty.index, upper, lowerRow);
-                const float* bottom = interpolated(lowerRow, lower, ty.index);
-                for (int32_t m = 0; m < span * C; ++m) {
-                    float value = (bottom[m] - top[m]) * fy + top[m];
-                    if constexpr (Scaled) value = value * ratio;
-                    PLPixelTraits<D>::Store(
-                        out + static_cast<ptrdiff_t>(m) * static_cast<ptrdiff_t>(sizeof(D)), value);
-                }
-            }
-        }
-    }
-}
-
-// Every member of the resampler: destination type x channel count x source
-// type x (equal, different white points), at index
-// ((dstType * 4 + channels - 1) * 3 + srcType) * 2 + scaled.
-template <size_t I>
-constexpr kqmp_worker* ResampleMember() {
-    using D = std::tuple_element_t<I / 24, PLPathElements>;
-    using S = std::tuple_element_t<(I / 2) % 3, PLPathElements>;
-    return &ResampleRows<D, static_cast<int>((I / 6) % 4) + 1, S, I % 2 == 1>;
-}
-
-template <size_t... I>
-constexpr std::array<kqmp_worker*, sizeof...(I)> ResampleMembers(std::index_sequence<I...>) {
-    return {ResampleMember<I>()...};
-}
-
-constexpr std::array<kqmp_worker*, 72> kResampleMembers = ResampleMembers(std::make_index_sequence<72>());
-
 }  // namespace
 
 void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
@@ -349,19 +208,11 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     const int32_t rowThreads = kqmp_threadsfor(image->height);
     const int32_t columnThreads = kqmp_threadsfor(image->width);
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
-    ScopedBlock buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r) * sizeof(float));
+    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r));
 
-    switch (image->pixelType) {
-        case PLPixelUChar:
-            FilterChannels<uint8_t>(image, kernel, taps, r, axes, buffers.get());
-            break;
-        case PLPixelUShort:
-            FilterChannels<uint16_t>(image, kernel, taps, r, axes, buffers.get());
-            break;
-        default:
-            FilterChannels<float>(image, kernel, taps, r, axes, buffers.get());
-            break;
-    }
+    PLVisitPixelType(image->pixelType, [&](auto pixel) {
+        FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, buffers.get());
+    });
 }
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
@@ -388,7 +239,7 @@ void PLBoxBlur(float radius, PLImage* image, int32_t axes) {
     const int32_t r = PLTruncI32(std::ceil(radius));
     if (r > kMaxRadius) return;
     const int32_t taps = 2 * r + 1;
-    ScopedBlock kernel(static_cast<size_t>(taps) * sizeof(float));
+    QVMemBlock<float> kernel(static_cast<size_t>(taps));
     float* k = kernel.get();
     for (int32_t i = 0; i < taps; ++i) k[i] = 1.0f;
     // A fractional radius weights the outer taps by the fraction but keeps the
@@ -411,30 +262,4 @@ void PLBinomial3Blur(PLImage* image, int32_t axes) {
 void PLBinomial5Blur(PLImage* image, int32_t axes) {
     static const float kernel[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
     PLSeparableFilter(2.0f, image, 5, kernel, axes);
-}
-
-void PLResampleWithSteps(PLImage* dst, const PLImage* src, float stepX, float stepY) {
-    if (!dst || !src || !PLIsPathType(dst->pixelType) || !PLIsPathType(src->pixelType)) return;
-    if (dst->numChannels < 1 || dst->numChannels > 4 || dst->numChannels != src->numChannels) return;
-    if (src->width < 1 || src->height < 1 || dst->width < 1) return;
-    const bool scaled = src->whitePoint != dst->whitePoint;
-    const float factors[3] = {stepX, stepY, dst->whitePoint / src->whitePoint};
-    const size_t member =
-        ((static_cast<size_t>(dst->pixelType) * 4 + static_cast<size_t>(dst->numChannels - 1)) * 3 +
-         static_cast<size_t>(src->pixelType)) *
-            2 +
-        (scaled ? 1 : 0);
-    PLRunRows(dst->height, kResampleMembers[member], dst, src, static_cast<const float*>(factors));
-}
-
-void PLResample(PLImage* dst, const PLImage* src) {
-    if (!dst || !src) return;
-    if (dst->numChannels != src->numChannels) throw PLErrFailed;
-    // Corner pixels meet corner pixels. A destination one pixel wide has no
-    // span to divide by; its only column takes the source's first.
-    const float stepX =
-        dst->width == 1 ? 0.0f : static_cast<float>(src->width - 1) / static_cast<float>(dst->width - 1);
-    const float stepY =
-        dst->height == 1 ? 0.0f : static_cast<float>(src->height - 1) / static_cast<float>(dst->height - 1);
-    PLResampleWithSteps(dst, src, stepX, stepY);
 }

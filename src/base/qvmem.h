@@ -5,8 +5,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
-#include "plerr.h"
+#include "base/plerr.h"
 
 using QVMallocFunc = void* (*)(void* userData, unsigned long size);
 using QVFreeFunc = void (*)(void* userData, void* block);
@@ -20,9 +21,29 @@ void* QVMemNew(size_t size);     // throws PLErrOutOfMemory instead of giving nu
 void* QVMemRealloc(void* block, size_t newSize, size_t oldSize);
 
 class QVMem {
-public:
+  public:
     static void* operator new(size_t size) { return QVMemNew(size); }
     static void* operator new[](size_t size) { return QVMemNew(size); }
     static void operator delete(void* block) noexcept { QVMemFree(block); }
     static void operator delete[](void* block) noexcept { QVMemFree(block); }
+};
+
+// Owns a block of `count` elements from QVMemNew and frees it on every way out
+// of its scope: the holder of the library's own scratch memory.
+template <typename T>
+class QVMemBlock {
+  public:
+    explicit QVMemBlock(size_t count) : block_(static_cast<T*>(QVMemNew(Bytes(count)))) {}
+    ~QVMemBlock() { QVMemFree(block_); }
+    QVMemBlock(const QVMemBlock&) = delete;
+    QVMemBlock& operator=(const QVMemBlock&) = delete;
+    T* get() const { return block_; }
+
+  private:
+    // A count whose size cannot be stated is more than can be had.
+    static size_t Bytes(size_t count) {
+        if (count > SIZE_MAX / sizeof(T)) throw PLErrOutOfMemory;
+        return count * sizeof(T);
+    }
+    T* block_;
 };

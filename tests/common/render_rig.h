@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "plugin_session.h"
+#include "common/plugin_session.h"
 
 namespace trelvotest {
 

@@ -1,4 +1,4 @@
-#include "qvmem.h"
+#include "base/qvmem.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -1,0 +1,51 @@
+# The layer check: every quoted include in src/ names its folder, and a folder
+# includes only from the folders below it. Run as a test:
+#   cmake -DSOURCE_DIR=<repo> -P cmake/check_layers.cmake
+# Lower layers know nothing of higher ones: mp nothing of pixels, image
+# nothing of vectors, and no library but the shell of OFX, whose headers
+# (the standard names, from the OFX include folder) only the shell includes.
+cmake_minimum_required(VERSION 3.25)
+
+set(allowed_base base)
+set(allowed_mp base mp)
+set(allowed_image base mp image)
+set(allowed_vectors base mp image vectors)
+set(allowed_licence base image licence)
+set(allowed_warp base image warp)
+set(allowed_blur base mp image vectors licence blur)
+set(allowed_shell base mp image vectors licence blur shell)
+set(folders base mp image vectors licence warp blur shell)
+
+set(problems "")
+file(GLOB_RECURSE sources RELATIVE "${SOURCE_DIR}/src" "${SOURCE_DIR}/src/*.h" "${SOURCE_DIR}/src/*.cpp")
+foreach(source IN LISTS sources)
+  string(REGEX MATCH "^[^/]+" folder "${source}")
+  if(NOT folder IN_LIST folders)
+    string(APPEND problems "  src/${source}: folder '${folder}' has no place in the layer table\n")
+    continue()
+  endif()
+  file(STRINGS "${SOURCE_DIR}/src/${source}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*[\"<]")
+  foreach(line IN LISTS includes)
+    string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*[\"<]([^\">]*)[\">].*" "\\1" header "${line}")
+    if(header MATCHES "^ofx[A-Za-z]*\\.h$")
+      if(NOT folder STREQUAL "shell")
+        string(APPEND problems "  src/${source}: includes the OFX header ${header}; only the shell may\n")
+      endif()
+    elseif(line MATCHES "\"")
+      if(NOT header MATCHES "/")
+        string(APPEND problems "  src/${source}: include \"${header}\" does not name its folder\n")
+      else()
+        string(REGEX MATCH "^[^/]+" target "${header}")
+        if(NOT target IN_LIST allowed_${folder})
+          string(APPEND problems "  src/${source}: ${folder} may not include ${header}\n")
+        endif()
+      endif()
+    endif()
+  endforeach()
+endforeach()
+
+if(problems)
+  message(FATAL_ERROR "Includes that break the layers:\n${problems}")
+endif()
+list(LENGTH sources count)
+message(STATUS "Layers kept: ${count} files")

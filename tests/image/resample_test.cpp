@@ -1,0 +1,199 @@
+// The bilinear resampler. Expected values come from ramps whose bilinear
+// interpolation is exact and from a plain pixel-at-a-time version that the
+// blocked, threaded one must match bit for bit.
+#include "image/resample.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "base/plerr.h"
+#include "common/library.h"
+
+namespace {
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
+
+// A one-row float image holding `values`, and its row read back.
+ImagePtr Line(const std::vector<float>& values) {
+    ImagePtr im = MakeImage(static_cast<int32_t>(values.size()), 1, 1, PLPixelFloat);
+    for (size_t i = 0; i < values.size(); ++i) Set<float>(*im, static_cast<int32_t>(i), 0, 0, values[i]);
+    return im;
+}
+
+std::vector<float> Row0(const PLImage* im) {
+    std::vector<float> out;
+    for (int32_t x = 0; x < im->width; ++x) out.push_back(Get<float>(*im, x, 0, 0));
+    return out;
+}
+
+float Element(const PLImage* im, int32_t x, int32_t y, int32_t c) {
+    return Value(*im, x, y, c);
+}
+
+// Integers round by adding a half and wrap; floats lose a negative zero.
+void StoreElement(PLImage* im, int32_t x, int32_t y, int32_t c, float v) {
+    if (im->pixelType == PLPixelUChar) Set<uint8_t>(*im, x, y, c, static_cast<uint8_t>(PLTruncI32(v + 0.5f)));
+    if (im->pixelType == PLPixelUShort)
+        Set<uint16_t>(*im, x, y, c, static_cast<uint16_t>(PLTruncI32(v + 0.5f)));
+    if (im->pixelType == PLPixelFloat) Set<float>(*im, x, y, c, v + 0.0f);
+}
+
+// Noise over the type's range; floats also get negative zeros and infinities.
+void FillNoise(PLImage* im, uint32_t seed) {
+    for (int32_t y = 0; y < im->height; ++y)
+        for (int32_t x = 0; x < im->width; ++x)
+            for (int32_t c = 0; c < im->numChannels; ++c) {
+                const float v = Noise(seed), pick = Noise(seed);
+                if (im->pixelType == PLPixelFloat)
+                    Set<float>(*im, x, y, c,
+                               pick < 0.02f   ? -0.0f
+                               : pick < 0.03f ? (x % 2 ? kInf : -kInf)
+                                              : v * 200 - 100);
+                else
+                    StoreElement(im, x, y, c,
+                                 std::floor(v * (im->pixelType == PLPixelUChar ? 256.0f : 65536.0f)));
+            }
+}
+
+// The resampler as its rules read, pixel by pixel: a position past the last
+// column takes the last cell at fraction 1; a one-pixel source its own pixel.
+void ReferenceResample(PLImage* dst, const PLImage* src, float stepX, float stepY) {
+    struct Tap {
+        int32_t index, next;
+        float fraction;
+    };
+    const auto map = [](int32_t x, float step, int32_t last) {
+        const float u = static_cast<float>(x) * step;
+        Tap t{PLTruncI32(u), 1, u - static_cast<float>(PLTruncI32(u))};
+        if (t.index >= last) t = {last - 1, 1, 1.0f};
+        if (t.index < 0) t = {0, 0, t.fraction};
+        return t;
+    };
+    for (int32_t y = 0; y < dst->height; ++y)
+        for (int32_t x = 0; x < dst->width; ++x) {
+            const Tap tx = map(x, stepX, src->lastColumn), ty = map(y, stepY, src->lastRow);
+            const float fx = tx.fraction, fy = ty.fraction;
+            for (int32_t c = 0; c < dst->numChannels; ++c) {
+                const float a = Element(src, tx.index, ty.index, c);
+                const float b = Element(src, tx.index + tx.next, ty.index, c);
+                const float cl = Element(src, tx.index, ty.index + ty.next, c);
+                const float d = Element(src, tx.index + tx.next, ty.index + ty.next, c);
+                float value;
+                if (dst->numChannels == 4) {  // corner weights
+                    value = a * ((1.0f - fx) - fy + fx * fy) + b * (fx - fx * fy) + cl * (fy - fx * fy) +
+                            d * (fx * fy);
+                } else {
+                    const float top = (b - a) * fx + a, bottom = (d - cl) * fx + cl;
+                    value = (bottom - top) * fy + top;
+                }
+                if (src->whitePoint != dst->whitePoint) value = value * (dst->whitePoint / src->whitePoint);
+                StoreElement(dst, x, y, c, value);
+            }
+        }
+}
+
+TEST(Resample, MatchesThePixelAtATimeResamplerOnOneAndTwoThreads) {
+    // Spans wider than the worker's column span of 128, single rows and
+    // columns, enlargements that reuse source rows and reductions that don't.
+    const int32_t sizes[][4] = {{300, 7, 150, 3}, {150, 3, 301, 8}, {37, 53, 19, 26}, {37, 53, 73, 105},
+                                {1, 9, 4, 17},    {9, 1, 17, 4},    {2, 2, 2, 2},     {5, 4, 1, 1}};
+    const int32_t types[] = {PLPixelUChar, PLPixelUShort, PLPixelFloat};
+    uint32_t seed = 5;
+    for (const auto& s : sizes)
+        for (int32_t dt : types)
+            for (int32_t st : types)
+                for (int32_t channels = 1; channels <= 4; ++channels)
+                    for (int32_t layout = 0; layout < 3; ++layout)
+                        for (int32_t threads : {1, 2}) {
+                            OutsideImage src(s[0], s[1], channels, st, layout == 1, layout == 2 ? 7 : 0);
+                            FillNoise(&src.image, ++seed);
+                            if (dt == st && layout == 2) src.image.whitePoint = 0.5f * src.image.whitePoint;
+                            OutsideImage fast(s[2], s[3], channels, dt, layout != 1, layout == 2 ? 7 : 0);
+                            OutsideImage plain(s[2], s[3], channels, dt, layout != 1, layout == 2 ? 7 : 0);
+                            // The push's steps, the reciprocal of the enlargement, differ
+                            // in the last bits from the quotient of PLResample.
+                            const bool push = layout == 1 && s[2] > 1 && s[3] > 1;
+                            const auto step = [&](int32_t from, int32_t to) {
+                                const float f = static_cast<float>(from - 1), t = static_cast<float>(to - 1);
+                                return push ? 1.0f / (t / f) : to == 1 ? 0.0f : f / t;
+                            };
+                            {
+                                ThreadLimit limit(threads);
+                                if (push)
+                                    PLResampleWithSteps(&fast.image, &src.image, step(s[0], s[2]),
+                                                        step(s[1], s[3]));
+                                else
+                                    PLResample(&fast.image, &src.image);
+                            }
+                            ReferenceResample(&plain.image, &src.image, step(s[0], s[2]), step(s[1], s[3]));
+                            ASSERT_EQ(fast.bytes, plain.bytes)
+                                << s[0] << "x" << s[1] << " to " << s[2] << "x" << s[3] << " src " << st
+                                << " dst " << dt << " channels " << channels << " layout " << layout
+                                << " threads " << threads;
+                        }
+}
+
+TEST(Resample, CornersMeetCornersAndRangesFollowTheWhitePoints) {
+    ImagePtr four = MakeImage(4, 1, 1, PLPixelFloat);
+    PLResample(four.get(), Line({0, 1, 2, 3, 4, 5, 6, 7, 8, 9}).get());
+    EXPECT_EQ(Row0(four.get()), (std::vector<float>{0, 3, 6, 9}));
+    ImagePtr five = MakeImage(5, 1, 1, PLPixelFloat);
+    PLResample(five.get(), Line({0, 1, 2}).get());
+    EXPECT_EQ(Row0(five.get()), (std::vector<float>{0, 0.5f, 1, 1.5f, 2}));
+    // Halving 1920 is not a decimation: column 1 lies at 1919/959.
+    std::vector<float> wide(1920);
+    for (int i = 0; i < 1920; ++i) wide[static_cast<size_t>(i)] = static_cast<float>(i);
+    ImagePtr half = MakeImage(960, 1, 1, PLPixelFloat);
+    PLResample(half.get(), Line(wide).get());
+    EXPECT_NEAR(Get<float>(*half, 1, 0, 0), 1919.0 / 959.0, 1e-5);
+    EXPECT_EQ(Get<float>(*half, 959, 0, 0), 1919.0f);
+
+    ImagePtr bytes = MakeImage(2, 1, 1, PLPixelUChar);
+    Set<uint8_t>(*bytes, 0, 0, 0, 0);
+    Set<uint8_t>(*bytes, 1, 0, 0, 255);
+    ImagePtr floats = MakeImage(2, 1, 1, PLPixelFloat);
+    PLResample(floats.get(), bytes.get());
+    EXPECT_EQ(Get<float>(*floats, 0, 0, 0), 0.0f);
+    EXPECT_NEAR(Get<float>(*floats, 1, 0, 0), 1.0f, 1.2e-7f);
+    ImagePtr back = MakeImage(3, 1, 1, PLPixelUChar);
+    PLResample(back.get(), Line({1.0f, 0.5f, 0.498f}).get());
+    EXPECT_EQ(Get<uint8_t>(*back, 0, 0, 0), 255);
+    EXPECT_EQ(Get<uint8_t>(*back, 1, 0, 0), 128) << "127.5 + 0.5";
+    EXPECT_EQ(Get<uint8_t>(*back, 2, 0, 0), 127);
+    ImagePtr shorts = MakeImage(2, 1, 1, PLPixelUShort);
+    PLResample(shorts.get(), bytes.get());
+    EXPECT_EQ(Get<uint16_t>(*shorts, 1, 0, 0), 65535) << "255 * 257";
+}
+
+TEST(Resample, GuardsUnequalChannelsAndSinglePixelImages) {
+    try {
+        PLResample(MakeImage(4, 4, 1, PLPixelFloat).get(), MakeImage(4, 4, 2, PLPixelFloat).get());
+        FAIL() << "no exception";
+    } catch (PLErr e) {
+        EXPECT_EQ(e, PLErrFailed);
+    }
+    // A destination one column wide has no span to divide by: it takes the
+    // source's first column. A source one column wide gives that column.
+    ImagePtr src = MakeImage(4, 3, 1, PLPixelFloat);
+    for (int32_t y = 0; y < 3; ++y)
+        for (int32_t x = 0; x < 4; ++x) Set<float>(*src, x, y, 0, static_cast<float>(10 * y + x));
+    ImagePtr column = MakeImage(1, 3, 1, PLPixelFloat), dot = MakeImage(1, 1, 1, PLPixelFloat);
+    ImagePtr wide = MakeImage(5, 5, 1, PLPixelFloat), big = MakeImage(3, 2, 1, PLPixelFloat);
+    PLResample(column.get(), src.get());
+    PLResample(dot.get(), src.get());
+    PLResample(wide.get(), column.get());
+    PLResample(big.get(), dot.get());
+    for (int32_t y = 0; y < 3; ++y) EXPECT_EQ(Get<float>(*column, 0, y, 0), 10.0f * y);
+    EXPECT_EQ(Get<float>(*dot, 0, 0, 0), 0.0f);
+    for (int32_t y = 0; y < 5; ++y)
+        for (int32_t x = 0; x < 5; ++x) EXPECT_EQ(Get<float>(*wide, x, y, 0), 5.0f * y) << x << "," << y;
+    for (int32_t y = 0; y < 2; ++y)
+        for (int32_t x = 0; x < 3; ++x) EXPECT_EQ(Get<float>(*big, x, y, 0), 0.0f);
+}
+
+}  // namespace
