@@ -109,11 +109,13 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
 // thread's pair of line buffers. The column pass takes up to kColumnLanes
 // adjacent columns at a time, interleaved, so that it reads along rows.
 // Packed images (one channel) have adjacent elements along a row, which lets
-// the moves between image and buffer vectorise.
+// the moves between image and buffer vectorise. Lines are read from `source`
+// (of the image's size and format, or the image itself) and written to the image.
 template <typename P, bool Columns, bool Packed>
 void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
+    const PLImage* source = args->next<const PLImage*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
     const int32_t r = args->next<int32_t>();
@@ -128,24 +130,27 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
     const int32_t pastLine = taps - (2 * r + 1);
     const size_t offset = static_cast<size_t>(channel) * sizeof(T);
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
-    auto along = [=](int32_t i) -> ptrdiff_t {
-        return Columns ? PLOffset(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    auto along = [=](const PLImage* of, int32_t i) -> ptrdiff_t {
+        return Columns ? PLOffset(i, of->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    };
+    auto lineStart = [=](const PLImage* of, int32_t line) -> uint8_t* {
+        return (Columns ? of->Row(0) + PLOffset(line, of->pixelStride) : of->Row(line)) + offset;
     };
     for (int32_t line = firstLine; line <= lastLine;) {
         const int32_t remaining = lastLine - line + 1;
         const int32_t lanes = !Columns ? 1 : remaining < kColumnLanes ? remaining : kColumnLanes;
-        uint8_t* start =
-            (Columns ? image->Row(0) + PLOffset(line, image->pixelStride) : image->Row(line)) + offset;
+        const uint8_t* read = lineStart(source, line);
         for (int32_t i = 0; i < n; ++i) {
-            const uint8_t* from = start + along(i);
+            const uint8_t* from = read + along(source, i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
             for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * pixel);
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
         FilterLine(in, out, n, lanes, kernel, taps, r);
+        uint8_t* start = lineStart(image, line);
         for (int32_t i = 0; i < n; ++i) {
-            uint8_t* to = start + along(i);
+            uint8_t* to = start + along(image, i);
             const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
             for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * pixel, P::Round(from[k]));
         }
@@ -160,14 +165,20 @@ kqmp_worker* LinePass(const PLImage* image) {
                : FilterLines<P, Columns, false>;
 }
 
+// The row pass reads `source`; the column pass then works on the image.
 template <typename P>
-void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
-                    float* buffers) {
+void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, int32_t taps, int32_t r,
+                    int32_t axes, float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
     for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows) kqmp_runrows(image->height, LinePass<P, false>(image), image, kernel, taps, r, c, buffers);
-        if (columns) kqmp_runrows(image->width, LinePass<P, true>(image), image, kernel, taps, r, c, buffers);
+        if (rows)
+            kqmp_runrows(image->height, LinePass<P, false>(image), image, source, kernel, taps, r, c,
+                         buffers);
+        const PLImage* columnSource = rows ? image : source;
+        if (columns)
+            kqmp_runrows(image->width, LinePass<P, true>(image), image, columnSource, kernel, taps, r, c,
+                         buffers);
     }
 }
 
@@ -195,7 +206,10 @@ int32_t MakerRadius(float radius) {
 
 }  // namespace
 
-void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
+namespace {
+
+void SeparableFilter(float radius, PLImage* image, const PLImage* source, int32_t taps, const float* kernel,
+                     int32_t axes) {
     if (radius < 0.001f) return;
     const int32_t r = PLTruncI32(radius);
     // A kernel must cover the 2r + 1 taps the edges index, and may reach at
@@ -211,8 +225,16 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r));
 
     PLVisitPixelType(image->pixelType, [&](auto pixel) {
-        FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, buffers.get());
+        FilterChannels<decltype(pixel)>(image, source, kernel, taps, r, axes, buffers.get());
     });
+}
+
+const float kBinomial5[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
+
+}  // namespace
+
+void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
+    SeparableFilter(radius, image, image, taps, kernel, axes);
 }
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
@@ -260,6 +282,13 @@ void PLBinomial3Blur(PLImage* image, int32_t axes) {
 }
 
 void PLBinomial5Blur(PLImage* image, int32_t axes) {
-    static const float kernel[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
-    PLSeparableFilter(2.0f, image, 5, kernel, axes);
+    PLSeparableFilter(2.0f, image, 5, kBinomial5, axes);
+}
+
+void PLBinomial5BlurInto(PLImage* image, const PLImage* source) {
+    if (!image || !source) return;
+    if (PLDimensionsDiffer(image, source) || image->numChannels != source->numChannels ||
+        image->pixelType != source->pixelType)
+        throw PLErrFailed;
+    SeparableFilter(2.0f, image, source, 5, kBinomial5, 0);
 }
