@@ -8,6 +8,9 @@
 // tests' reference), whose time per frame the engine's "x plain" divides; the
 // stages before the blur alone; the blur alone on the filled flow. The engine
 // also reports its peak of live memory and its allocations for one frame.
+// The engine takes its memory as in trelvo-render, from the host's memory
+// suite (which keeps large blocks for the next frame); BM_EngineOnMalloc
+// shows it on the C library's malloc instead.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -20,6 +23,7 @@
 
 #include "blur/motion_blur.h"
 #include "common/plain_rendition.h"
+#include "host.h"
 #include "image/image_ops.h"
 #include "image/qvimage.h"
 #include "mp/kqmp.h"
@@ -154,6 +158,18 @@ struct MemoryCount {
     static inline size_t allocations = 0;
 };
 
+// The host's memory suite, as the plug-in's hooks reach it inside a host.
+struct HostMemory {
+    static void* Allocate(void* ledger, unsigned long size) {
+        void* block = nullptr;
+        static_cast<ofxhost::MemoryLedger*>(ledger)->allocate(size, &block);
+        return block;
+    }
+    static void Free(void* ledger, void* block) {
+        static_cast<ofxhost::MemoryLedger*>(ledger)->release(block);
+    }
+};
+
 Scene& SceneOf(int32_t pixelType) {
     static Scene uchar(PLPixelUChar);
     static Scene floats(PLPixelFloat);
@@ -192,7 +208,7 @@ int32_t Engine(Scene& scene, float amount) {
 }
 
 // Arguments: pixel type, amount in hundredths, threads.
-void BM_Engine(benchmark::State& state) {
+void EngineRun(benchmark::State& state, bool hostMemory) {
     const int32_t pixelType = static_cast<int32_t>(state.range(0));
     const float amount = static_cast<float>(state.range(1)) / 100.0f;
     Scene& scene = SceneOf(pixelType);
@@ -203,16 +219,27 @@ void BM_Engine(benchmark::State& state) {
     setMemoryHooks(nullptr, MemoryCount::Allocate, MemoryCount::Free);
     Engine(scene, amount);
     setMemoryHooks(nullptr, nullptr, nullptr);
+    ofxhost::MemoryLedger ledger;
+    if (hostMemory) setMemoryHooks(&ledger, HostMemory::Allocate, HostMemory::Free);
     for (auto _ : state) {
         if (Engine(scene, amount) != 0) state.SkipWithError("the engine failed");
         benchmark::DoNotOptimize(scene.output.bytes.data());
     }
+    setMemoryHooks(nullptr, nullptr, nullptr);
     setThreadCount(0);
     Report(state, samples);
     state.counters["x plain"] =
         benchmark::Counter(plainSeconds, benchmark::Counter::kIsIterationInvariantRate);
     state.counters["peak MB"] = static_cast<double>(MemoryCount::peak) / 1e6;
     state.counters["allocs"] = static_cast<double>(MemoryCount::allocations);
+}
+
+void BM_Engine(benchmark::State& state) {
+    EngineRun(state, true);
+}
+
+void BM_EngineOnMalloc(benchmark::State& state) {
+    EngineRun(state, false);
 }
 
 // The plain rendition itself, one thread whatever the argument.
@@ -274,6 +301,7 @@ void PlainArguments(benchmark::internal::Benchmark* b) {
 }
 
 BENCHMARK(BM_Engine)->Apply(Arguments);
+BENCHMARK(BM_EngineOnMalloc)->Apply(Arguments);
 BENCHMARK(BM_Plain)->Apply(PlainArguments);
 BENCHMARK(BM_BeforeBlur)
     ->ArgNames({"type", "amount%", "threads"})
