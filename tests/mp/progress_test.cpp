@@ -1,5 +1,5 @@
-// Tests of the progress chain: range mapping, abort, the per-worker objects,
-// and an abort that stops every worker of a running job.
+// Tests of the progress chain: range mapping, abort, and an abort that stops
+// every worker of a running job through the per-worker objects.
 #include "mp/progress.h"
 
 #include <gtest/gtest.h>
@@ -44,37 +44,6 @@ TEST(Progress, RangeMappingAndAbort) {
     child.setAbort(false);
     child.ProgressIdle(0.5f);
     EXPECT_EQ(parent.current, 0.5f);
-}
-
-TEST(Progress, WorkerObjectsShareOneWord) {
-    CountingProgress top(2, PLErrNoFrame);
-    int32_t word = 0;
-    QVIldeAndProgressMPInterruptible reporter(&top, true, &word);
-    QVIldeAndProgressMPInterruptible sister(&top, false, &word);
-
-    sister.ProgressIdle(0.5f);
-    EXPECT_EQ(top.reports, 0) << "a non-reporter never reaches its parent";
-    reporter.ProgressIdle(0.25f);
-    EXPECT_EQ(top.reports, 1);
-    EXPECT_EQ(top.fractions.back(), 0.25f);
-    EXPECT_EQ(word, 0);
-
-    try {
-        reporter.ProgressIdle(0.5f);
-        ADD_FAILURE() << "the reporter must pass on the error from above";
-    } catch (PLErr e) {
-        EXPECT_EQ(e, PLErrNoFrame) << "the reporter passes on the value it was given";
-    }
-    EXPECT_EQ(word, 1) << "the reporter raises the shared word before rethrowing";
-
-    reporter.ProgressIdle(0.75f);  // quiet once the word is set
-    EXPECT_EQ(top.reports, 2);
-    try {
-        sister.ProgressIdle(0.75f);
-        ADD_FAILURE() << "a non-reporter must stop once the word is set";
-    } catch (PLErr e) {
-        EXPECT_EQ(e, PLErrAborted);
-    }
 }
 
 // The blur workers' pattern: each worker reports once per row through its own

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "common/library.h"
-#include "vectors/fill.h"
 
 namespace {
 
@@ -143,31 +142,20 @@ TEST(FillFlowHoles, MatchesRecordedResultsOnOneAndTwoThreads) {
     }
 }
 
-// Records every fraction that reaches it, and aborts at the k-th (from 1).
-struct AbortingTop : QVIdleAndProgressClass {
-    explicit AbortingTop(size_t k) : QVIdleAndProgressClass(nullptr), abortAt(k) {}
-    void ProgressIdle(float fraction) override {
-        reports.push_back(fraction);
-        if (reports.size() == abortAt) throw PLErrAborted;
-    }
-    size_t abortAt;
-    std::vector<float> reports;
-};
-
 TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
     // 2x2 has levels 1 and 0 of four pixels each: a tick at 0, half done, a
     // tick repeating it, all done; then the same for the second channel.
     Field small = RandomField(2, 2, 0.5f, 6);
-    AbortingTop ticks(0);
+    CountingProgress ticks;
     PLFillFlowHoles(small.flow.get(), small.mask.get(), &ticks);
-    EXPECT_EQ(ticks.reports, (std::vector<float>{0.0f, 0.5f, 0.5f, 1.0f, 0.0f, 0.5f, 0.5f, 1.0f}));
+    EXPECT_EQ(ticks.fractions, (std::vector<float>{0.0f, 0.5f, 0.5f, 1.0f, 0.0f, 0.5f, 0.5f, 1.0f}));
 
     Field f = RandomField(64, 48, 0.3f, 7);
     ImagePtr original = CopyOf(*f.flow);
     ImagePtr complete = CopyOf(*f.flow);
     PLFillFlowHoles(complete.get(), f.mask.get(), nullptr);
     // Each channel reports twice a level; abort at the first report of channel 1.
-    AbortingTop top(2 * static_cast<size_t>(PLSingleChannelFill(64, 48).topLevel + 1) + 1);
+    CountingProgress top(2 * (PLSingleChannelFill(64, 48).topLevel + 1) + 1);
     try {
         PLFillFlowHoles(f.flow.get(), f.mask.get(), &top);
         FAIL() << "no abort";
@@ -179,17 +167,6 @@ TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
             ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 0)), Bits(Get<float>(*complete, x, y, 0)));
             ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 1)), Bits(Get<float>(*original, x, y, 1)));
         }
-}
-
-TEST(SingleChannelFill, AnUnknownModeOnlyClearsTheTopLevel) {
-    Field f = RandomField(12, 12, 0.5f, 8);
-    PLSingleChannelFill fill(12, 12);
-    fill.load(f.flow.get(), 0, f.mask.get());
-    FillAll<float>(*fill.filled[0], Sentinel());
-    FillAll<float>(*fill.filled[fill.topLevel], 3.0f);
-    fill.fill(nullptr, 1);
-    EXPECT_EQ(Bits(Get<float>(*fill.filled[0], 5, 5, 0)), kSentinelBits);
-    EXPECT_EQ(Bits(Get<float>(*fill.filled[fill.topLevel], 1, 1, 0)), 0u);
 }
 
 // An allocator that fails once its budget of blocks is spent.
