@@ -30,29 +30,6 @@ Field RandomField(int32_t w, int32_t h, float holeShare, uint32_t seed) {
     return f;
 }
 
-std::string Size(const PLImage* im) {
-    return std::to_string(im->width) + "x" + std::to_string(im->height);
-}
-
-TEST(SingleChannelFill, LevelSizesFollowTheHalvingRule) {
-    PLSingleChannelFill hd(1920, 1080);
-    EXPECT_EQ(hd.topLevel, 10);
-    EXPECT_EQ(hd.lastLevel, 11);
-    const char* sizes[12] = {"1920x1080", "960x540", "480x270", "240x135", "120x67", "60x33",
-                             "30x16",     "15x8",    "7x4",     "3x2",     "2x2",    "2x2"};
-    for (int32_t l = 0; l <= 11; ++l)
-        for (PLImage** level : {hd.filled, hd.values, hd.weights, hd.scratch}) {
-            EXPECT_EQ(Size(level[l]), sizes[l]) << "level " << l;
-            EXPECT_TRUE(level[l]->numChannels == 1 && level[l]->pixelType == PLPixelFloat) << l;
-        }
-    PLSingleChannelFill square(2, 2);
-    EXPECT_TRUE(square.topLevel == 1 && square.lastLevel == 2);
-    for (int32_t l = 0; l <= 2; ++l) EXPECT_EQ(Size(square.values[l]), "2x2");
-    PLSingleChannelFill thin(1, 100);
-    EXPECT_EQ(Size(thin.values[1]), "2x50") << "the minimum of 2 applies after halving";
-    EXPECT_EQ(thin.topLevel, 6);
-}
-
 TEST(FillFlowHoles, NoHolesOrAMismatchedMaskGiveTheInputAllHolesGiveZero) {
     Field f = RandomField(37, 23, 0.0f, 1);
     ImagePtr original = CopyOf(*f.flow);
