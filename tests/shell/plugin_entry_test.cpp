@@ -68,24 +68,10 @@ HostConfig named(const std::string& name) {
 
 // What the property suite's string getter throws, as a host written in C++
 // might let escape from its suites.
-enum class Escape { OutOfMemory, Failed, Aborted, BadAlloc, RuntimeError, Int };
-Escape gEscape = Escape::Failed;
+void (*gThrow)() = nullptr;
 
 OfxStatus ThrowingGetString(OfxPropertySetHandle, const char*, int, char**) {
-    switch (gEscape) {
-        case Escape::OutOfMemory:
-            throw PLErrOutOfMemory;
-        case Escape::Failed:
-            throw PLErrFailed;
-        case Escape::Aborted:
-            throw PLErrAborted;
-        case Escape::BadAlloc:
-            throw std::bad_alloc();
-        case Escape::RuntimeError:
-            throw std::runtime_error("host");
-        case Escape::Int:
-            throw 7;
-    }
+    gThrow();
     return kOfxStatOK;
 }
 
@@ -143,17 +129,12 @@ TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
     HostConfig config = named("com.example.host");
     config.label = "Example Host";
     config.omittedSuites = {kOfxMessageSuite};
-    Host& host = startHost(config);
+    startHost(config);
     EXPECT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatErrMissingHostFeature);
     ASSERT_NE(QVOfxHost.name, nullptr);
     ASSERT_NE(QVOfxHost.label, nullptr);
     EXPECT_STREQ(QVOfxHost.name, "com.example.host");
     EXPECT_STREQ(QVOfxHost.label, "Example Host");
-    // Kept, not copied: the pointers are the host's own.
-    char* name = nullptr;
-    host.fetchSuite(kOfxPropertySuite, 1);
-    ofxhost::propertySuite()->propGetString(host.properties().handle(), kOfxPropName, 0, &name);
-    EXPECT_EQ(QVOfxHost.name, name);
 }
 
 // Nuke's processor count reaches the thread layer, clamped to the pool's 1024
@@ -220,21 +201,22 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
     ofxhost::ImageEffect context(kOfxImageEffectContextGeneral);
     ofxhost::PropertySet inArgs;
     // A PLErr by its OFX status, std::bad_alloc as out of memory, anything else as a failure.
-    const std::pair<Escape, OfxStatus> cases[] = {
-        {Escape::OutOfMemory, kOfxStatErrMemory},
-        {Escape::Failed, kOfxStatFailed},
-        {Escape::Aborted, kOfxStatOK},
-        {Escape::BadAlloc, kOfxStatErrMemory},
-        {Escape::RuntimeError, kOfxStatFailed},
-        {Escape::Int, kOfxStatFailed},
+    const std::pair<void (*)(), OfxStatus> cases[] = {
+        {[] { throw PLErrOutOfMemory; }, kOfxStatErrMemory},
+        {[] { throw PLErrFailed; }, kOfxStatFailed},
+        {[] { throw PLErrAborted; }, kOfxStatOK},
+        {[] { throw std::bad_alloc(); }, kOfxStatErrMemory},
+        {[] { throw std::runtime_error("host"); }, kOfxStatFailed},
+        {[] { throw 7; }, kOfxStatFailed},
     };
-    for (const auto& [escape, status] : cases) {
-        gEscape = escape;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const auto& [thrower, status] = cases[i];
+        gThrow = thrower;
         OfxStatus answered = -1;
         EXPECT_NO_THROW(answered = pluginMainEntry(kOfxImageEffectActionDescribeInContext, context.handle(),
                                                    inArgs.handle(), nullptr))
-            << static_cast<int>(escape);
-        EXPECT_EQ(answered, status) << static_cast<int>(escape);
+            << "case " << i;
+        EXPECT_EQ(answered, status) << "case " << i;
     }
     gPropHost = answering;
 }
