@@ -5,6 +5,7 @@
 // trelvo-render renders its first frame.
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -120,6 +121,43 @@ TEST_F(ImageFileHostile, OpenExrAttributesRunningPastTheFileAreRefused) {
             error.clear();
             EXPECT_FALSE(readHostPixels(path, {}, image, error));
             EXPECT_NE(error.find(message), std::string::npos) << error;
+        }
+    }
+}
+
+// A tiled file whose tiles are claimed far larger than any real one is refused
+// before OpenEXR takes a tile's buffers (gigabytes for one a fuzzer made).
+TEST_F(ImageFileHostile, OpenExrTilesPastTheLimitAreRefused) {
+    const std::string path = dir_ + "/tiled.exr";
+    OIIO::ImageSpec header(40, 30, 4, OIIO::TypeDesc::HALF);
+    header.tile_width = header.tile_height = 16;
+    const std::vector<uint16_t> pixels(40 * 30 * 4, 0x3c00);
+    auto out = OIIO::ImageOutput::create(path);
+    ASSERT_TRUE(out && out->open(path, header) && out->write_image(OIIO::TypeDesc::HALF, pixels.data()) &&
+                out->close());
+    std::ifstream in(path, std::ios::binary);
+    const std::string original{std::istreambuf_iterator<char>(in), {}};
+    const size_t tiles = original.find(std::string("tiles\0tiledesc\0", 15));
+    ASSERT_NE(tiles, std::string::npos);
+    const size_t sides = tiles + 15 + 4;  // past the name, the type and the size
+    const struct {
+        uint32_t width, height;
+        bool readable;
+    } cases[] = {
+        {16, 16, true}, {2, 117440514, false}, {0, 16, false}, {4096, 4096, true}, {4097, 4096, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
+        std::string bytes = original;
+        for (int i = 0; i < 4; ++i) {
+            bytes[sides + i] = static_cast<char>(c.width >> 8 * i);
+            bytes[sides + 4 + i] = static_cast<char>(c.height >> 8 * i);
+        }
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+        std::string error;
+        ChannelLayout layout;
+        EXPECT_EQ(layout.read(path, error), c.readable) << error;
+        if (!c.readable) {
+            EXPECT_EQ(error.rfind(path + ": its OpenEXR header gives tiles of ", 0), 0u) << error;
         }
     }
 }
