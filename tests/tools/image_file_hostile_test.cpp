@@ -89,14 +89,18 @@ std::string writeExr(const std::string& path, int parts = 1) {
 
 // Sets the size of the string attribute "note" in the given part's header
 // (0 the first) to `size`.
+// Writes v over the four bytes at `at`, as OpenEXR stores its integers.
+void putLittleEndian(std::string& bytes, size_t at, uint32_t v) {
+    for (size_t i = 0; i < 4; ++i) bytes[at + i] = static_cast<char>(v >> (8 * i));
+}
+
 void claimNoteSize(std::string& bytes, int part, int32_t size) {
     using std::string_literals::operator""s;
     const std::string marker = "note\0string\0"s;
     size_t at = bytes.find(marker);
     for (int i = 0; i < part && at != std::string::npos; ++i) at = bytes.find(marker, at + 1);
     ASSERT_NE(at, std::string::npos);
-    for (size_t i = 0; i < 4; ++i)
-        bytes[at + marker.size() + i] = static_cast<char>(static_cast<uint32_t>(size) >> (8 * i));
+    putLittleEndian(bytes, at + marker.size(), static_cast<uint32_t>(size));
 }
 
 TEST_F(ImageFileHostile, OpenExrAttributesRunningPastTheFileAreRefused) {
@@ -148,10 +152,8 @@ TEST_F(ImageFileHostile, OpenExrTilesPastTheLimitAreRefused) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::to_string(c.width) + " x " + std::to_string(c.height));
         std::string bytes = original;
-        for (int i = 0; i < 4; ++i) {
-            bytes[sides + i] = static_cast<char>(c.width >> 8 * i);
-            bytes[sides + 4 + i] = static_cast<char>(c.height >> 8 * i);
-        }
+        putLittleEndian(bytes, sides, c.width);
+        putLittleEndian(bytes, sides + 4, c.height);
         std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         std::string error;
         ChannelLayout layout;
