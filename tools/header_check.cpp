@@ -58,7 +58,27 @@ class ExrHeaderReader {
                     " bytes, more than the file holds";
             return false;
         }
+        if (type == "tiledesc" && size >= 8) return checkTiles(size, error);
         in_.seekg(size, std::ios::cur);
+        return true;
+    }
+
+    // OpenEXR allocates a buffer of a whole tile for each of its threads on
+    // opening a tiled file: a tile claimed as large as a frame or larger took
+    // gigabytes before a pixel was read. Real files use tiles of a few hundred
+    // pixels a side.
+    bool checkTiles(int32_t size, std::string& error) {
+        unsigned char sides[8];
+        if (!in_.read(reinterpret_cast<char*>(sides), 8)) return cutShort(error);
+        const int64_t width = static_cast<uint32_t>(littleEndian32(sides));
+        const int64_t height = static_cast<uint32_t>(littleEndian32(sides + 4));
+        if (width < 1 || height < 1 || width > kMaxFrameSide || height > kMaxFrameSide ||
+            width * height > kMaxTilePixels) {
+            error = path_ + ": its OpenEXR header gives tiles of " + std::to_string(width) + " x " +
+                    std::to_string(height) + " pixels, more than the 4096 x 4096 the tools read";
+            return false;
+        }
+        in_.seekg(size - 8, std::ios::cur);
         return true;
     }
 

@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -96,6 +98,45 @@ inline void Scribble(PLImage& im, uint32_t seed) {
             im.Row(y)[i] = static_cast<uint8_t>(Noise(seed) * 256);
 }
 
+// The reference versions of the blocked filters' store: integers round by
+// adding a half and wrap, floats lose a negative zero.
+inline void StoreRounded(PLImage& im, int32_t x, int32_t y, int32_t c, float v) {
+    if (im.pixelType == PLPixelUChar) Set<uint8_t>(im, x, y, c, PLPixel<PLPixelUChar>::Round(v));
+    if (im.pixelType == PLPixelUShort) Set<uint16_t>(im, x, y, c, PLPixel<PLPixelUShort>::Round(v));
+    if (im.pixelType == PLPixelFloat) Set<float>(im, x, y, c, v + 0.0f);
+}
+
+// Noise over the type's range; floats also get negative zeros and infinities.
+inline void FillNoise(PLImage& im, uint32_t seed) {
+    const float inf = std::numeric_limits<float>::infinity();
+    for (int32_t y = 0; y < im.height; ++y)
+        for (int32_t x = 0; x < im.width; ++x)
+            for (int32_t c = 0; c < im.numChannels; ++c) {
+                const float v = Noise(seed), pick = Noise(seed);
+                if (im.pixelType != PLPixelFloat)
+                    StoreRounded(im, x, y, c,
+                                 std::floor(v * (im.pixelType == PLPixelUChar ? 256.0f : 65536.0f)));
+                else
+                    Set<float>(im, x, y, c,
+                               pick < 0.02f   ? -0.0f
+                               : pick < 0.03f ? (x % 2 ? inf : -inf)
+                                              : v * 200 - 100);
+            }
+}
+
+// A one-row float image holding `values`, and its row read back.
+inline ImagePtr Line(const std::vector<float>& values) {
+    ImagePtr im = MakeImage(static_cast<int32_t>(values.size()), 1, 1, PLPixelFloat);
+    for (size_t i = 0; i < values.size(); ++i) Set<float>(*im, static_cast<int32_t>(i), 0, 0, values[i]);
+    return im;
+}
+
+inline std::vector<float> Row0(const PLImage& im) {
+    std::vector<float> out;
+    for (int32_t x = 0; x < im.width; ++x) out.push_back(Get<float>(im, x, 0, 0));
+    return out;
+}
+
 // Logical rows as bytes (width * pixelStride each), for bit-exact comparison.
 inline std::vector<uint8_t> RowBytes(const PLImage& im) {
     std::vector<uint8_t> bytes;
@@ -118,10 +159,10 @@ inline uint32_t Bits(float v) {
 }
 
 // A NaN whose bits no computation here produces, to show an untouched element.
-constexpr uint32_t kSentinelBits = 0x7fc0dead;
 inline float Sentinel() {
+    const uint32_t bits = 0x7fc0dead;
     float v;
-    std::memcpy(&v, &kSentinelBits, sizeof v);
+    std::memcpy(&v, &bits, sizeof v);
     return v;
 }
 

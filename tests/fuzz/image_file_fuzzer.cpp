@@ -1,16 +1,10 @@
 // libFuzzer target: trelvo-render's image loading (tools/image_file) on any
-// bytes a file may hold. The first byte picks the file name's extension,
-// and with it OpenImageIO's reader (EXR, PNG or TIFF: the fuzzer keeps to
-// those, where trelvo-render would try every reader on a file the one of
-// its extension refuses), and how the file is read: as the Source is, scaled
-// for a proxy, by channel names, or as a renderer's raw passes. The rest is
-// the file.
-//
-// Beyond the sanitizers and libFuzzer's limit on a single allocation: a read
-// either gives a frame whose pixels are all there, or fails with a message
-// that names the file. OpenImageIO and the libraries below it are not built
-// for coverage, so the fuzzer sees only our side of the read; seeds of valid
-// files (tests/fuzz/seeds/image_file) give it the formats' structure.
+// bytes a file may hold. The first byte picks the extension, and with it the
+// reader (EXR, PNG or TIFF), and how the file is read: as the Source is,
+// scaled for a proxy, by channel names, or as a renderer's raw passes; the
+// rest is the file. A read gives a frame whose pixels are all there, or fails
+// with a message that names the file. OpenImageIO is not built for coverage:
+// seeds of valid files (tests/fuzz/seeds/image_file) give the formats' structure.
 #include <unistd.h>
 
 #include <algorithm>

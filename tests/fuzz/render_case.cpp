@@ -305,22 +305,11 @@ std::string describeCase(const RenderCase& c) {
 }
 
 void fillPixels(ofxhost::ImageBuffer& image, const std::vector<uint8_t>& pattern) {
-    static const float kSpecial[] = {0.0f,
-                                     1.0f,
-                                     0.5f,
-                                     std::numeric_limits<float>::quiet_NaN(),
-                                     std::numeric_limits<float>::infinity(),
-                                     -std::numeric_limits<float>::infinity(),
-                                     -0.0f,
-                                     std::numeric_limits<float>::denorm_min(),
-                                     std::numeric_limits<float>::max(),
-                                     -std::numeric_limits<float>::max(),
-                                     1e30f,
-                                     -1.0f,
-                                     2.0f,
-                                     1.0000001f,
-                                     0.99999994f,
-                                     0.50000006f};
+    using F = std::numeric_limits<float>;
+    static const float kSpecial[] = {0.0f,          1.0f,           0.5f,        F::quiet_NaN(),
+                                     F::infinity(), -F::infinity(), -0.0f,       F::denorm_min(),
+                                     F::max(),      -F::max(),      1e30f,       -1.0f,
+                                     2.0f,          1.0000001f,     0.99999994f, 0.50000006f};
     if (pattern.empty()) return;  // the buffer starts zeroed
     const int element = image.bytesPerComponent();
     const OfxRectI& b = image.format().bounds;

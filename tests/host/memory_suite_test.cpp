@@ -4,39 +4,28 @@
 #include "host.h"
 #include "ofxMemory.h"
 
-TEST(MemorySuite, CountsLiveAndPeakBytesAndRefusesBadFrees) {
+TEST(MemorySuite, CountsBytesRefusesBadFreesAndFailsWhenTold) {
     ofxhost::Host host;
     auto* m = static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1));
     ASSERT_NE(m, nullptr);
-    void* a = nullptr;
-    void* b = nullptr;
-    ASSERT_EQ(m->memoryAlloc(nullptr, 100, &a), kOfxStatOK);
-    ASSERT_EQ(m->memoryAlloc(nullptr, 28, &b), kOfxStatOK);
+    host.memory().failAfter(2);
+    void* blocks[3] = {nullptr, nullptr, &host};
+    ASSERT_EQ(m->memoryAlloc(nullptr, 100, &blocks[0]), kOfxStatOK);
+    ASSERT_EQ(m->memoryAlloc(nullptr, 28, &blocks[1]), kOfxStatOK);
+    EXPECT_EQ(m->memoryAlloc(nullptr, 8, &blocks[2]), kOfxStatErrMemory) << "the third allocation";
+    EXPECT_EQ(blocks[2], nullptr);
     EXPECT_EQ(host.memory().counts().liveBytes, 128u);
-    EXPECT_EQ(m->memoryFree(a), kOfxStatOK);
-    EXPECT_EQ(m->memoryFree(a), kOfxStatErrBadHandle) << "a double free";
+    EXPECT_EQ(m->memoryFree(blocks[0]), kOfxStatOK);
+    EXPECT_EQ(m->memoryFree(blocks[0]), kOfxStatErrBadHandle) << "a double free";
     int onStack = 0;
     EXPECT_EQ(m->memoryFree(&onStack), kOfxStatErrBadHandle);
-    EXPECT_EQ(m->memoryFree(b), kOfxStatOK);
+    EXPECT_EQ(m->memoryFree(blocks[1]), kOfxStatOK);
 
     ofxhost::MemoryLedger::Counts c = host.memory().counts();
     EXPECT_EQ(c.allocations, 2u);
+    EXPECT_EQ(c.failedAllocations, 1u);
     EXPECT_EQ(c.frees, 2u);
     EXPECT_EQ(c.badFrees, 2u);
     EXPECT_EQ(c.liveBytes, 0u);
     EXPECT_EQ(c.peakBytes, 128u);
-}
-
-TEST(MemorySuite, FailsAfterTheGivenNumberOfAllocations) {
-    ofxhost::Host host;
-    auto* m = static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1));
-    host.memory().failAfter(2);
-    void* blocks[3] = {nullptr, nullptr, nullptr};
-    EXPECT_EQ(m->memoryAlloc(nullptr, 8, &blocks[0]), kOfxStatOK);
-    EXPECT_EQ(m->memoryAlloc(nullptr, 8, &blocks[1]), kOfxStatOK);
-    EXPECT_EQ(m->memoryAlloc(nullptr, 8, &blocks[2]), kOfxStatErrMemory);
-    EXPECT_EQ(blocks[2], nullptr);
-    EXPECT_EQ(host.memory().counts().failedAllocations, 1u);
-    m->memoryFree(blocks[0]);
-    m->memoryFree(blocks[1]);
 }

@@ -1,6 +1,7 @@
 // The services between the image library and the host, linked statically:
-// the five message functions on each kind of host, the two error maps and
-// the memory hooks.
+// the five message functions on each kind of host and the memory hooks. (The
+// error maps show through ShellEntry.NoExceptionCrossesTheEntryIntoTheHost and
+// Render.OutOfMemoryReachesTheHostAsErrMemoryWithImagesBack.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -114,23 +115,6 @@ TEST_F(HostServices, ComposedTextReachesTheHostLiterallyAndBounded) {
     EXPECT_EQ(sent[1].text, whole.substr(0, 255));
     EXPECT_EQ(sent[2].text, whole.substr(0, 255) + "\n");
     EXPECT_EQ(sent[3].text, longPrefix.substr(0, 255));
-}
-
-TEST(ErrorMaps, BothDirections) {
-    // Independent of the code: the table of the error codes.
-    const OfxStatus expected[] = {0, 8, 9, 9, 10, 1, 0, 0};
-    for (int code = 0; code < 8; ++code)
-        EXPECT_EQ(ConvertPLErrToOFXErr(static_cast<PLErr>(code)), expected[code]) << "PLErr " << code;
-    for (int code : {8, -1, 100})
-        EXPECT_EQ(ConvertPLErrToOFXErr(static_cast<PLErr>(code)), kOfxStatOK) << "PLErr " << code;
-    // Not the inverse: 9 gives 5.
-    for (int status = -2; status <= 1001; ++status) {
-        PLErr want = PLErrNone;
-        if ((status >= 1 && status <= 7) || (status >= 9 && status <= 11)) want = PLErrFailed;
-        if (status == 8) want = PLErrOutOfMemory;
-        if (status == 15) want = PLErrAborted;
-        EXPECT_EQ(ConvertOFXErrToPLErr(status), want) << "status " << status;
-    }
 }
 
 namespace {

@@ -1,8 +1,11 @@
 // The command-line tools run as a user runs them, for the end-to-end tests:
 // the process started with its output on a pipe, its exit status, and a
-// scratch folder (with an "out" folder inside) that is gone afterwards.
+// scratch folder (with an "out" folder inside) that is gone afterwards; and
+// image files written and read whole through OpenImageIO.
 #pragma once
 
+#include <OpenImageIO/imagebuf.h>
+#include <OpenImageIO/imageio.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -86,3 +89,23 @@ class ToolFolder : public ::testing::Test {
     }
     std::string dir_;
 };
+
+// Writes `pixels`, laid out as `header` says, rows from the top.
+inline void WriteImage(const std::string& path, const OIIO::ImageSpec& header, const void* pixels) {
+    auto out = OIIO::ImageOutput::create(path);
+    EXPECT_TRUE(out && out->open(path, header) && out->write_image(header.format, pixels) && out->close())
+        << path;
+}
+
+// Every sample of an image file as float, rows from the top.
+inline std::vector<float> FilePixels(const std::string& path) {
+    OIIO::ImageBuf image(path);
+    std::vector<float> px;
+    if (!image.init_spec(path, 0, 0)) {
+        ADD_FAILURE() << path << ": " << image.geterror();
+        return px;
+    }
+    px.resize(image.nativespec().image_pixels() * image.nativespec().nchannels);
+    EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data())) << path;
+    return px;
+}

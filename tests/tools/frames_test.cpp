@@ -1,13 +1,11 @@
 // Frame lists and sequence paths as a render farm's job files write them.
 #include "frames.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <string>
 #include <vector>
+
+#include "cli_rig.h"
 
 namespace {
 
@@ -71,19 +69,16 @@ TEST(SequencePath, PatternsAndFramePaths) {
     EXPECT_NE(error.find("100%.exr"), std::string::npos) << error;
 }
 
-TEST(SequencePath, FramesOnDiskMatchThePatternOnly) {
-    char folder[] = "/tmp/trelvo-frames-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string dir = folder;
+class FramesOnDisk : public ToolFolder {};
+
+TEST_F(FramesOnDisk, MatchThePatternOnly) {
     const std::vector<std::string> names = {"f.0003.exr",         "f.0001.exr", "f.0010.exr", "f.12.exr",
                                             "f.0002.exr.partial", "g.0004.exr", "f.00a5.exr"};
-    for (const std::string& name : names) std::fclose(std::fopen((dir + "/" + name).c_str(), "w"));
+    for (const std::string& name : names) std::fclose(std::fopen((dir_ + "/" + name).c_str(), "w"));
     SequencePath p;
     std::string error;
-    ASSERT_TRUE(p.parse(dir + "/f.####.exr", error));
+    ASSERT_TRUE(p.parse(dir_ + "/f.####.exr", error));
     EXPECT_EQ(p.framesOnDisk(), (std::vector<int>{1, 3, 10}));
-    for (const std::string& name : names) std::remove((dir + "/" + name).c_str());
-    rmdir(folder);
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 // clip trelvo-vectors writes; a frame's neighbours outside the frames asked
 // for are used, and the footage's ends are one-sided; options that describe
 // a vector clip are refused; Ctrl-C while a frame is estimated leaves nothing.
-#include <OpenImageIO/imagebuf.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -34,17 +32,6 @@ class FromFootage : public ToolFolder {
         char name[32];
         std::snprintf(name, sizeof name, ".%04d.exr", frame);
         return dir_ + "/" + stem + name;
-    }
-    std::vector<float> Pixels(const std::string& path) {
-        OIIO::ImageBuf image(path);
-        std::vector<float> px;
-        if (!image.init_spec(path, 0, 0)) {
-            ADD_FAILURE() << path << ": " << image.geterror();
-            return px;
-        }
-        px.resize(image.nativespec().image_pixels() * 4);
-        EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data())) << path;
-        return px;
     }
     Outcome Render(std::vector<std::string> args) {
         args.insert(args.begin(), {"--source", dir_ + "/plate.####.exr"});
@@ -110,9 +97,9 @@ TEST_F(FromFootage, RenderingBlursExactlyAsTheClipTrelvoVectorsWrites) {
         {"--vectors", dir_ + "/out/mv.####.exr", "--output", dir_ + "/out/b.####.exr", "--amount", "1"});
     ASSERT_EQ(run.status, 0) << run.err;
     for (int f = 1; f <= 4; ++f) {
-        const std::vector<float> a = Pixels(Path("out/a", f));
-        EXPECT_EQ(a, Pixels(Path("out/b", f))) << "frame " << f;
-        EXPECT_NE(a, Pixels(Path("plate", f))) << "frame " << f << " is blurred";
+        const std::vector<float> a = FilePixels(Path("out/a", f));
+        EXPECT_EQ(a, FilePixels(Path("out/b", f))) << "frame " << f;
+        EXPECT_NE(a, FilePixels(Path("plate", f))) << "frame " << f << " is blurred";
     }
 }
 
@@ -147,7 +134,7 @@ TEST_F(FromFootage, NeighboursOutsideTheFramesAskedForAndOneSidedEnds) {
     ASSERT_EQ(run.status, 0) << run.err;
     run = Render({"--vectors", "estimate", "--output", dir_ + "/out/all.####.exr"});
     ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(Pixels(Path("out/one", 3)), Pixels(Path("out/all", 3)));
+    EXPECT_EQ(FilePixels(Path("out/one", 3)), FilePixels(Path("out/all", 3)));
 }
 
 TEST_F(FromFootage, WhatDoesNotFitEstimationIsRefusedBeforeTheFirstFrame) {

@@ -3,57 +3,34 @@
 // either lands whole or leaves nothing.
 #include "image_file.h"
 
-#include <OpenImageIO/imageio.h>
-#include <dirent.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include "cli_rig.h"
+
 namespace {
 
-class ImageFileTest : public ::testing::Test {
+class ImageFileTest : public ToolFolder {
   protected:
-    void SetUp() override {
-        char folder[] = "/tmp/trelvo-image-file-XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        dir_ = folder;
-    }
-    void TearDown() override {
-        for (const std::string& name : Listing()) std::remove((dir_ + "/" + name).c_str());
-        rmdir(dir_.c_str());
-    }
-    std::vector<std::string> Listing() const {
-        std::vector<std::string> names;
-        DIR* d = opendir(dir_.c_str());
-        while (dirent* e = d ? readdir(d) : nullptr)
-            if (e->d_name[0] != '.') names.push_back(e->d_name);
-        if (d) closedir(d);
-        return names;
-    }
     // A file whose sample (x, y, c), y from the top, is code(x, y, c).
     template <typename T>
     std::string WriteFile(const std::string& name, int w, int h, int channels, OIIO::TypeDesc type,
                           T (*code)(int, int, int)) {
         std::vector<T> px(static_cast<size_t>(w) * h * channels);
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
-                for (int c = 0; c < channels; ++c)
-                    px[(static_cast<size_t>(y) * w + x) * channels + c] = code(x, y, c);
-        const std::string path = dir_ + "/" + name;
-        auto out = OIIO::ImageOutput::create(path);
+        for (size_t i = 0; i < px.size(); ++i)
+            px[i] = code(static_cast<int>(i / channels % w), static_cast<int>(i / channels / w),
+                         static_cast<int>(i % channels));
         OIIO::ImageSpec header(w, h, channels, type);
         if (channels == 2) header.channelnames = {"Y", "A"}, header.alpha_channel = 1;
         // PNG stores straight alpha: the codes go in as they are, not divided by alpha.
         if (name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0)
             header.attribute("oiio:UnassociatedAlpha", 1);
         header.attribute("Artist", "trelvo test");
-        EXPECT_TRUE(out && out->open(path, header) && out->write_image(type, px.data()) && out->close());
-        return path;
+        WriteImage(dir_ + "/" + name, header, px.data());
+        return dir_ + "/" + name;
     }
-    std::string dir_;
 };
 
 uint8_t Code8(int x, int y, int c) {
@@ -75,32 +52,22 @@ T Sample(const HostPixels& im, int x, int yFromBottom, int c) {
 
 TEST_F(ImageFileTest, RowsTurnOverAndDepthFollowsTheFile) {
     const int w = 5, h = 3;
-    std::string error;
-    HostPixels im;
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<uint8_t>("a.png", w, h, 4, OIIO::TypeDesc::UINT8, Code8), {}, im, error))
-        << error;
-    EXPECT_EQ(im.depth, PixelDepth::Byte);
-    ASSERT_EQ(im.data.size(), static_cast<size_t>(w * h * 4));
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c)
-                ASSERT_EQ(Sample<uint8_t>(im, x, h - 1 - y, c), Code8(x, y, c)) << x << y << c;
-
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<uint16_t>("b.tif", w, h, 4, OIIO::TypeDesc::UINT16, Code16), {}, im, error));
-    EXPECT_EQ(im.depth, PixelDepth::Short);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) ASSERT_EQ(Sample<uint16_t>(im, x, h - 1 - y, c), Code16(x, y, c));
-
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<float>("c.exr", w, h, 4, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
-    EXPECT_EQ(im.depth, PixelDepth::Float);
-    EXPECT_EQ(im.alpha, AlphaState::Premultiplied);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            for (int c = 0; c < 4; ++c) ASSERT_EQ(Sample<float>(im, x, h - 1 - y, c), CodeF(x, y, c));
+    auto check = [&](const std::string& name, OIIO::TypeDesc type, auto code, PixelDepth depth) {
+        using T = decltype(code(0, 0, 0));
+        std::string error;
+        HostPixels im;
+        ASSERT_TRUE(readHostPixels(WriteFile<T>(name, w, h, 4, type, code), {}, im, error)) << error;
+        EXPECT_EQ(im.depth, depth) << name;
+        ASSERT_EQ(im.data.size(), w * h * 4 * sizeof(T)) << name;
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x)
+                for (int c = 0; c < 4; ++c)
+                    ASSERT_EQ(Sample<T>(im, x, h - 1 - y, c), code(x, y, c)) << name << " " << x << y << c;
+        EXPECT_TRUE(depth != PixelDepth::Float || im.alpha == AlphaState::Premultiplied) << "an EXR's alpha";
+    };
+    check("a.png", OIIO::TypeDesc::UINT8, Code8, PixelDepth::Byte);
+    check("b.tif", OIIO::TypeDesc::UINT16, Code16, PixelDepth::Short);
+    check("c.exr", OIIO::TypeDesc::FLOAT, CodeF, PixelDepth::Float);
 }
 
 TEST_F(ImageFileTest, ChannelsCompleteToRgbaOrAreRefusedByName) {
@@ -174,7 +141,7 @@ TEST_F(ImageFileTest, WriteRoundTripsDepthAndMetadataAndLeavesNoPartialFile) {
 
     EXPECT_FALSE(writeHostPixels(dir_ + "/missing/out.exr", im, {}, error));
     EXPECT_NE(error.find(dir_ + "/missing/out.exr"), std::string::npos) << error;
-    for (const std::string& name : Listing()) EXPECT_EQ(name.find("partial"), std::string::npos) << name;
+    for (const std::string& name : Listing(dir_)) EXPECT_EQ(name.find("partial"), std::string::npos) << name;
 }
 
 TEST_F(ImageFileTest, ProxyScalesTheImage) {

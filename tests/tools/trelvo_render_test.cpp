@@ -1,9 +1,6 @@
 // trelvo-render end to end, as a compositor or a render farm runs it: small
 // generated sequences, the process's exit status and its messages, and what
 // lands in the output folder.
-#include <OpenImageIO/imagebuf.h>
-#include <OpenImageIO/imageio.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <chrono>
@@ -30,7 +27,7 @@ class RenderCli : public ToolFolder {
         for (int f : frames) {
             std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
             for (size_t i = 0; i < rgb.size(); ++i) rgb[i] = static_cast<uint8_t>((i * 7 + f * 13) % 251);
-            Write(Name("src", f, "png"), w, h, 3, OIIO::TypeDesc::UINT8, rgb.data());
+            WriteImage(Name("src", f, "png"), OIIO::ImageSpec(w, h, 3, OIIO::TypeDesc::UINT8), rgb.data());
             std::vector<uint16_t> vec(static_cast<size_t>(w) * h * 4);
             const double code = (dx / maxDisplace + 1.0) * 32767.0;
             for (size_t i = 0; i < vec.size(); i += 4) {
@@ -39,14 +36,8 @@ class RenderCli : public ToolFolder {
                 vec[i + 2] = 0;
                 vec[i + 3] = 65535;
             }
-            Write(Name("vec", f, "tif"), w, h, 4, OIIO::TypeDesc::UINT16, vec.data());
+            WriteImage(Name("vec", f, "tif"), OIIO::ImageSpec(w, h, 4, OIIO::TypeDesc::UINT16), vec.data());
         }
-    }
-    void Write(const std::string& path, int w, int h, int channels, OIIO::TypeDesc type, const void* px) {
-        auto out = OIIO::ImageOutput::create(path);
-        ASSERT_TRUE(out && out->open(path, OIIO::ImageSpec(w, h, channels, type)) &&
-                    out->write_image(type, px) && out->close())
-            << path;
     }
     std::string Name(const char* stem, int frame, const char* ext) const {
         char name[64];

@@ -6,10 +6,6 @@
 // are exact and any difference is a fault. Also: the warning for a clip
 // with no known vector, and files that don't fit stopping the job before its
 // first frame.
-#include <OpenImageIO/imagebuf.h>
-#include <OpenImageIO/imageio.h>
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <functional>
 #include <string>
@@ -54,11 +50,7 @@ class VectorSources : public ToolFolder {
             for (int x = 0; x < kW; ++x)
                 for (int c = 0; c < n; ++c)
                     px[(static_cast<size_t>(row) * kW + x) * n + c] = channels[c].second(x, kH - 1 - row);
-        const std::string path = dir_ + "/" + name;
-        auto out = OIIO::ImageOutput::create(path);
-        ASSERT_TRUE(out && out->open(path, header) && out->write_image(OIIO::TypeDesc::FLOAT, px.data()) &&
-                    out->close())
-            << path;
+        WriteImage(dir_ + "/" + name, header, px.data());
     }
     std::vector<std::pair<std::string, Field>> Beauty(const std::string& layer) {
         std::vector<std::pair<std::string, Field>> channels;
@@ -93,13 +85,7 @@ class VectorSources : public ToolFolder {
              {"B", [](int, int) { return 0.0f; }},
              {"A", [=](int x, int y) { return known(x, y) ? 1.0f : 0.0f; }}});
     }
-    std::vector<float> Pixels(const std::string& name) {
-        OIIO::ImageBuf image(dir_ + "/" + name);
-        std::vector<float> px(static_cast<size_t>(kW) * kH * 4, -1.0f);
-        EXPECT_TRUE(image.get_pixels(OIIO::ROI(0, kW, 0, kH, 0, 1, 0, 4), OIIO::TypeDesc::FLOAT, px.data()))
-            << name << ": " << image.geterror();
-        return px;
-    }
+    std::vector<float> Pixels(const std::string& name) { return FilePixels(dir_ + "/" + name); }
     // Runs a tool with the file names of --source, --vectors and --output in the scratch folder.
     Outcome Run(const char* binary, std::vector<std::string> args) {
         for (size_t i = 1; i < args.size(); ++i)

@@ -119,34 +119,4 @@ TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
     }
 }
 
-TEST(DecodeAndFill, PartialAlphaIsAHoleFilledFromTheKnownVector) {
-    // One pixel under full alpha, all others under partial or no alpha with
-    // vectors of their own: the fill replaces every one of them.
-    const int32_t w = 9, h = 7;
-    ImagePtr vectors = MakeImage(w, h, 4, PLPixelUChar);
-    for (int32_t y = 0; y < h; ++y)
-        for (int32_t x = 0; x < w; ++x) {
-            const uint8_t px[4] = {static_cast<uint8_t>(x * 20), static_cast<uint8_t>(y * 30), 0,
-                                   static_cast<uint8_t>((x + y) % 2 ? 254 : 0)};
-            for (int32_t c = 0; c < 4; ++c) Set<uint8_t>(*vectors, x, y, c, px[c]);
-        }
-    Set<uint8_t>(*vectors, 4, 3, 0, 254);
-    Set<uint8_t>(*vectors, 4, 3, 1, 0);
-    Set<uint8_t>(*vectors, 4, 3, 3, 255);
-    ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat);
-    PLDecodeAndFillMotionVectors(2.0f, flow.get(), vectors.get());
-    EXPECT_EQ(Get<float>(*flow, 4, 3, 0), 2.0f);
-    EXPECT_EQ(Get<float>(*flow, 4, 3, 1), -2.0f);
-    for (int32_t y = 0; y < h; ++y)
-        for (int32_t x = 0; x < w; ++x) {
-            EXPECT_NEAR(Get<float>(*flow, x, y, 0), 2.0f, 2e-6f) << x << "," << y;
-            EXPECT_NEAR(Get<float>(*flow, x, y, 1), -2.0f, 2e-6f) << x << "," << y;
-        }
-    // A flow of another size is refused before decoding.
-    ImagePtr small = MakeImage(w - 1, h, 2, PLPixelFloat);
-    FillAll<float>(*small, Sentinel());
-    PLDecodeAndFillMotionVectors(2.0f, small.get(), vectors.get());
-    EXPECT_EQ(Bits(Get<float>(*small, 0, 0, 0)), kSentinelBits);
-}
-
 }  // namespace

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "common/library.h"
-#include "vectors/fill.h"
 
 namespace {
 
@@ -29,29 +28,6 @@ Field RandomField(int32_t w, int32_t h, float holeShare, uint32_t seed) {
             Set<uint8_t>(*f.mask, x, y, 0, Noise(seed) < holeShare ? 255 : 0);
         }
     return f;
-}
-
-std::string Size(const PLImage* im) {
-    return std::to_string(im->width) + "x" + std::to_string(im->height);
-}
-
-TEST(SingleChannelFill, LevelSizesFollowTheHalvingRule) {
-    PLSingleChannelFill hd(1920, 1080);
-    EXPECT_EQ(hd.topLevel, 10);
-    EXPECT_EQ(hd.lastLevel, 11);
-    const char* sizes[12] = {"1920x1080", "960x540", "480x270", "240x135", "120x67", "60x33",
-                             "30x16",     "15x8",    "7x4",     "3x2",     "2x2",    "2x2"};
-    for (int32_t l = 0; l <= 11; ++l)
-        for (PLImage** level : {hd.filled, hd.values, hd.weights, hd.scratch}) {
-            EXPECT_EQ(Size(level[l]), sizes[l]) << "level " << l;
-            EXPECT_TRUE(level[l]->numChannels == 1 && level[l]->pixelType == PLPixelFloat) << l;
-        }
-    PLSingleChannelFill square(2, 2);
-    EXPECT_TRUE(square.topLevel == 1 && square.lastLevel == 2);
-    for (int32_t l = 0; l <= 2; ++l) EXPECT_EQ(Size(square.values[l]), "2x2");
-    PLSingleChannelFill thin(1, 100);
-    EXPECT_EQ(Size(thin.values[1]), "2x50") << "the minimum of 2 applies after halving";
-    EXPECT_EQ(thin.topLevel, 6);
 }
 
 TEST(FillFlowHoles, NoHolesOrAMismatchedMaskGiveTheInputAllHolesGiveZero) {
@@ -143,31 +119,20 @@ TEST(FillFlowHoles, MatchesRecordedResultsOnOneAndTwoThreads) {
     }
 }
 
-// Records every fraction that reaches it, and aborts at the k-th (from 1).
-struct AbortingTop : QVIdleAndProgressClass {
-    explicit AbortingTop(size_t k) : QVIdleAndProgressClass(nullptr), abortAt(k) {}
-    void ProgressIdle(float fraction) override {
-        reports.push_back(fraction);
-        if (reports.size() == abortAt) throw PLErrAborted;
-    }
-    size_t abortAt;
-    std::vector<float> reports;
-};
-
 TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
     // 2x2 has levels 1 and 0 of four pixels each: a tick at 0, half done, a
     // tick repeating it, all done; then the same for the second channel.
     Field small = RandomField(2, 2, 0.5f, 6);
-    AbortingTop ticks(0);
+    CountingProgress ticks;
     PLFillFlowHoles(small.flow.get(), small.mask.get(), &ticks);
-    EXPECT_EQ(ticks.reports, (std::vector<float>{0.0f, 0.5f, 0.5f, 1.0f, 0.0f, 0.5f, 0.5f, 1.0f}));
+    EXPECT_EQ(ticks.fractions, (std::vector<float>{0.0f, 0.5f, 0.5f, 1.0f, 0.0f, 0.5f, 0.5f, 1.0f}));
 
     Field f = RandomField(64, 48, 0.3f, 7);
     ImagePtr original = CopyOf(*f.flow);
     ImagePtr complete = CopyOf(*f.flow);
     PLFillFlowHoles(complete.get(), f.mask.get(), nullptr);
     // Each channel reports twice a level; abort at the first report of channel 1.
-    AbortingTop top(2 * static_cast<size_t>(PLSingleChannelFill(64, 48).topLevel + 1) + 1);
+    CountingProgress top(2 * (PLSingleChannelFill(64, 48).topLevel + 1) + 1);
     try {
         PLFillFlowHoles(f.flow.get(), f.mask.get(), &top);
         FAIL() << "no abort";
@@ -179,17 +144,6 @@ TEST(FillFlowHoles, ProgressAndAnAbortThatLeavesEarlierChannelsFilled) {
             ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 0)), Bits(Get<float>(*complete, x, y, 0)));
             ASSERT_EQ(Bits(Get<float>(*f.flow, x, y, 1)), Bits(Get<float>(*original, x, y, 1)));
         }
-}
-
-TEST(SingleChannelFill, AnUnknownModeOnlyClearsTheTopLevel) {
-    Field f = RandomField(12, 12, 0.5f, 8);
-    PLSingleChannelFill fill(12, 12);
-    fill.load(f.flow.get(), 0, f.mask.get());
-    FillAll<float>(*fill.filled[0], Sentinel());
-    FillAll<float>(*fill.filled[fill.topLevel], 3.0f);
-    fill.fill(nullptr, 1);
-    EXPECT_EQ(Bits(Get<float>(*fill.filled[0], 5, 5, 0)), kSentinelBits);
-    EXPECT_EQ(Bits(Get<float>(*fill.filled[fill.topLevel], 1, 1, 0)), 0u);
 }
 
 // An allocator that fails once its budget of blocks is spent.
