@@ -12,6 +12,7 @@
 // suite (which keeps large blocks for the next frame); BM_EngineOnMalloc
 // shows it on the C library's malloc instead.
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <cmath>
@@ -202,6 +203,12 @@ double PlainSeconds(int32_t pixelType, float amount) {
     return best;
 }
 
+long MinorFaults() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
 int32_t Engine(Scene& scene, float amount) {
     return TrelvoVectorsBlur(&scene.output.wrapper, &scene.source.wrapper, &scene.vectors.wrapper, 1, 0,
                              nullptr, amount, kMaxDisplace, 1.0f, 1.0f);
@@ -221,10 +228,12 @@ void EngineRun(benchmark::State& state, bool hostMemory) {
     setMemoryHooks(nullptr, nullptr, nullptr);
     ofxhost::MemoryLedger ledger;
     if (hostMemory) setMemoryHooks(&ledger, HostMemory::Allocate, HostMemory::Free);
+    const long faultsBefore = MinorFaults();
     for (auto _ : state) {
         if (Engine(scene, amount) != 0) state.SkipWithError("the engine failed");
         benchmark::DoNotOptimize(scene.output.bytes.data());
     }
+    const long faults = MinorFaults() - faultsBefore;
     setMemoryHooks(nullptr, nullptr, nullptr);
     setThreadCount(0);
     Report(state, samples);
@@ -232,6 +241,9 @@ void EngineRun(benchmark::State& state, bool hostMemory) {
         benchmark::Counter(plainSeconds, benchmark::Counter::kIsIterationInvariantRate);
     state.counters["peak MB"] = static_cast<double>(MemoryCount::peak) / 1e6;
     state.counters["allocs"] = static_cast<double>(MemoryCount::allocations);
+    // Pages the system had to hand out afresh: memory that wasn't already there.
+    state.counters["faults/frame"] =
+        benchmark::Counter(static_cast<double>(faults), benchmark::Counter::kAvgIterations);
 }
 
 void BM_Engine(benchmark::State& state) {

@@ -1,8 +1,8 @@
 // TrelvoVectorsBlur: the one call that turns a source frame and a vector frame
 // into the output frame. It owns the order of the stages and the temporaries
-// (flow and validity mask, at the vector frame's size, and the fill's levels),
-// carved from one block so that a frame asks the host for memory once; each
-// stage lives in its own library. PLErr ends here and becomes the return code.
+// (flow and validity mask, at the vector frame's size, and the fill's levels,
+// all carved from one block), three host allocations a frame; each stage lives
+// in its own library. PLErr ends here and becomes the return code.
 #include <cstddef>
 
 #include "blur/motion_blur.h"
@@ -29,21 +29,21 @@ int32_t TrelvoVectorsBlur(QVImage* output, QVImage* source, QVImage* vectors, in
     const int32_t blurMode = mode == PLBlurBilinear ? PLBlurBilinear : PLBlurNearest;
     try {
         if (vec->width < 1 || vec->height < 1) throw PLErrFailed;
-        // Flow, mask and the fill's levels, each at a 64-byte boundary.
+        // Flow, mask and the fill's levels in three blocks: one would do, but a
+        // block that large is mapped afresh on every frame by a plain malloc.
         const size_t pixels = static_cast<size_t>(vec->width) * static_cast<size_t>(vec->height);
         const size_t maskElement = vec->bytesPerElement > 0 ? static_cast<size_t>(vec->bytesPerElement) : 1;
-        const size_t fillBytes = PLFlowFillBytes(vec->width, vec->height);  // throws past any memory
-        const size_t flowBytes = (pixels * 2 * sizeof(float) + 63) / 64 * 64;
-        const size_t maskBytes = (pixels * maskElement + 63) / 64 * 64;
-        QVMemBlock<uint8_t> block(flowBytes + maskBytes + fillBytes);
-        PLImage flowImage(block.get(), vec->width, vec->height, 2, PLPixelFloat, 0);
-        PLImage maskImage(block.get() + flowBytes, vec->width, vec->height, 1, vec->pixelType, 0);
+        QVMemBlock<uint8_t> levels(PLFlowFillBytes(vec->width, vec->height));  // throws past any memory
+        QVMemBlock<float> flowBlock(pixels * 2);
+        QVMemBlock<uint8_t> maskBlock(pixels * maskElement);
+        PLImage flowImage(flowBlock.get(), vec->width, vec->height, 2, PLPixelFloat, 0);
+        PLImage maskImage(maskBlock.get(), vec->width, vec->height, 1, vec->pixelType, 0);
         PLImage* flow = &flowImage;
         PLImage* mask = &maskImage;
         PLDecodeMotionVectors(maxDisplace, flow, vec);
         PLCopyChannelIntoChannel(mask, 0, vec, 3);
         PLInvertImage(mask);
-        PLFillFlow(flow, mask, progress, block.get() + flowBytes + maskBytes);
+        PLFillFlow(flow, mask, progress, levels.get());
         PLScaleFlow(scaleX, scaleY, flow);
         // Not "amount < 0": a NaN amount takes the negative branch.
         if (amount >= 0.0f) {
