@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "base/isa.h"
 #include "base/qvmem.h"
 #include "image/pixel_format.h"
 #include "mp/kqmp.h"
@@ -39,8 +40,8 @@ size_t LineBufferFloats(const PLImage* image, int32_t r) {
 
 // One renormalised edge output of every lane: taps j from `first` to `last`
 // (either way), in that order, with tap index r + j - i.
-void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int32_t r, int32_t i,
-                int32_t first, int32_t last) {
+PL_INLINE_HOT void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int32_t r,
+                              int32_t i, int32_t first, int32_t last) {
     float sum[kColumnLanes];
     for (int32_t k = 0; k < lanes; ++k) sum[k] = 0.0f;
     float norm = 0.0f;
@@ -56,23 +57,42 @@ void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int3
     for (int32_t k = 0; k < lanes; ++k) o[k] = sum[k] / norm;
 }
 
-// Four adjacent floats, multiplied and added lane by lane: each lane does
-// exactly the scalar operation (SSE on x86-64, no contraction).
-using Float4 = float __attribute__((vector_size(16)));
+// W adjacent floats (4, 8 or 16: one SSE, AVX2 or AVX-512 register),
+// multiplied and added lane by lane: each lane does exactly the scalar
+// operation (no contraction).
+// (An alias template would drop the attribute: the size depends on W.)
+template <int32_t W>
+struct FloatVectorOf;
+template <>
+struct FloatVectorOf<4> {
+    using Type = float __attribute__((vector_size(16)));
+};
+template <>
+struct FloatVectorOf<8> {
+    using Type = float __attribute__((vector_size(32)));
+};
+template <>
+struct FloatVectorOf<16> {
+    using Type = float __attribute__((vector_size(64)));
+};
+template <int32_t W>
+using FloatVector = typename FloatVectorOf<W>::Type;
 
 // Interior outputs m to m + kInteriorBlock - 1 of interleaved lines: each
 // sums its taps from 0 in tap order, without a division, in registers.
-void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes, const float* w,
-                         int32_t taps, int32_t r) {
-    constexpr int32_t kVectors = kInteriorBlock / 4;
-    Float4 sum[kVectors];
-    for (Float4& v : sum) v = Float4{0.0f, 0.0f, 0.0f, 0.0f};
+template <int32_t W>
+PL_INLINE_HOT void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes,
+                                       const float* w, int32_t taps, int32_t r) {
+    static_assert(kInteriorBlock % W == 0 && sizeof(FloatVector<W>) == W * sizeof(float), "whole registers");
+    constexpr int32_t kVectors = kInteriorBlock / W;
+    FloatVector<W> sum[kVectors];
+    for (FloatVector<W>& v : sum) v = FloatVector<W>{};
     const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
     for (int32_t t = 0; t < taps; ++t, p += lanes) {
         const float wt = w[t];
         for (int32_t q = 0; q < kVectors; ++q) {
-            Float4 v;
-            std::memcpy(&v, p + 4 * q, sizeof v);
+            FloatVector<W> v;
+            std::memcpy(&v, p + W * q, sizeof v);
             sum[q] += v * wt;
         }
     }
@@ -84,8 +104,9 @@ void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes
 // are dropped and the rest renormalised; the interior needs no division
 // because the kernels are normalised. Every output is the same sum in the
 // same tap order whatever the lane count.
-void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const float* w, int32_t taps,
-                int32_t r) {
+template <int32_t W>
+PL_INLINE_HOT void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const float* w,
+                              int32_t taps, int32_t r) {
     for (int32_t i = 0; i < r && i < n; ++i)
         FilterEdge(in, out, lanes, w, r, i, 0, i + r < n ? i + r : n - 1);
     // A line shorter than r has no right edge: its loop starts below 0 and stops.
@@ -96,7 +117,8 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
     // keep their sums in registers and vectorise.
     const ptrdiff_t end = static_cast<ptrdiff_t>(n - r) * lanes;
     ptrdiff_t m = static_cast<ptrdiff_t>(r) * lanes;
-    for (; end - m >= kInteriorBlock; m += kInteriorBlock) FilterInteriorBlock(in, out, m, lanes, w, taps, r);
+    for (; end - m >= kInteriorBlock; m += kInteriorBlock)
+        FilterInteriorBlock<W>(in, out, m, lanes, w, taps, r);
     for (; m < end; ++m) {
         float sum = 0.0f;
         const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
@@ -111,8 +133,8 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
 // Packed images (one channel) have adjacent elements along a row, which lets
 // the moves between image and buffer vectorise. Lines are read from `source`
 // (of the image's size and format, or the image itself) and written to the image.
-template <typename P, bool Columns, bool Packed>
-void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+template <typename P, bool Columns, bool Packed, int32_t W>
+PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
     const PLImage* source = args->next<const PLImage*>();
@@ -147,7 +169,7 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
-        FilterLine(in, out, n, lanes, kernel, taps, r);
+        FilterLine<W>(in, out, n, lanes, kernel, taps, r);
         uint8_t* start = lineStart(image, line);
         for (int32_t i = 0; i < n; ++i) {
             uint8_t* to = start + along(image, i);
@@ -158,11 +180,39 @@ void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
     }
 }
 
+// The pass built for each path.
+template <typename P, bool Columns, bool Packed>
+void FilterLinesBaseline(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 4>(threadIndex, firstLine, lastLine, args);
+}
+template <typename P, bool Columns, bool Packed>
+PL_TARGET_AVX2 void FilterLinesAvx2(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
+                                    kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 8>(threadIndex, firstLine, lastLine, args);
+}
+template <typename P, bool Columns, bool Packed>
+PL_TARGET_AVX512 void FilterLinesAvx512(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
+                                        kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 16>(threadIndex, firstLine, lastLine, args);
+}
+
+template <typename P, bool Columns, bool Packed>
+kqmp_worker* LinePassFor(PLIsa isa) {
+    switch (isa) {
+        case PLIsaAvx512:
+            return FilterLinesAvx512<P, Columns, Packed>;
+        case PLIsaAvx2:
+            return FilterLinesAvx2<P, Columns, Packed>;
+        default:
+            return FilterLinesBaseline<P, Columns, Packed>;
+    }
+}
+
 template <typename P, bool Columns>
 kqmp_worker* LinePass(const PLImage* image) {
     return image->pixelStride == static_cast<int32_t>(sizeof(typename P::Element))
-               ? FilterLines<P, Columns, true>
-               : FilterLines<P, Columns, false>;
+               ? LinePassFor<P, Columns, true>(PLActiveIsa())
+               : LinePassFor<P, Columns, false>(PLActiveIsa());
 }
 
 // The row pass reads `source`; the column pass then works on the image.

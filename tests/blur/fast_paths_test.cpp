@@ -1,10 +1,11 @@
 // The engine against the plain rendition of its stages, bit for bit: odd
 // sizes, vector frames of another size, flipped and padded host images, NaN,
 // infinities and huge values, every depth, both amount branches; one thread
-// and two.
+// and two; every instruction-set path this machine has.
 #include <cmath>
 #include <limits>
 
+#include "base/isa.h"
 #include "common/library.h"
 #include "common/plain_rendition.h"
 
@@ -77,14 +78,19 @@ TEST(FastPaths, EngineMatchesThePlainRenditionBitForBit) {
         Frame expected(c.w, c.h, c.type, c.flipped, c.padding);
         plain::Engine(&expected.image(), &src.image(), &vec.image(), PLBlurBilinear, false, c.amount, 8.0f,
                       1.0f, 1.0f);
-        for (int32_t threads : {1, 2}) {
-            ThreadLimit limit(threads);
-            Frame out(c.w, c.h, c.type, c.flipped, c.padding);
-            ASSERT_EQ(TrelvoVectorsBlur(&out.wrapper, &src.wrapper, &vec.wrapper, PLBlurBilinear, 0, nullptr,
-                                        c.amount, 8.0f, 1.0f, 1.0f),
-                      PLErrNone);
-            ASSERT_EQ(RowBytes(out.image()), RowBytes(expected.image())) << threads << " threads";
+        for (int32_t isa = PLIsaBaseline; isa <= PLMachineIsa(); ++isa) {
+            PLUseIsa(static_cast<PLIsa>(isa));
+            for (int32_t threads : {1, 2}) {
+                ThreadLimit limit(threads);
+                Frame out(c.w, c.h, c.type, c.flipped, c.padding);
+                ASSERT_EQ(TrelvoVectorsBlur(&out.wrapper, &src.wrapper, &vec.wrapper, PLBlurBilinear, 0,
+                                            nullptr, c.amount, 8.0f, 1.0f, 1.0f),
+                          PLErrNone);
+                ASSERT_EQ(RowBytes(out.image()), RowBytes(expected.image()))
+                    << PLIsaName(static_cast<PLIsa>(isa)) << ", " << threads << " threads";
+            }
         }
+        PLUseIsa(PLMachineIsa());
     }
 }
 
