@@ -27,13 +27,16 @@ constexpr int32_t kColumnLanes = 16;
 // Interior outputs summed together in registers, tap by tap; a multiple of 4.
 constexpr int32_t kInteriorBlock = 16;
 
-// Floats in each of a thread's two line buffers: room for a row, or for a
-// block of up to kColumnLanes interleaved columns, each with its slack.
+// Floats in each of a thread's two line buffers: room for a row of all
+// channels, or for a block of up to kColumnLanes interleaved element columns,
+// each with its slack.
 size_t LineBufferFloats(const PLImage* image, int32_t r) {
+    const size_t channels = static_cast<size_t>(image->numChannels);
     const size_t width = static_cast<size_t>(image->width);
     const size_t height = static_cast<size_t>(image->height);
-    const size_t line = (width > height ? width : height) + kLineSlack + 2 * static_cast<size_t>(r);
-    const size_t lanes = width < kColumnLanes ? width : kColumnLanes;
+    const size_t line =
+        ((width > height ? width : height) + kLineSlack + 2 * static_cast<size_t>(r)) * channels;
+    const size_t lanes = width * channels < kColumnLanes ? width * channels : kColumnLanes;
     const size_t block = lanes * (height + kLineSlack);
     return line > block ? line : block;
 }
@@ -127,12 +130,15 @@ PL_INLINE_HOT void FilterLine(const float* in, float* out, int32_t n, int32_t la
     }
 }
 
-// One pass over rows (Columns false) or columns of one channel, through this
-// thread's pair of line buffers. The column pass takes up to kColumnLanes
-// adjacent columns at a time, interleaved, so that it reads along rows.
-// Packed images (one channel) have adjacent elements along a row, which lets
-// the moves between image and buffer vectorise. Lines are read from `source`
-// (of the image's size and format, or the image itself) and written to the image.
+// One pass over rows (Columns false) or columns, through this thread's pair of
+// line buffers. A row's channels are filtered together, as interleaved lines;
+// the column pass runs on a one-channel view of the image (every element its
+// own column) and takes up to kColumnLanes adjacent columns at a time,
+// interleaved, so that it reads along rows. Every element is the same sum in
+// the same order as when each channel is filtered alone. Packed images (one
+// channel) have adjacent elements along a row, which lets the moves between
+// image and buffer vectorise. Lines are read from `source` (of the image's
+// size and format, or the image itself) and written to the image.
 template <typename P, bool Columns, bool Packed, int32_t W>
 PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     using T = typename P::Element;
@@ -141,31 +147,33 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
     const int32_t r = args->next<int32_t>();
-    const int32_t channel = args->next<int32_t>();
+    const size_t bufferFloats = *args->next<const size_t*>();
     float* buffers = args->next<float*>();
 
-    const size_t bufferFloats = LineBufferFloats(image, r);
     float* in = buffers + 2 * bufferFloats * static_cast<size_t>(threadIndex);
     float* out = in + bufferFloats;
     const int32_t n = Columns ? image->height : image->width;
     const ptrdiff_t pixel = Packed ? static_cast<ptrdiff_t>(sizeof(T)) : image->pixelStride;
     const int32_t pastLine = taps - (2 * r + 1);
-    const size_t offset = static_cast<size_t>(channel) * sizeof(T);
+    // Lanes of a block: a row's channels, or neighbouring columns.
+    const ptrdiff_t laneStep = Columns ? pixel : static_cast<ptrdiff_t>(sizeof(T));
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
     auto along = [=](const PLImage* of, int32_t i) -> ptrdiff_t {
         return Columns ? PLOffset(i, of->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
     };
     auto lineStart = [=](const PLImage* of, int32_t line) -> uint8_t* {
-        return (Columns ? of->Row(0) + PLOffset(line, of->pixelStride) : of->Row(line)) + offset;
+        return Columns ? of->Row(0) + PLOffset(line, of->pixelStride) : of->Row(line);
     };
     for (int32_t line = firstLine; line <= lastLine;) {
         const int32_t remaining = lastLine - line + 1;
-        const int32_t lanes = !Columns ? 1 : remaining < kColumnLanes ? remaining : kColumnLanes;
+        const int32_t lanes = !Columns                   ? image->numChannels
+                              : remaining < kColumnLanes ? remaining
+                                                         : kColumnLanes;
         const uint8_t* read = lineStart(source, line);
         for (int32_t i = 0; i < n; ++i) {
             const uint8_t* from = read + along(source, i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * pixel);
+            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * laneStep);
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
@@ -174,9 +182,9 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
         for (int32_t i = 0; i < n; ++i) {
             uint8_t* to = start + along(image, i);
             const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * pixel, P::Round(from[k]));
+            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * laneStep, P::Round(from[k]));
         }
-        line += lanes;
+        line += Columns ? lanes : 1;  // a row pass's lanes are channels of one row
     }
 }
 
@@ -218,17 +226,23 @@ kqmp_worker* LinePass(const PLImage* image) {
 // The row pass reads `source`; the column pass then works on the image.
 template <typename P>
 void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, int32_t taps, int32_t r,
-                    int32_t axes, float* buffers) {
+                    int32_t axes, size_t bufferFloats, float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
-    for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows)
-            kqmp_runrows(image->height, LinePass<P, false>(image), image, source, kernel, taps, r, c,
-                         buffers);
+    if (rows)
+        kqmp_runrows(image->height, LinePass<P, false>(image), image, source, kernel, taps, r, &bufferFloats,
+                     buffers);
+    if (columns) {
         const PLImage* columnSource = rows ? image : source;
-        if (columns)
-            kqmp_runrows(image->width, LinePass<P, true>(image), image, columnSource, kernel, taps, r, c,
-                         buffers);
+        // Channels are adjacent in a pixel, so the elements of a row are one channel's row.
+        auto elements = [](const PLImage* of) {
+            return PLImage(of->data, of->width * of->numChannels, of->height, of->rowBytes, 1, of->pixelType,
+                           of->flipped);
+        };
+        PLImage view = elements(image);
+        const PLImage sourceView = elements(columnSource);
+        kqmp_runrows(view.width, LinePass<P, true>(&view), &view, &sourceView, kernel, taps, r, &bufferFloats,
+                     buffers);
     }
 }
 
@@ -270,12 +284,16 @@ void SeparableFilter(float radius, PLImage* image, const PLImage* source, int32_
     const int64_t longest = image->width > image->height ? image->width : image->height;
     if (longest + kLineSlack + 2 * static_cast<int64_t>(r) > INT32_MAX) throw PLErrOutOfMemory;
     const int32_t rowThreads = kqmp_threadsfor(image->height);
-    const int32_t columnThreads = kqmp_threadsfor(image->width);
+    // The column pass runs over every element of a row.
+    const int64_t elements = static_cast<int64_t>(image->width) * image->numChannels;
+    if (elements > INT32_MAX) throw PLErrOutOfMemory;
+    const int32_t columnThreads = kqmp_threadsfor(static_cast<int32_t>(elements));
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
-    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r));
+    const size_t bufferFloats = LineBufferFloats(image, r);
+    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
 
     PLVisitPixelType(image->pixelType, [&](auto pixel) {
-        FilterChannels<decltype(pixel)>(image, source, kernel, taps, r, axes, buffers.get());
+        FilterChannels<decltype(pixel)>(image, source, kernel, taps, r, axes, bufferFloats, buffers.get());
     });
 }
 

@@ -9,6 +9,7 @@
 #include "image/image_ops.h"
 #include "image/pixel_format.h"
 #include "image/resample.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 #include "vectors/fill.h"
 
@@ -162,7 +163,7 @@ PLImage FilledLevel(const PLImage* flow, uint8_t* scratch, const FlowLevels& lev
 // Level 0 of both pyramids at once: weight 1 and the vector where the mask is
 // zero, weight 0 and a cleared vector elsewhere.
 template <typename MaskPixel>
-void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* values = args->next<PLImage*>();
     const PLImage* weights = args->next<PLImage*>();
     const PLImage* flow = args->next<const PLImage*>();
@@ -184,7 +185,7 @@ void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* a
 // DivideRows for both channels over one weight. The top level has nothing
 // pushed into it: where the weight is zero it takes zero.
 template <bool kTop>
-void DivideFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void DivideFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* filled = args->next<PLImage*>();
     const PLImage* values = args->next<const PLImage*>();
     const PLImage* weights = args->next<const PLImage*>();
@@ -206,7 +207,7 @@ void DivideFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args*
 
 template <bool kTop>
 void DivideFlow(PLImage* filled, const PLImage* values, const PLImage* weights) {
-    kqmp_runrows(filled->height, DivideFlowRows<kTop>, filled, values, weights);
+    kqmp_runrows(filled->height, kqmp_forisa<DivideFlowRows<kTop>>(), filled, values, weights);
 }
 
 }  // namespace
@@ -227,7 +228,7 @@ void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* prog
         PLImage v = values(0);
         PLImage w = weights(0);
         PLVisitPixelType(mask->pixelType, [&](auto maskPixel) {
-            kqmp_runrows(flow->height, LoadFlowRows<decltype(maskPixel)>, &v, &w, flow, mask);
+            kqmp_runrows(flow->height, kqmp_forisa<LoadFlowRows<decltype(maskPixel)>>(), &v, &w, flow, mask);
         });
     }
     // The flow's values now live in level 0, so the flow's memory is free to
