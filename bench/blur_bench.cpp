@@ -10,7 +10,8 @@
 // also reports its peak of live memory and its allocations for one frame.
 // The engine takes its memory as in trelvo-render, from the host's memory
 // suite (which keeps large blocks for the next frame); BM_EngineOnMalloc
-// shows it on the C library's malloc instead.
+// shows it on the C library's malloc instead. The label names the instruction
+// set in use: TRELVO_ISA=sse2|avx2|avx512 chooses one.
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
@@ -22,6 +23,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/isa.h"
 #include "blur/motion_blur.h"
 #include "common/plain_rendition.h"
 #include "host.h"
@@ -178,6 +180,7 @@ Scene& SceneOf(int32_t pixelType) {
 }
 
 void Report(benchmark::State& state, double samples) {
+    state.SetLabel(PLIsaName(PLActiveIsa()));  // TRELVO_ISA chooses
     state.counters["ns/sample"] = benchmark::Counter(
         samples * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["samples/px"] = samples / (static_cast<double>(kWidth) * kHeight);
@@ -285,6 +288,7 @@ void BM_BeforeBlur(benchmark::State& state) {
     }
     setMemoryHooks(nullptr, nullptr, nullptr);
     setThreadCount(0);
+    state.SetLabel(PLIsaName(PLActiveIsa()));
 }
 
 void BM_BlurOnly(benchmark::State& state) {
