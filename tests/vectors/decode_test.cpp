@@ -13,11 +13,9 @@ namespace {
 
 // Decodes one pixel (r, g, b, a), given as numbers of its type, into (dx, dy).
 std::pair<float, float> DecodeOne(float m, int32_t type, float r, float g, float b, float a) {
-    ImagePtr v = MakeImage(1, 1, 4, type);
     const float rgba[4] = {r, g, b, a};
-    for (int32_t c = 0; c < 4; ++c) PLFloatToElement(type, v->data + c * v->bytesPerElement, rgba[c]);
-    ImagePtr flow = MakeImage(1, 1, 2, PLPixelFloat);
-    FillAll<float>(*flow, Sentinel());
+    ImagePtr v = Pattern(1, 1, 4, type, [&](int32_t, int32_t, int32_t c) { return rgba[c]; });
+    ImagePtr flow = UniformFlow(1, 1, Sentinel(), Sentinel());
     PLDecodeMotionVectors(m, flow.get(), v.get());
     return {Get<float>(*flow, 0, 0, 0), Get<float>(*flow, 0, 0, 1)};
 }
@@ -61,19 +59,17 @@ TEST(Decode, ValuesPerTypeAndTheAlphaGate) {
 TEST(Decode, FlippedImagesPairLogicalRows) {
     const int32_t w = 5, h = 40;  // enough rows for two threads
     ThreadLimit threads(2);
+    const auto code = [](int32_t x, int32_t y, int32_t c) {
+        return c ? 255.0f : float(uint8_t(x * 7 + y * 31));
+    };
     for (int32_t flipped = 0; flipped < 4; ++flipped) {
-        ImagePtr vectors = MakeImage(w, h, 4, PLPixelUChar, flipped & 1);
-        FillAll<uint8_t>(*vectors, 255);
-        for (int32_t y = 0; y < h; ++y)
-            for (int32_t x = 0; x < w; ++x)
-                Set<uint8_t>(*vectors, x, y, 0, static_cast<uint8_t>(x * 7 + y * 31));
+        ImagePtr vectors = Pattern(w, h, 4, PLPixelUChar, code, flipped & 1);
         ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat, flipped >> 1);
         PLDecodeMotionVectors(127.0f, flow.get(), vectors.get());
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x)  // with M = 127 the value is exactly code - 127
-                ASSERT_EQ(Get<float>(*flow, x, y, 0),
-                          static_cast<float>(static_cast<uint8_t>(x * 7 + y * 31)) - 127.0f)
-                    << "flipped " << flipped << " at " << x << "," << y;
+                ASSERT_EQ(Get<float>(*flow, x, y, 0), code(x, y, 0) - 127.0f)
+                    << flipped << " at " << x << "," << y;
     }
 }
 

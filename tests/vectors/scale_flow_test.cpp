@@ -8,12 +8,8 @@
 namespace {
 
 TEST(ScaleFlow, ScalesEachAxisWithoutShortCutsAndLeavesOtherImagesAlone) {
-    ImagePtr flow = MakeImage(3, 40, 2, PLPixelFloat, 1);
-    for (int32_t y = 0; y < 40; ++y)
-        for (int32_t x = 0; x < 3; ++x) {
-            Set<float>(*flow, x, y, 0, static_cast<float>(x + 1));
-            Set<float>(*flow, x, y, 1, -static_cast<float>(y + 1));
-        }
+    ImagePtr flow = Pattern(
+        3, 40, 2, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) { return c ? -y - 1 : x + 1; }, 1);
     ThreadLimit threads(2);
     PLScaleFlow(0.0f, -2.5f, flow.get());
     for (int32_t y = 0; y < 40; ++y)
@@ -24,14 +20,13 @@ TEST(ScaleFlow, ScalesEachAxisWithoutShortCutsAndLeavesOtherImagesAlone) {
     PLScaleFlow(-1.0f, 1.0f, flow.get());
     EXPECT_EQ(Bits(Get<float>(*flow, 0, 0, 0)), 0x80000000u) << "0 * -1 is negative zero";
 
-    ImagePtr three = MakeImage(2, 2, 3, PLPixelFloat);
+    ImagePtr three = MakeImage(2, 2, 3, PLPixelFloat), shorts = MakeImage(2, 2, 2, PLPixelUShort);
     FillAll<float>(*three, 1.5f);
-    PLScaleFlow(2.0f, 2.0f, three.get());
-    EXPECT_EQ(Get<float>(*three, 1, 1, 0), 1.5f);
-    ImagePtr shorts = MakeImage(2, 2, 2, PLPixelUShort);
     FillAll<uint16_t>(*shorts, 7);
+    PLScaleFlow(2.0f, 2.0f, three.get());
     PLScaleFlow(2.0f, 2.0f, shorts.get());
-    EXPECT_EQ(Get<uint16_t>(*shorts, 1, 1, 1), 7);
+    EXPECT_EQ(Get<float>(*three, 1, 1, 0), 1.5f) << "three channels are left alone";
+    EXPECT_EQ(Get<uint16_t>(*shorts, 1, 1, 1), 7) << "integer flows are left alone";
 }
 
 }  // namespace
