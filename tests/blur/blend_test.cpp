@@ -1,6 +1,5 @@
-// The blend: the four-channel row worker's stores and clears in each pixel
-// type, the driver's shortcuts and quiet refusals, one thread against two, and
-// the older single-threaded blend's table from two threads at once.
+// The blend: stores and clears in each pixel type, shortcuts and quiet
+// refusals, threads, and the older blend's table from two threads at once.
 #include <cmath>
 #include <thread>
 

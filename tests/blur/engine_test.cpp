@@ -1,6 +1,5 @@
-// The engine entry: what it refuses, a vector frame of another size and depth,
-// the amount's branches, mode, stamp, abort, holes and threads. Expected frames
-// come from the blur and blend called directly on a flow derived here.
+// The engine entry against the blur and blend called directly on a flow derived
+// here: refusals, vector frames of another size, amount, mode, stamp, holes, threads.
 #include <cmath>
 #include <limits>
 

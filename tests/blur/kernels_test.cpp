@@ -50,7 +50,7 @@ TYPED_TEST(EveryFormat, StillCopiesAndAgreementWithTheFloatMember) {
                            : static_cast<float>(code(x, y, c)) * (P::kWhite / 255.0f);
     });
     ImagePtr flow = Pattern(w, h, 2, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) {
-        return c ? (static_cast<float>(y) - 5.0f) * 0.6f : (static_cast<float>(x) - 7.5f) * 0.9f;
+        return c ? (y - 5.0f) * 0.6f : (x - 7.5f) * 0.9f;
     });
     for (const Body& body : kBodies) {
         ImagePtr out = MakeImage(w, h, C, P::kPixelType);
@@ -63,14 +63,12 @@ TYPED_TEST(EveryFormat, StillCopiesAndAgreementWithTheFloatMember) {
         Blur(*out, *content, *flow, 1.5f, body);
         for (int32_t y = 0; y < h; ++y)
             for (int32_t x = 0; x < w; ++x)
-                for (int32_t c = 0; c < C; ++c) {
-                    const float want = Get<float>(*expected, x, y, c) * P::kWhite;
-                    if constexpr (P::kIsFloat)
-                        ASSERT_EQ(Value(*out, x, y, c), want) << body.name << " at " << x << "," << y;
-                    else
-                        ASSERT_NEAR(Value(*out, x, y, c), want, P::kWhite > 255.0f ? 0.6 : 0.501)
-                            << body.name << " at " << x << "," << y << "," << c;
-                }
+                for (int32_t c = 0; c < C; ++c)
+                    ASSERT_NEAR(Value(*out, x, y, c), Get<float>(*expected, x, y, c) * P::kWhite,
+                                P::kIsFloat          ? 0.0
+                                : P::kWhite > 255.0f ? 0.6
+                                                     : 0.501)
+                        << body.name << " at " << x << "," << y << "," << c;
     }
 }
 
@@ -150,9 +148,8 @@ TEST(BlurKernel, EdgeRulesAndShortVectors) {
 }
 
 TEST(BlurKernel, FlowOfAnotherSizeMeetsTheSourceAtTheCorners) {
-    ImagePtr src = Pattern(9, 13, 1, PLPixelFloat, [](int32_t x, int32_t y, int32_t) {
-        return static_cast<float>(x * x + 3 * y * y) / 100.0f;
-    });
+    ImagePtr src = Pattern(9, 13, 1, PLPixelFloat,
+                           [](int32_t x, int32_t y, int32_t) { return (x * x + 3 * y * y) / 100.0f; });
     // A 5 x 4 flow scales by (9 - 1) / (5 - 1) = 2 across and (13 - 1) / (4 - 1)
     // = 4 down, in position and in length.
     ImagePtr small = MakeImage(9, 13, 1, PLPixelFloat), full = MakeImage(9, 13, 1, PLPixelFloat);
@@ -185,33 +182,27 @@ TEST(BlurKernel, RegionWritesOnlyItsRectangleAndRefusesMismatches) {
                 << x << "," << y;
         }
 
+    // Refused without a write: unfit images (the engine's refusals come first),
+    // flows that aren't two floats, bounds outside the image.
     FillBytes(*out, 0xAB);
     const std::vector<uint8_t> untouched = RowBytes(*out);
-    ImagePtr three = MakeImage(8, 6, 3, PLPixelUChar), narrower = MakeImage(7, 6, 4, PLPixelUChar),
-             otherType = MakeImage(8, 6, 4, PLPixelUShort),
-             fraction = MakeImage(8, 6, 4, PLPixelFractionShort),
+    ImagePtr three = MakeImage(8, 6, 3, PLPixelUChar), fraction = MakeImage(8, 6, 4, PLPixelFractionShort),
              flowThree = MakeImage(8, 6, 3, PLPixelFloat), flowUChar = MakeImage(8, 6, 2, PLPixelUChar);
     PLImage emptyFlow(nullptr, 0, 0, 2, PLPixelFloat, 0);
     const struct {
         PLImage* out;
         const PLImage *src, *flow;
         int32_t x1, y0;
-        const char* what;
-    } refused[] = {{out.get(), three.get(), flow.get(), 7, 0, "three channels"},
-                   {out.get(), narrower.get(), flow.get(), 6, 0, "narrower source"},
-                   {out.get(), otherType.get(), flow.get(), 7, 0, "other type"},
-                   {fraction.get(), fraction.get(), flow.get(), 7, 0, "fraction type"},
-                   {out.get(), src.get(), flowThree.get(), 7, 0, "three-channel flow"},
-                   {out.get(), src.get(), flowUChar.get(), 7, 0, "uchar flow"},
-                   {out.get(), src.get(), &emptyFlow, 7, 0, "empty flow"},
-                   {out.get(), src.get(), nullptr, 7, 0, "no flow"},
-                   {out.get(), src.get(), flow.get(), 8, 0, "a column past the last"},
-                   {out.get(), src.get(), flow.get(), 7, -1, "a row before the first"}};
+    } refused[] = {
+        {out.get(), three.get(), flow.get(), 7, 0},    {fraction.get(), fraction.get(), flow.get(), 7, 0},
+        {out.get(), src.get(), flowThree.get(), 7, 0}, {out.get(), src.get(), flowUChar.get(), 7, 0},
+        {out.get(), src.get(), &emptyFlow, 7, 0},      {out.get(), src.get(), nullptr, 7, 0},
+        {out.get(), src.get(), flow.get(), 8, 0},      {out.get(), src.get(), flow.get(), 7, -1}};
     for (const auto& c : refused)
         EXPECT_THROW(
             PLMotionBlurRegion(c.out, c.src, c.flow, 1.0f, PLBlurBilinear, nullptr, false, 0, c.x1, c.y0, 5),
             PLErr)
-            << c.what;
+            << &c - refused;
     EXPECT_NO_THROW(PLMotionBlurRegion(out.get(), src.get(), flow.get(), 1.0f, PLBlurBilinear, nullptr, false,
                                        0, 7, 4, 3));
     EXPECT_EQ(RowBytes(*out), untouched);

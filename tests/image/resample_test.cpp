@@ -1,6 +1,5 @@
-// The bilinear resampler. Expected values come from ramps whose bilinear
-// interpolation is exact and from a plain pixel-at-a-time version that the
-// blocked, threaded one must match bit for bit.
+// The bilinear resampler: exact ramps, and a plain pixel-at-a-time resampler
+// that the blocked, threaded one must match bit for bit.
 #include "image/resample.h"
 
 #include <gtest/gtest.h>

@@ -66,11 +66,7 @@ int CountTasks() {
     return n;
 }
 
-TEST(Kqmp, ThreadLimitAndRowsPerThread) {
-    setThreadCount(4);
-    const int32_t rows[] = {0, -5, 1, 2, 31, 32, 47, 48, 63, 64, 1000};
-    const int32_t onFour[] = {0, -5, 1, 1, 1, 2, 2, 3, 3, 4, 4};
-    for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(kqmp_threadsfor(rows[i]), onFour[i]) << rows[i];
+TEST(Kqmp, ThreadLimitClamps) {
     setThreadCount(-3);  // a non-positive limit is read as 1
     EXPECT_EQ(kqmp_threadsfor(1000), 1);
     setThreadCount(0);  // unknown: the processor count
@@ -81,23 +77,17 @@ TEST(Kqmp, ThreadLimitAndRowsPerThread) {
     setThreadCount(0);
 }
 
-TEST(Kqmp, EveryRowOnceInContiguousShares) {
+TEST(Kqmp, EveryRowOnceShareZeroOnTheCaller) {
     for (int32_t threads : {1, 2, 3, 4, 5, 7, 8, 16, 33})
         for (int32_t rows : {1, 2, 15, 16, 17, 31, 32, 100, 101, 1000, 1023}) {
             SCOPED_TRACE(std::to_string(threads) + " threads, " + std::to_string(rows) + " rows");
             const JobRecord job = RunRecorded(threads, rows);
             EXPECT_TRUE(job.everyRowOnce());
-            // Equal shares of rows / threads, the last to the end; share 0 and
-            // only it on the calling thread.
-            const int32_t used = rows == 1 ? 1 : threads, share = rows / used;
             for (int32_t i = 0; i < threads; ++i) {
-                const ShareSeen& s = job.shares[i];
-                EXPECT_EQ(s.calls, i < used ? 1 : 0) << "thread " << i;
-                if (i >= used) continue;
-                EXPECT_EQ(s.firstRow, share * i) << "thread " << i;
-                EXPECT_EQ(s.lastRow, i + 1 < used ? share * (i + 1) - 1 : rows - 1) << "thread " << i;
-                EXPECT_EQ(s.isFirstWorker, i == 0) << "thread " << i;
-                EXPECT_EQ(s.thread == std::this_thread::get_id(), i == 0) << "thread " << i;
+                EXPECT_LE(job.shares[i].calls, 1) << "thread " << i;
+                EXPECT_EQ(job.shares[i].isFirstWorker, i == 0) << "thread " << i;
+                const bool onCaller = job.shares[i].thread == std::this_thread::get_id();
+                EXPECT_TRUE(job.shares[i].calls == 0 || onCaller == (i == 0)) << "thread " << i;
             }
         }
 }

@@ -1,6 +1,5 @@
 // The mesh warp is off the plug-in's path: one exact check that a uniform flow
-// moves every pixel of every member by whole cells, with targets starting at a
-// sentinel so a pixel written by mistake shows.
+// moves every pixel of every member by whole cells; a stray write shows.
 #include "warp/mesh_warp.h"
 
 #include "common/library.h"
