@@ -1,5 +1,6 @@
-// Tests of the row dispatch: every row once, the pool's slot limit and life,
-// the host's runner, failures on every kind of thread, and concurrent callers.
+// The row dispatch: every row once, the pool's slot limit and life, the host's
+// runner, failures on every kind of thread, concurrent callers, and an abort
+// from the progress chain's top stopping every worker of a job.
 #include "mp/kqmp.h"
 
 #include <dirent.h>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/threads.h"
 #include "mp/qvmp_thread.h"
 
 namespace {
@@ -271,6 +273,49 @@ TEST(Kqmp, UnloadJoinsThePoolThreads) {
             EXPECT_EQ(dlopen(path, RTLD_NOW | RTLD_NOLOAD), nullptr) << "the module stayed loaded";
             EXPECT_EQ(CountTasks(), baseline) << "pool threads outlived the module";
         }
+}
+
+// Pool shares keep reporting past their rows, so that they are still running
+// when the abort comes and must stop at a report.
+struct AbortJob {
+    QVIdleAndProgressClass* top;
+    int32_t interrupted = 0;
+    int32_t error = 0;
+    std::vector<int32_t> stoppedBy = std::vector<int32_t>(4, PLErrNone);
+    std::atomic<int> unstopped{0};
+};
+
+void AbortableWorker(int32_t threadIndex, bool isFirstWorker, int32_t firstRow, int32_t lastRow,
+                     kqmp_args* args) {
+    auto* job = args->next<AbortJob*>();
+    QVIldeAndProgressMPInterruptible progress(job->top, isFirstWorker, &job->interrupted);
+    try {
+        if (isFirstWorker) {
+            for (int32_t y = firstRow; y <= lastRow; ++y)
+                progress.ProgressIdle(static_cast<float>(y - firstRow) /
+                                      static_cast<float>(lastRow - firstRow));
+        } else {
+            // Bounded so that a missed abort fails the test instead of hanging it.
+            for (long i = 0; i < 200000000L; ++i) progress.ProgressIdle(0.5f);
+            ++job->unstopped;
+        }
+    } catch (PLErr e) {
+        job->stoppedBy[threadIndex] = e;
+        __atomic_store_n(&job->error, static_cast<int32_t>(e), __ATOMIC_RELAXED);
+    }
+}
+
+TEST(Progress, AbortStopsEveryWorkerOfAJob) {
+    CountingProgress top(30, PLErrAborted);
+    QVIdleAndProgressClass engine(&top);
+    AbortJob job;
+    job.top = &engine;
+    kqmp_dispatch(4, 400, AbortableWorker, &job);
+    EXPECT_EQ(job.error, PLErrAborted);
+    EXPECT_EQ(top.reports, 30) << "only the first worker reports, and it stops at the abort";
+    EXPECT_EQ(job.interrupted, 1);
+    EXPECT_EQ(job.unstopped.load(), 0);
+    for (int32_t i = 0; i < 4; ++i) EXPECT_EQ(job.stoppedBy[i], PLErrAborted) << "worker " << i;
 }
 
 }  // namespace
