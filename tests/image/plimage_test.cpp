@@ -11,38 +11,24 @@
 #include "base/qvmem.h"
 #include "common/library.h"
 
-namespace {
-
-// Allocator hooks that count calls and can be told to fail.
-struct HookState {
-    bool exhausted = false;
-    int mallocs = 0;
-    int frees = 0;
-};
-
-void* CountingMalloc(void* user, unsigned long size) {
-    auto* s = static_cast<HookState*>(user);
-    if (s->exhausted) return nullptr;
-    ++s->mallocs;
-    return std::malloc(size);
-}
-
-void CountingFree(void* user, void* block) {
-    ++static_cast<HookState*>(user)->frees;
-    std::free(block);
-}
-
-class HookedAllocator : public ::testing::Test {
-  protected:
-    void SetUp() override { setMemoryHooks(&state, CountingMalloc, CountingFree); }
+// Allocator hooks that count calls and fail while `exhausted`.
+struct HookedAllocator : ::testing::Test {
+    static void* Malloc(void* user, unsigned long size) {
+        auto* t = static_cast<HookedAllocator*>(user);
+        return t->exhausted ? nullptr : (++t->mallocs, std::malloc(size));
+    }
+    static void Free(void* user, void* block) {
+        ++static_cast<HookedAllocator*>(user)->frees;
+        std::free(block);
+    }
+    void SetUp() override { setMemoryHooks(this, Malloc, Free); }
     void TearDown() override { setMemoryHooks(nullptr, nullptr, nullptr); }
-    HookState state;
+    bool exhausted = false;
+    int mallocs = 0, frees = 0;
 };
-
-}  // namespace
 
 TEST_F(HookedAllocator, ExhaustionThrowsOrSetsErrorCodeAndFreesNothing) {
-    state.exhausted = true;
+    exhausted = true;
     EXPECT_THROW(QVMemNew(16), PLErr);
     try {
         PLImage image(8, 8, 4, PLPixelUChar, 0);
@@ -58,15 +44,15 @@ TEST_F(HookedAllocator, ExhaustionThrowsOrSetsErrorCodeAndFreesNothing) {
     }
     // The record itself comes from the same allocator.
     EXPECT_THROW(delete new PLImage(false, 8, 8, 4, PLPixelUShort, 0), PLErr);
-    EXPECT_EQ(state.frees, 0) << "nothing was allocated, so nothing may be freed";
+    EXPECT_EQ(frees, 0) << "nothing was allocated, so nothing may be freed";
 
     // A row longer than int32 row bytes can state is more than can be had,
     // whatever the allocator holds: its size must not wrap to a small block.
-    state.exhausted = false;
+    exhausted = false;
     PLImage wide(false, 1 << 28, 1, 4, PLPixelFloat, 0);
     EXPECT_EQ(wide.errorCode, PLErrOutOfMemory);
     EXPECT_EQ(wide.data, nullptr);
-    EXPECT_EQ(state.mallocs, 0);
+    EXPECT_EQ(mallocs, 0);
 }
 
 TEST_F(HookedAllocator, OwnedBlockIsFreedOnceSetDataOrphansItFailedReallocKeepsIt) {
@@ -78,17 +64,17 @@ TEST_F(HookedAllocator, OwnedBlockIsFreedOnceSetDataOrphansItFailedReallocKeepsI
         image.SetData(outside, 8, 8, 8, 1, PLPixelUChar, 0);
         EXPECT_EQ(image.ownsData, 0);
     }
-    EXPECT_EQ(state.frees, 0) << "neither SetData nor the destructor may free the old block";
+    EXPECT_EQ(frees, 0) << "neither SetData nor the destructor may free the old block";
     QVMemFree(orphan);
     { PLImage owned(4, 3, 2, PLPixelFloat, 0); }
-    EXPECT_EQ(state.frees, 2);
+    EXPECT_EQ(frees, 2);
 
     void* block = QVMemNew(8);
     std::memcpy(block, "abcdefgh", 8);
-    state.exhausted = true;
+    exhausted = true;
     EXPECT_THROW(QVMemRealloc(block, 64, 8), PLErr);
     EXPECT_EQ(std::memcmp(block, "abcdefgh", 8), 0) << "a failed realloc leaves the old block alone";
-    state.exhausted = false;
+    exhausted = false;
     QVMemFree(block);
 }
 

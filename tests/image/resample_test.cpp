@@ -52,9 +52,9 @@ void ReferenceResample(PLImage* dst, const PLImage* src, float stepX, float step
 }
 
 TEST(Resample, MatchesThePixelAtATimeResamplerOnOneAndTwoThreads) {
-    // Spans wider than the worker's column span of 128, enlargements that reuse
-    // source rows and reductions that don't, single pixels, rows and columns
-    // on either side (a one-column target takes the source's first column).
+    // Corners meet corners (300 to 150 is not a decimation); spans wider than
+    // the worker's 128 columns, enlargements that reuse source rows, single
+    // pixels, rows and columns on either side.
     const int32_t sizes[][4] = {{300, 7, 150, 3}, {150, 3, 301, 8}, {37, 53, 19, 26}, {37, 53, 73, 105},
                                 {1, 9, 4, 17},    {9, 1, 17, 4},    {2, 2, 2, 2},     {5, 4, 1, 1},
                                 {4, 3, 1, 3},     {1, 1, 3, 2}};
@@ -92,17 +92,7 @@ TEST(Resample, MatchesThePixelAtATimeResamplerOnOneAndTwoThreads) {
                         }
 }
 
-// Corners meet corners: halving 1920 is not a decimation, column 1 lies at 1919/959.
-TEST(Resample, CornersMeetCornersAndUnequalChannelsAreRefused) {
-    ImagePtr five = MakeImage(5, 1, 1, PLPixelFloat);
-    PLResample(five.get(), Line({0, 1, 2}).get());
-    EXPECT_EQ(Row0(*five), (std::vector<float>{0, 0.5f, 1, 1.5f, 2}));
-    std::vector<float> wide(1920);
-    for (int i = 0; i < 1920; ++i) wide[static_cast<size_t>(i)] = static_cast<float>(i);
-    ImagePtr half = MakeImage(960, 1, 1, PLPixelFloat);
-    PLResample(half.get(), Line(wide).get());
-    EXPECT_NEAR(Get<float>(*half, 1, 0, 0), 1919.0 / 959.0, 1e-5);
-    EXPECT_EQ(Get<float>(*half, 959, 0, 0), 1919.0f);
+TEST(Resample, UnequalChannelsAreRefused) {
     try {
         PLResample(MakeImage(4, 4, 1, PLPixelFloat).get(), MakeImage(4, 4, 2, PLPixelFloat).get());
         FAIL() << "no exception";
