@@ -96,21 +96,16 @@ TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(k.what);
-        ImagePtr vectors = MakeImage(k.vw, 3, k.vc, k.vtype);
-        std::memset(vectors->data, k.vtype == PLPixelDouble ? 0 : 254,
-                    static_cast<size_t>(vectors->rowBytes) * 3);
-        ImagePtr flow = MakeImage(k.fw, k.fh, k.fc, k.ftype);
-        std::memset(flow->data, 0x55, static_cast<size_t>(flow->rowBytes) * k.fh);
+        ImagePtr vectors = MakeImage(k.vw, 3, k.vc, k.vtype), flow = MakeImage(k.fw, k.fh, k.fc, k.ftype);
+        FillBytes(*vectors, k.vtype == PLPixelDouble ? 0 : 254);
+        FillBytes(*flow, 0x55);
         ImagePtr before = CopyOf(*flow);
         PLDecodeMotionVectors(3.0f, flow.get(), vectors.get());
-        if (k.decodedColumns == 0) {
-            EXPECT_TRUE(RowBytes(*flow) == RowBytes(*before));
-            continue;
-        }
-        for (int32_t y = 0; y < k.fh; ++y)
+        EXPECT_TRUE(k.decodedColumns || RowBytes(*flow) == RowBytes(*before));
+        for (int32_t y = 0; y < k.fh && k.decodedColumns; ++y)
             for (int32_t x = 0; x < k.fw; ++x)
                 for (int32_t c = 0; c < k.fc; ++c)
-                    EXPECT_EQ(Bits(Get<float>(*flow, x, y, c)),
+                    ASSERT_EQ(Bits(Get<float>(*flow, x, y, c)),
                               x < k.decodedColumns ? Bits(3.0f) : Bits(Get<float>(*before, x, y, c)))
                         << x << "," << y << "," << c;
     }
