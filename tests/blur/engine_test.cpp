@@ -28,10 +28,9 @@ struct HostFrame {
 
 // A source of a fixed pseudo-random pattern, or vectors of one code everywhere, alpha opaque.
 void FillSource(HostFrame& frame, uint32_t seed) {
-    const int32_t type = frame.image().pixelType;
+    const float scale = frame.image().whitePoint / 250.0f;
     FillWith(frame.image(), [&](int32_t x, int32_t y, int32_t c) {
-        const uint32_t k = (x * 73856093u ^ y * 19349663u ^ (c + seed) * 83492791u) % 251u;
-        return type == PLPixelUChar ? float(k) : type == PLPixelUShort ? float(k * 261) : float(k) / 250.0f;
+        return ((x * 73856093u ^ y * 19349663u ^ (c + seed) * 83492791u) % 251u) * scale;
     });
 }
 

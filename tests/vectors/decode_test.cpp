@@ -1,5 +1,5 @@
-// Vector decoding (the encoding per pixel type, the alpha gate, flipped rows,
-// the silent refusals) and the user's vector scale on the flow.
+// Vector decoding (the encoding per pixel type, the alpha gate, the silent
+// refusals; flipped rows are RenderHostile's) and the user's scale on the flow.
 #include "vectors/decode.h"
 
 #include <gtest/gtest.h>
@@ -54,23 +54,6 @@ TEST(Decode, ValuesPerTypeAndTheAlphaGate) {
         const auto d = DecodeOne(k.m, k.type, k.r, k.g, k.b, k.a);
         EXPECT_EQ(Bits(d.first), Bits(k.dx)) << d.first;
         EXPECT_EQ(Bits(d.second), Bits(k.dy)) << d.second;
-    }
-}
-
-TEST(Decode, FlippedImagesPairLogicalRows) {
-    const int32_t w = 5, h = 40;  // enough rows for two threads
-    ThreadLimit threads(2);
-    const auto code = [](int32_t x, int32_t y, int32_t c) {
-        return c ? 255.0f : float(uint8_t(x * 7 + y * 31));
-    };
-    for (int32_t flipped = 0; flipped < 4; ++flipped) {
-        ImagePtr vectors = Pattern(w, h, 4, PLPixelUChar, code, flipped & 1);
-        ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat, flipped >> 1);
-        PLDecodeMotionVectors(127.0f, flow.get(), vectors.get());
-        for (int32_t y = 0; y < h; ++y)
-            for (int32_t x = 0; x < w; ++x)  // with M = 127 the value is exactly code - 127
-                ASSERT_EQ(Get<float>(*flow, x, y, 0), code(x, y, 0) - 127.0f)
-                    << flipped << " at " << x << "," << y;
     }
 }
 
