@@ -1,7 +1,6 @@
-// The property suite as a plug-in meets it: dimensions that grow, reset and
-// are set whole, and the status of every kind of mistake. Plain reads and
-// writes, the write log and concurrent reads serve every test through the
-// built module.
+// The property suite as a plug-in meets it: dimensions that grow and are set
+// whole, and the status of every kind of mistake. Plain reads and writes
+// serve every test through the built module.
 #include "property_set.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +30,7 @@ struct Sets : ::testing::Test {
 
 }  // namespace
 
-TEST_F(Sets, DimensionsGrowResetAndSetWhole) {
+TEST_F(Sets, DimensionsGrowAndSetWhole) {
     int n = -1;
     EXPECT_EQ(P.propSetString(h, "sv", 2, "c"), kOfxStatOK) << "a variable property grows";
     EXPECT_EQ(P.propGetDimension(h, "sv", &n), kOfxStatOK);
@@ -43,11 +42,6 @@ TEST_F(Sets, DimensionsGrowResetAndSetWhole) {
     EXPECT_EQ(P.propSetStringN(h, "sv", 2, two), kOfxStatOK);
     P.propGetDimension(h, "sv", &n);
     EXPECT_EQ(n, 2) << "the N form sets the whole property";
-
-    EXPECT_EQ(P.propReset(h, "sv"), kOfxStatOK);
-    EXPECT_EQ(set.values("sv"), std::vector<PropertyValue>{std::string("a")});
-    P.propGetDimension(h, "i2", &n);
-    EXPECT_EQ(n, 2);
 }
 
 TEST_F(Sets, MistakesGetTheirStatus) {
@@ -56,7 +50,6 @@ TEST_F(Sets, MistakesGetTheirStatus) {
     char* s = nullptr;
     EXPECT_EQ(P.propGetInt(h, "nope", 0, &i), kOfxStatErrUnknown);
     EXPECT_EQ(P.propSetInt(h, "nope", 0, 1), kOfxStatErrUnknown);
-    EXPECT_EQ(P.propReset(h, "nope"), kOfxStatErrUnknown);
     EXPECT_EQ(P.propGetDimension(h, "nope", &i), kOfxStatErrUnknown);
     EXPECT_EQ(P.propGetInt(h, nullptr, 0, &i), kOfxStatErrUnknown);
 
