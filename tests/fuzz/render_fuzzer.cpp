@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "plugin.h"
@@ -407,41 +408,27 @@ std::vector<unsigned char> inRegion(const ImageBuffer& b, const std::optional<Re
     return bytes;
 }
 
-// RGBA premultiplied apart from the plug-in's code: colour times alpha in
-// single precision; for integers alpha times the reciprocal of white as a
-// float, rounded by adding 0.5 in double precision and truncating.
-std::vector<unsigned char> premultiplied(std::vector<unsigned char> pixels, int element) {
-    for (size_t i = 0; i + 4 * element <= pixels.size(); i += 4 * element) {
-        unsigned char* p = &pixels[i];
-        if (element == 1) {
-            const float f = p[3] * 0.003921569f;
-            for (int c = 0; c < 3; ++c)
-                p[c] = static_cast<unsigned char>(static_cast<double>(p[c] * f) + 0.5);
-        } else if (element == 2) {
-            uint16_t v[4];
-            std::memcpy(v, p, sizeof v);
-            const float f = v[3] * 1.5259022e-05f;
-            for (int c = 0; c < 3; ++c) v[c] = static_cast<uint16_t>(static_cast<double>(v[c] * f) + 0.5);
-            std::memcpy(p, v, sizeof v);
-        } else {
-            float v[4];
-            std::memcpy(v, p, sizeof v);
-            for (int c = 0; c < 3; ++c) v[c] = v[c] * v[3];
-            std::memcpy(p, v, sizeof v);
+// Whether `after` is the RGBA pixels `before` premultiplied, computed apart
+// from the plug-in's code: colour times alpha in single precision, any NaN
+// equal to any other (the order of a product's operands decides which NaN it
+// carries); for integers alpha times the reciprocal of white as a float,
+// rounded by adding 0.5 in double precision and truncating.
+template <typename T>
+bool premultiplied(const std::vector<unsigned char>& before, const std::vector<unsigned char>& after,
+                   float reciprocal) {
+    for (size_t i = 0; i + 4 * sizeof(T) <= before.size(); i += 4 * sizeof(T)) {
+        T in[4], out[4];
+        std::memcpy(in, &before[i], sizeof in);
+        std::memcpy(out, &after[i], sizeof out);
+        for (int c = 0; c < 4; ++c) {
+            T expected = in[c];
+            if (c < 3 && std::is_floating_point_v<T>) expected = static_cast<T>(in[c] * in[3]);
+            if (c < 3 && !std::is_floating_point_v<T>)
+                expected = static_cast<T>(static_cast<double>(in[c] * (in[3] * reciprocal)) + 0.5);
+            if (std::memcmp(&expected, &out[c], sizeof(T)) != 0 &&
+                !(std::isnan(expected) && std::isnan(out[c])))
+                return false;
         }
-    }
-    return pixels;
-}
-
-// Equal element by element, any NaN equal to any other: the order of a
-// product's operands decides which NaN it carries.
-bool sameElements(const std::vector<unsigned char>& a, const std::vector<unsigned char>& b, int element) {
-    if (a.size() != b.size() || element != 4) return a == b;
-    for (size_t i = 0; i + 4 <= a.size(); i += 4) {
-        float x, y;
-        std::memcpy(&x, &a[i], 4);
-        std::memcpy(&y, &b[i], 4);
-        if (std::memcmp(&x, &y, 4) != 0 && !(std::isnan(x) && std::isnan(y))) return false;
     }
     return true;
 }
@@ -555,10 +542,13 @@ void runCase(const RenderCase& c) {
         expect(source.outsideUnchanged(),
                source.region ? "the Source was written outside its stated pixels" : "the Source was written");
         const std::vector<unsigned char> after = inRegion(*source.buffer, source.region);
-        if (source.region && after != source.inside)
-            expect(sameElements(after, premultiplied(source.inside, source.region->element),
-                                source.region->element),
-                   "the Source was written otherwise than premultiplied");
+        const int element = source.region ? source.region->element : 0;
+        const bool premultipliedInPlace =
+            element == 1   ? premultiplied<uint8_t>(source.inside, after, 0.003921569f)
+            : element == 2 ? premultiplied<uint16_t>(source.inside, after, 1.5259022e-05f)
+                           : premultiplied<float>(source.inside, after, 0.0f);
+        expect(after == source.inside || premultipliedInPlace,
+               "the Source was written otherwise than premultiplied");
     }
 
     expectBalanced(plugin.destroyInstance(), "destroy instance");
