@@ -1,45 +1,19 @@
 // Image files to and from the host's layout: rows turned over, channels
-// completed to RGBA, depth kept, straight alpha left alone, and a write that
-// either lands whole or leaves nothing.
+// completed to RGBA, depth kept, straight alpha left alone, a proxy scale,
+// and a write that either lands whole or leaves nothing.
 #include "image_file.h"
 
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "cli_rig.h"
 
 namespace {
 
-class ImageFileTest : public ToolFolder {
-  protected:
-    // A file whose sample (x, y, c), y from the top, is code(x, y, c).
-    template <typename T>
-    std::string WriteFile(const std::string& name, int w, int h, int channels, OIIO::TypeDesc type,
-                          T (*code)(int, int, int)) {
-        std::vector<T> px(static_cast<size_t>(w) * h * channels);
-        for (size_t i = 0; i < px.size(); ++i)
-            px[i] = code(static_cast<int>(i / channels % w), static_cast<int>(i / channels / w),
-                         static_cast<int>(i % channels));
-        OIIO::ImageSpec header(w, h, channels, type);
-        if (channels == 2) header.channelnames = {"Y", "A"}, header.alpha_channel = 1;
-        // PNG stores straight alpha: the codes go in as they are, not divided by alpha.
-        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0)
-            header.attribute("oiio:UnassociatedAlpha", 1);
-        header.attribute("Artist", "trelvo test");
-        WriteImage(dir_ + "/" + name, header, px.data());
-        return dir_ + "/" + name;
-    }
-};
-
-uint8_t Code8(int x, int y, int c) {
-    return static_cast<uint8_t>(10 * y + 3 * x + c);
-}
-uint16_t Code16(int x, int y, int c) {
-    return static_cast<uint16_t>(1000 * y + 7 * x + c + 1);
-}
-float CodeF(int x, int y, int c) {
+// Sample (x, y, c) of the files, y from the top, by depth.
+template <typename T>
+T Code(int x, int y, int c) {
+    if constexpr (sizeof(T) == 1) return static_cast<T>(10 * y + 3 * x + c);
+    if constexpr (sizeof(T) == 2) return static_cast<T>(1000 * y + 7 * x + c + 1);
     return 0.25f * y - 0.5f * x + c + 0.125f;
 }
 
@@ -50,105 +24,100 @@ T Sample(const HostPixels& im, int x, int yFromBottom, int c) {
     return v;
 }
 
-TEST_F(ImageFileTest, RowsTurnOverAndDepthFollowsTheFile) {
-    const int w = 5, h = 3;
-    auto check = [&](const std::string& name, OIIO::TypeDesc type, auto code, PixelDepth depth) {
-        using T = decltype(code(0, 0, 0));
-        std::string error;
+class ImageFileTest : public ToolFolder {
+  protected:
+    // Writes a file of Code<T> samples and reads it back.
+    template <typename T>
+    HostPixels WriteAndRead(const std::string& name, int w, int h, int channels, ReadSettings settings = {}) {
+        std::vector<T> px(static_cast<size_t>(w) * h * channels);
+        for (size_t i = 0; i < px.size(); ++i)
+            px[i] = Code<T>(int(i / channels % w), int(i / channels / w), int(i % channels));
+        const OIIO::TypeDesc type = sizeof(T) == 1   ? OIIO::TypeDesc::UINT8
+                                    : sizeof(T) == 2 ? OIIO::TypeDesc::UINT16
+                                                     : OIIO::TypeDesc::FLOAT;
+        OIIO::ImageSpec header(w, h, channels, type);
+        if (channels == 2) header.channelnames = {"Y", "A"}, header.alpha_channel = 1;
+        header.attribute("oiio:UnassociatedAlpha", 1);  // PNG's straight alpha: the codes as they are
+        header.attribute("Artist", "trelvo test");
+        WriteImage(dir_ + "/" + name, header, px.data());
         HostPixels im;
-        ASSERT_TRUE(readHostPixels(WriteFile<T>(name, w, h, 4, type, code), {}, im, error)) << error;
-        EXPECT_EQ(im.depth, depth) << name;
-        ASSERT_EQ(im.data.size(), w * h * 4 * sizeof(T)) << name;
-        for (int y = 0; y < h; ++y)
-            for (int x = 0; x < w; ++x)
+        std::string error;
+        EXPECT_TRUE(readHostPixels(dir_ + "/" + name, settings, im, error)) << error;
+        return im;
+    }
+};
+
+TEST_F(ImageFileTest, RowsTurnOverAndDepthFollowsTheFile) {
+    auto check = [&](const HostPixels& im, auto code, PixelDepth depth) {
+        EXPECT_EQ(im.depth, depth);
+        for (int y = 0; y < 3; ++y)
+            for (int x = 0; x < 5; ++x)
                 for (int c = 0; c < 4; ++c)
-                    ASSERT_EQ(Sample<T>(im, x, h - 1 - y, c), code(x, y, c)) << name << " " << x << y << c;
-        EXPECT_TRUE(depth != PixelDepth::Float || im.alpha == AlphaState::Premultiplied) << "an EXR's alpha";
+                    ASSERT_EQ(Sample<decltype(code)>(im, x, 2 - y, c), Code<decltype(code)>(x, y, c))
+                        << x << y << c;
     };
-    check("a.png", OIIO::TypeDesc::UINT8, Code8, PixelDepth::Byte);
-    check("b.tif", OIIO::TypeDesc::UINT16, Code16, PixelDepth::Short);
-    check("c.exr", OIIO::TypeDesc::FLOAT, CodeF, PixelDepth::Float);
+    check(WriteAndRead<uint8_t>("a.png", 5, 3, 4), uint8_t(), PixelDepth::Byte);
+    check(WriteAndRead<uint16_t>("b.tif", 5, 3, 4), uint16_t(), PixelDepth::Short);
+    const HostPixels exr = WriteAndRead<float>("c.exr", 5, 3, 4);
+    check(exr, float(), PixelDepth::Float);
+    EXPECT_EQ(exr.alpha, AlphaState::Premultiplied) << "an EXR's alpha";
 }
 
 TEST_F(ImageFileTest, ChannelsCompleteToRgbaOrAreRefusedByName) {
-    std::string error;
-    HostPixels im;
-    ASSERT_TRUE(readHostPixels(WriteFile<uint16_t>("rgb.tif", 2, 2, 3, OIIO::TypeDesc::UINT16, Code16), {},
-                               im, error));
+    HostPixels im = WriteAndRead<uint16_t>("rgb.tif", 2, 2, 3);
     EXPECT_EQ(im.alpha, AlphaState::Opaque);
-    EXPECT_EQ(Sample<uint16_t>(im, 1, 0, 2), Code16(1, 1, 2));
+    EXPECT_EQ(Sample<uint16_t>(im, 1, 0, 2), Code<uint16_t>(1, 1, 2));
     EXPECT_EQ(Sample<uint16_t>(im, 1, 0, 3), 65535);
+    im = WriteAndRead<uint8_t>("y.png", 2, 2, 1);
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(Sample<uint8_t>(im, 1, 1, c), c < 3 ? Code<uint8_t>(1, 0, 0) : 255);
+    im = WriteAndRead<float>("ya.exr", 2, 2, 2);
+    for (int c = 0; c < 4; ++c) EXPECT_EQ(Sample<float>(im, 0, 1, c), Code<float>(0, 0, c < 3 ? 0 : 1));
 
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<uint8_t>("y.png", 2, 2, 1, OIIO::TypeDesc::UINT8, Code8), {}, im, error));
-    for (int c = 0; c < 3; ++c) EXPECT_EQ(Sample<uint8_t>(im, 1, 1, c), Code8(1, 0, 0));
-    EXPECT_EQ(Sample<uint8_t>(im, 1, 1, 3), 255);
-
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<float>("ya.exr", 2, 2, 2, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
-    for (int c = 0; c < 3; ++c) EXPECT_EQ(Sample<float>(im, 0, 1, c), CodeF(0, 0, 0));
-    EXPECT_EQ(Sample<float>(im, 0, 1, 3), CodeF(0, 0, 1));
-
-    const std::string five = WriteFile<float>("five.exr", 2, 2, 5, OIIO::TypeDesc::FLOAT, CodeF);
-    EXPECT_FALSE(readHostPixels(five, {}, im, error));
-    EXPECT_NE(error.find(five), std::string::npos) << error;
-    EXPECT_NE(error.find("not RGB, RGBA, Y or YA"), std::string::npos) << error;
-
-    EXPECT_FALSE(readHostPixels(dir_ + "/none.exr", {}, im, error));
-    EXPECT_NE(error.find(dir_ + "/none.exr: No such file"), std::string::npos) << error;
-    std::FILE* junk = std::fopen((dir_ + "/junk.exr").c_str(), "w");
-    std::fputs("not an image", junk);
-    std::fclose(junk);
-    EXPECT_FALSE(readHostPixels(dir_ + "/junk.exr", {}, im, error));
-    EXPECT_NE(error.find("junk.exr: cannot read it"), std::string::npos) << error;
+    std::ofstream(dir_ + "/junk.exr") << "not an image";
+    WriteImage(dir_ + "/five.exr", OIIO::ImageSpec(2, 2, 5, OIIO::TypeDesc::FLOAT),
+               std::vector<float>(20).data());
+    for (const auto& [name, said] :
+         {std::pair{"five.exr", "five.exr: channels R, G, B, A, channel4 are not RGB, RGBA, Y or YA"},
+          {"none.exr", "none.exr: No such file"},
+          {"junk.exr", "junk.exr: cannot read it"}}) {
+        std::string error;
+        EXPECT_FALSE(readHostPixels(dir_ + "/" + name, {}, im, error));
+        EXPECT_THAT(error, HasSubstr(said));
+    }
 }
 
-// A straight-alpha PNG keeps its stored colour (OpenImageIO would multiply
-// it by alpha on its own) and says so; writing it back stores the same codes.
-TEST_F(ImageFileTest, StraightAlphaPassesThroughUntouched) {
-    auto code = [](int x, int, int c) -> uint8_t { return c == 3 ? static_cast<uint8_t>(x * 60) : 200; };
+TEST_F(ImageFileTest, WritingRoundTripsAlphaDepthAndMetadataAndLeavesNoPartialFile) {
+    // A straight-alpha PNG keeps its stored colour (OpenImageIO would multiply
+    // it by alpha on its own) and says so; written back, the same codes.
     std::string error;
-    HostPixels im;
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<uint8_t>("s.png", 4, 1, 4, OIIO::TypeDesc::UINT8, +code), {}, im, error));
+    HostPixels im = WriteAndRead<uint8_t>("s.png", 4, 2, 4), back;
     EXPECT_EQ(im.alpha, AlphaState::Unpremultiplied);
-    EXPECT_EQ(Sample<uint8_t>(im, 1, 0, 0), 200);
+    EXPECT_EQ(Sample<uint8_t>(im, 1, 0, 0), Code<uint8_t>(1, 1, 0));
     ASSERT_TRUE(writeHostPixels(dir_ + "/t.png", im, {}, error)) << error;
-    HostPixels back;
     ASSERT_TRUE(readHostPixels(dir_ + "/t.png", {}, back, error));
     EXPECT_EQ(back.data, im.data);
-}
 
-TEST_F(ImageFileTest, WriteRoundTripsDepthAndMetadataAndLeavesNoPartialFile) {
-    std::string error;
-    HostPixels im;
-    ASSERT_TRUE(
-        readHostPixels(WriteFile<float>("in.exr", 3, 2, 4, OIIO::TypeDesc::FLOAT, CodeF), {}, im, error));
+    im = WriteAndRead<float>("in.exr", 3, 2, 4);
     ASSERT_TRUE(writeHostPixels(dir_ + "/out.exr", im, {"", "piz"}, error)) << error;
-    HostPixels back;
     ASSERT_TRUE(readHostPixels(dir_ + "/out.exr", {}, back, error));
     EXPECT_EQ(back.data, im.data);
     EXPECT_EQ(back.fileHeader.get_string_attribute("compression"), "piz");
     EXPECT_EQ(back.fileHeader.get_string_attribute("Artist"), "trelvo test");
-
     ASSERT_TRUE(writeHostPixels(dir_ + "/half.exr", im, {"half", ""}, error)) << error;
     ASSERT_TRUE(readHostPixels(dir_ + "/half.exr", {}, back, error));
     EXPECT_EQ(back.fileHeader.format, OIIO::TypeDesc::HALF);
-    EXPECT_EQ(Sample<float>(back, 2, 0, 1), CodeF(2, 1, 1));  // exact in half
+    EXPECT_EQ(Sample<float>(back, 2, 0, 1), Code<float>(2, 1, 1));  // exact in half
     ASSERT_TRUE(writeHostPixels(dir_ + "/16.tif", im, {"16", ""}, error)) << error;
     ASSERT_TRUE(readHostPixels(dir_ + "/16.tif", {}, back, error));
     EXPECT_EQ(back.depth, PixelDepth::Short);
 
     EXPECT_FALSE(writeHostPixels(dir_ + "/missing/out.exr", im, {}, error));
-    EXPECT_NE(error.find(dir_ + "/missing/out.exr"), std::string::npos) << error;
+    EXPECT_THAT(error, HasSubstr(dir_ + "/missing/out.exr"));
     for (const std::string& name : Listing(dir_)) EXPECT_EQ(name.find("partial"), std::string::npos) << name;
 }
 
 TEST_F(ImageFileTest, ProxyScalesTheImage) {
-    std::string error;
-    HostPixels im;
-    const std::string path = WriteFile<uint8_t>("p.png", 10, 6, 4, OIIO::TypeDesc::UINT8, Code8);
-    ASSERT_TRUE(readHostPixels(path, {0.5, true, {}}, im, error)) << error;
+    const HostPixels im = WriteAndRead<uint8_t>("p.png", 10, 6, 4, {0.5, true, {}});
     EXPECT_EQ(im.width, 5);
     EXPECT_EQ(im.height, 3);
     EXPECT_EQ(im.depth, PixelDepth::Byte);
