@@ -8,16 +8,19 @@
 #include <OpenImageIO/imageio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
@@ -58,6 +61,19 @@ inline Outcome RunTool(const char* binary, std::vector<std::string> args,
     int wstatus = 0;
     waitpid(pid, &wstatus, 0);
     run.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 128 + WTERMSIG(wstatus);
+    return run;
+}
+
+// Runs the tool and sends it Ctrl-C `delayMs` after it first says `cue`.
+inline Outcome Interrupted(const char* binary, std::vector<std::string> args, const std::string& cue,
+                           int delayMs = 0) {
+    bool sent = false;
+    const Outcome run = RunTool(binary, std::move(args), [&](pid_t pid, const std::string& err) {
+        if (sent || err.find(cue) == std::string::npos) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        sent = kill(pid, SIGINT) == 0;
+    });
+    EXPECT_TRUE(sent) << run.err;
     return run;
 }
 

@@ -1,11 +1,7 @@
 // trelvo-render end to end, as a compositor or a render farm runs it: small
 // generated sequences, the process's exit status and its messages, and what
 // lands in the output folder.
-#include <signal.h>
 #include <sys/stat.h>
-
-#include <chrono>
-#include <thread>
 
 #include "cli_rig.h"
 
@@ -28,13 +24,15 @@ class RenderCli : public ToolFolder {
         }
     }
     // The shot rendered into out/res.####.png; later options win.
-    Outcome Render(const std::vector<std::string>& extra,
-                   const std::function<void(pid_t, const std::string&)>& whileRunning = nullptr) {
+    std::vector<std::string> Args(const std::vector<std::string>& extra) const {
         std::vector<std::string> args = {"--source",  dir_ + "/src.####.png",
                                          "--vectors", dir_ + "/vec.%04d.tif",
                                          "--output",  dir_ + "/out/res.####.png"};
         args.insert(args.end(), extra.begin(), extra.end());
-        return RunTool(TRELVO_RENDER_BINARY, args, whileRunning);
+        return args;
+    }
+    Outcome Render(const std::vector<std::string>& extra) {
+        return RunTool(TRELVO_RENDER_BINARY, Args(extra));
     }
     std::string Format(const std::string& path) {
         OIIO::ImageBuf written(path);
@@ -100,16 +98,9 @@ TEST_F(RenderCli, RefusalsNameTheProblemBeforeAnyFrame) {
 // host, the frame is not written, nothing partial stays behind.
 TEST_F(RenderCli, SigintInsideAFrameLeavesNoPartialFile) {
     WriteShot({1, 2}, 900, 300, 1000.0f, 1000.0f);
-    bool sent = false;
-    const Outcome run = Render({"--max-displace", "1000", "--amount", "10", "--threads", "1"},
-                               [&](pid_t pid, const std::string& err) {
-                                   if (!sent && err.find("frame 1 (1/2) rendering") != std::string::npos) {
-                                       std::this_thread::sleep_for(std::chrono::milliseconds(300));
-                                       kill(pid, SIGINT);
-                                       sent = true;
-                                   }
-                               });
-    ASSERT_TRUE(sent) << run.err;
+    const Outcome run = Interrupted(TRELVO_RENDER_BINARY,
+                                    Args({"--max-displace", "1000", "--amount", "10", "--threads", "1"}),
+                                    "frame 1 (1/2) rendering", 300);
     ExpectRefused(run, "interrupted", 130);
     EXPECT_EQ(run.err.find("-> "), std::string::npos) << "no frame finished: " << run.err;
 }
