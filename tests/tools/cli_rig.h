@@ -127,7 +127,7 @@ inline void WriteClaimingPpm(const std::string& path, uint32_t width, uint32_t h
 // Every sample of an image file as float, rows from the top.
 inline std::vector<float> FilePixels(const std::string& path) {
     OIIO::ImageBuf image(path);
-    std::vector<float> px(image.spec().image_pixels() * image.spec().nchannels);
+    std::vector<float> px(image.nativespec().image_pixels() * image.nativespec().nchannels);
     EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data()))
         << path << ": " << image.geterror();
     return px;

@@ -31,10 +31,10 @@ class FromFootage : public ToolFolder {
 // known and within 0.1 px of (dx, dy), decoded with the M its file says.
 double ShareNear(const std::string& path, double dx, double dy) {
     OIIO::ImageBuf clip(path);
-    const float m = clip.spec().get_float_attribute("trelvo:MaxDisplace", 0.0f);
+    const float m = clip.nativespec().get_float_attribute("trelvo:MaxDisplace", 0.0f);
     EXPECT_GT(m, 0.0f) << path;
     const std::vector<float> px = FilePixels(path);
-    const int w = clip.spec().width, h = clip.spec().height;
+    const int w = clip.nativespec().width, h = clip.nativespec().height;
     int inside = 0, near = 0;
     for (int y = 8; y < h - 8; ++y)
         for (int x = 8; x < w - 8; ++x, ++inside) {
@@ -60,8 +60,8 @@ TEST_F(FromFootage, RenderingBlursExactlyAsTheClipTrelvoVectorsWrites) {
     ASSERT_EQ(run.status, 0) << run.err;
     ASSERT_THAT(run.err, HasSubstr("Max Displacement: 4\n"));
     OIIO::ImageBuf look(Seq("out/look", 4, "png"));
-    EXPECT_EQ(look.spec().width, 96);
-    EXPECT_EQ(look.spec().format, OIIO::TypeDesc::UINT8);
+    EXPECT_EQ(look.nativespec().width, 96);
+    EXPECT_EQ(look.nativespec().format, OIIO::TypeDesc::UINT8);
     run = Run(true, {"--vectors", "estimate", "--estimate-preset", "fast", "--output",
                      dir_ + "/out/a.####.exr", "--amount", "1"});
     ASSERT_EQ(run.status, 0) << run.err;

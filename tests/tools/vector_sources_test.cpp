@@ -159,7 +159,8 @@ TEST_F(VectorSources, ABlenderRenderBlursLikeTheSameVectorsEncoded) {
     EXPECT_EQ(code[0], 54270);  // 32767 * (1 + 5.25 / 8) = 54270.34
     EXPECT_EQ(code[1], 22527);  // 32767 * (1 - 2.5 / 8) = 22527.31
     EXPECT_EQ(code[3], 65535);
-    EXPECT_THAT(png.spec().get_string_attribute("ImageDescription"), HasSubstr("Max Displacement 8 px"));
+    EXPECT_THAT(png.nativespec().get_string_attribute("ImageDescription"),
+                HasSubstr("Max Displacement 8 px"));
 }
 
 TEST_F(VectorSources, APassInPixelsWithYDownAndAMaskBlursLikeTheSameVectorsEncoded) {
