@@ -1,7 +1,5 @@
-// The command-line tools run as a user runs them, for the end-to-end tests:
-// the process started with its output on a pipe, its exit status, and a
-// scratch folder (with an "out" folder inside) that is gone afterwards; and
-// image files written and read whole through OpenImageIO.
+// The command-line tools run as a user runs them, in a scratch folder (with
+// an "out" folder inside) that is gone afterwards; image files through OpenImageIO.
 #pragma once
 
 #include <OpenImageIO/imagebuf.h>

@@ -1,6 +1,5 @@
-// The demo shot's vectors, handed over as an OFX host hands them (rows from
-// the bottom up) and decoded by the plug-in's own decoder, give back the
-// motion the generator drew: dx to the right, dy up the picture.
+// The demo shot's vectors, bottom row first and decoded by the plug-in's
+// decoder, give back the motion drawn: dx to the right, dy up the picture.
 #include "demo_shot.h"
 
 #include <gtest/gtest.h>

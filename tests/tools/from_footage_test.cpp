@@ -1,8 +1,5 @@
-// Vectors from plain footage, end to end: synthetic footage with known
-// motion, its motion estimated by trelvo-render --vectors estimate and by
-// trelvo-vectors. The render blurs exactly as the clip trelvo-vectors
-// writes; neighbours outside the frames asked for are used, the ends are
-// one-sided; what doesn't fit is refused; Ctrl-C leaves nothing.
+// Vectors estimated from footage with known motion, by trelvo-render
+// --vectors estimate and by trelvo-vectors, end to end.
 #include <cmath>
 
 #include "cli_rig.h"

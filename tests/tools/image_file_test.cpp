@@ -1,10 +1,5 @@
-// Image files to and from the host's layout: rows turned over, channels
-// completed to RGBA, depth kept, straight alpha left alone, a proxy scale,
-// and a write that either lands whole or leaves nothing. Files whose headers
-// claim absurd sizes: refused, naming the file, before anything of that size
-// is allocated (a truncated file would otherwise have its whole claimed frame
-// allocated before the read fails, and OpenEXR allocates an attribute's stated
-// size before reading it).
+// Image files to and from the host's layout, and headers claiming absurd
+// sizes refused, naming the file, before anything of that size is allocated.
 #include "image_file.h"
 
 #include <cstring>

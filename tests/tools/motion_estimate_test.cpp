@@ -1,6 +1,5 @@
-// Motion estimated from synthetic footage whose motion is known exactly:
-// accuracy and orientation, the consistency check's holes, small fast
-// objects, the sequence's reuse of its pairs, and the preview's colours.
+// Motion estimated from synthetic footage with exactly known motion, and the
+// preview's colours.
 #include "motion_estimate.h"
 
 #include <gmock/gmock.h>

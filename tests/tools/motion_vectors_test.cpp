@@ -1,7 +1,5 @@
-// Motion in pixels on its way to the plug-in: a renderer's pass turned into
-// our orientation, the choice of Max Displacement, the 16-bit encoding against
-// the plug-in's own decoding rule, the reasons a clip has no known vector,
-// and channels found by name in a real Blender render and a multi-part file.
+// Motion in pixels on its way to the plug-in: renderers' conventions, the
+// encoding, and channels found by name in a real Blender render and in parts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,6 +1,4 @@
-// trelvo-render end to end, as a compositor or a render farm runs it: small
-// generated sequences, the process's exit status and its messages, and what
-// lands in the output folder.
+// trelvo-render end to end: exit status, messages, and the output folder.
 #include <sys/stat.h>
 
 #include "cli_rig.h"

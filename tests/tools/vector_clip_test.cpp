@@ -1,6 +1,5 @@
-// trelvo-vectors' job: costly motion (estimated from footage) is made once
-// for the two passes, kept in a temporary file that leaves nothing behind,
-// and the clip written from what was kept is the clip written afresh.
+// trelvo-vectors' job: costly motion is made once for the two passes, kept in
+// a temporary file that leaves nothing, and gives the clip made afresh.
 #include "vector_clip.h"
 
 #include <map>
