@@ -1,6 +1,5 @@
-// The blend: the stores and clears of the four-channel row worker in each
-// pixel type, the shortcuts and quiet refusals of the driver, and the older
-// single-threaded blend's table from two threads at once.
+// The blend: stores and clears in each pixel type, shortcuts and quiet
+// refusals, threads, and the older blend's table from two threads at once.
 #include <cmath>
 #include <thread>
 
@@ -9,62 +8,40 @@
 
 namespace {
 
-// A row of four-channel pixels, one {r, g, b, a} per column, and one read back.
-ImagePtr Pixels(int32_t type, std::vector<std::vector<float>> pixels) {
-    return Pattern(static_cast<int32_t>(pixels.size()), 1, 4, type,
-                   [&](int32_t x, int32_t, int32_t c) { return pixels[x][c]; });
-}
-
-std::vector<float> Pixel(const PLImage& image, int32_t x) {
-    return {Value(image, x, 0, 0), Value(image, x, 0, 1), Value(image, x, 0, 2), Value(image, x, 0, 3)};
+// A w x 1 four-channel image, every pixel {r, g, b, a}.
+ImagePtr Pixel(int32_t type, const float (&rgba)[4], int32_t w = 1) {
+    return Pattern(w, 1, 4, type, [&](int32_t, int32_t, int32_t c) { return rgba[c]; });
 }
 
 TEST(BlendMP, StoresRoundColoursTruncateAlphaAndClearWithoutAlpha) {
+    const int32_t U8 = PLPixelUChar, U16 = PLPixelUShort, F = PLPixelFloat;
+    const auto e = [](float a, float b) { return (a - b) * -2.0f + b; };  // float colours don't clamp
     const struct {
         const char* what;
         int32_t type;
-        float t;
-        std::vector<float> first, second, want;
+        float t, first[4], second[4], want[4];
     } cases[] = {
         // 255 + (250 - 255) * 0.06 = 254.7 rounds in colour, truncates in alpha.
-        {"8-bit rounding", PLPixelUChar, 0.06f, {250, 0, 255, 250}, {255, 0, 255, 255}, {255, 0, 255, 254}},
-        {"colours clamp at both ends, alpha at white",
-         PLPixelUChar,
-         -1.0f,
-         {100, 120, 60, 100},
-         {250, 20, 60, 200},
-         {255, 0, 60, 255}},
-        {"alpha below zero clears", PLPixelUChar, -1.0f, {90, 90, 90, 100}, {10, 10, 10, 10}, {0, 0, 0, 0}},
-        {"alpha at zero clears", PLPixelUChar, -1.0f, {30, 40, 50, 100}, {90, 90, 90, 50}, {0, 0, 0, 0}},
-        {"16-bit rounding",
-         PLPixelUShort,
-         0.06f,
-         {65530, 1000, 0, 65530},
-         {65535, 3000, 0, 65535},
-         {65535, 2880, 0, 65534}},
-        {"16-bit no alpha", PLPixelUShort, 0.06f, {7, 7, 7, 0}, {7, 7, 7, 0}, {0, 0, 0, 0}},
-        // Float colours are not clamped; alpha stops at white.
-        {"float",
-         PLPixelFloat,
-         -2.0f,
-         {0.85f, 0.3f, 2.5f, 0.85f},
-         {1.0f, 0.1f, 0.5f, 1.0f},
-         {(0.85f - 1.0f) * -2.0f + 1.0f, (0.3f - 0.1f) * -2.0f + 0.1f, (2.5f - 0.5f) * -2.0f + 0.5f, 1.0f}},
+        {"8-bit round", U8, 0.06f, {250, 0, 255, 250}, {255, 0, 255, 255}, {255, 0, 255, 254}},
+        {"8-bit clamps, alpha at white", U8, -1, {100, 120, 60, 100}, {250, 20, 60, 200}, {255, 0, 60, 255}},
+        {"alpha below zero clears", U8, -1, {90, 90, 90, 100}, {10, 10, 10, 10}, {0, 0, 0, 0}},
+        {"alpha at zero clears", U8, -1, {30, 40, 50, 100}, {90, 90, 90, 50}, {0, 0, 0, 0}},
+        {"16-bit", U16, .06f, {65530, 1000, 0, 65530}, {65535, 3000, 0, 65535}, {65535, 2880, 0, 65534}},
+        {"16-bit no alpha", U16, 0.06f, {7, 7, 7, 0}, {7, 7, 7, 0}, {0, 0, 0, 0}},
+        {"float", F, -2, {.8f, .3f, 2.5f, .8f}, {1, .1f, .5f, 1}, {e(.8f, 1), e(.3f, .1f), e(2.5f, .5f), 1}},
     };
     for (const auto& c : cases) {
-        ImagePtr first = Pixels(c.type, {c.first});
-        ASSERT_TRUE(PLBlendMP(c.t, first.get(), Pixels(c.type, {c.second}).get()));
-        EXPECT_EQ(Pixel(*first, 0), c.want) << c.what;
+        ImagePtr first = Pixel(c.type, c.first);
+        ASSERT_TRUE(PLBlendMP(c.t, first.get(), Pixel(c.type, c.second).get()));
+        for (int32_t ch = 0; ch < 4; ++ch)
+            EXPECT_EQ(Value(*first, 0, 0, ch), c.want[ch]) << c.what << " " << ch;
     }
 }
 
 TEST(BlendMP, ShortcutsQuietRefusalsAndThreads) {
-    auto pattern = [](int k) {
-        return Pattern(5, 3, 4, PLPixelUChar, [=](int32_t x, int32_t y, int32_t c) {
-            return k > 0 ? 3 * (x * 4 + c) + y : 200 - 5 * (x * 4 + c) - y;
-        });
-    };
-    ImagePtr first = pattern(1), second = pattern(-1);
+    ImagePtr first = MakeImage(5, 3, 4, PLPixelUChar), second = MakeImage(5, 3, 4, PLPixelUChar);
+    Scribble(*first, 1);
+    Scribble(*second, 2);
     const std::vector<uint8_t> before = RowBytes(*first);
     ImagePtr wider = MakeImage(6, 3, 4, PLPixelUChar), flipped = MakeImage(5, 3, 4, PLPixelUChar, 1),
              three = MakeImage(5, 3, 3, PLPixelUChar);
@@ -83,22 +60,20 @@ TEST(BlendMP, ShortcutsQuietRefusalsAndThreads) {
     EXPECT_EQ(RowBytes(*first), std::vector<uint8_t>(5 * 3 * 4, 255));
 
     std::vector<uint8_t> results[2];
+    ImagePtr b = MakeImage(30, 64, 4, PLPixelFloat);
+    FillNoise(*b, 2);
     for (int32_t threads = 1; threads <= 2; ++threads) {
         ThreadLimit limit(threads);
-        ImagePtr a = Pattern(30, 64, 4, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) {
-            return ((x * 7 + y * 3 + c) % 17) / 16.0f;
-        });
-        ImagePtr b = Pattern(30, 64, 4, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) {
-            return ((x * 5 + y * 11 + c) % 13) / 12.0f;
-        });
+        ImagePtr a = MakeImage(30, 64, 4, PLPixelFloat);
+        FillNoise(*a, 1);
         PLBlendMP(-0.7f, a.get(), b.get());
         results[threads - 1] = RowBytes(*a);
     }
     EXPECT_EQ(results[0], results[1]) << "one thread against two";
 }
 
-// The single-threaded blend is kept for completeness, off the plug-in's path;
-// of it stays what a fault in its shared table would break.
+// The single-threaded blend is off the plug-in's path; what stays is what a
+// fault in its shared table would break.
 TEST(Blend, ConcurrentCallersEachGetTheirOwnTable) {
     auto run = [](float t, std::vector<uint8_t>* result) {
         ImagePtr second =
@@ -106,10 +81,8 @@ TEST(Blend, ConcurrentCallersEachGetTheirOwnTable) {
         for (int repeat = 0; repeat < 20; ++repeat) {
             ImagePtr work = Pattern(256, 64, 3, PLPixelUChar, [](int32_t x, int32_t, int32_t) { return x; });
             PLBlend(t, work.get(), second.get(), 1);
-            if (repeat == 0)
-                *result = RowBytes(*work);
-            else if (RowBytes(*work) != *result)
-                return result->clear();
+            if (repeat == 0) *result = RowBytes(*work);
+            if (RowBytes(*work) != *result) return result->clear();
         }
     };
     std::vector<uint8_t> alone[2], together[2];

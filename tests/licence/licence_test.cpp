@@ -27,29 +27,28 @@ TEST(DemoImprint, ShowsOnDarkAndBrightPicturesInEveryFormatAndStaysInside) {
     for (int32_t type : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
         for (int32_t channels = 1; channels <= 4; ++channels)
             for (auto [w, h] : {std::pair{1, 1}, {2, 3}, {64, 40}, {300, 7}, {9, 200}}) {
-                const std::string where = "type " + std::to_string(type) + ", " + std::to_string(channels) +
-                                          " channels, " + std::to_string(w) + "x" + std::to_string(h);
+                SCOPED_TRACE(testing::Message()
+                             << "type " << type << ", " << channels << " channels, " << w << "x" << h);
                 OutsideImage dark(w, h, channels, type), bright(w, h, channels, type);
                 const float white = dark.image.whitePoint;
                 FillWith(dark.image, [](int32_t, int32_t, int32_t) { return 0.0f; });
                 FillWith(bright.image, [&](int32_t, int32_t, int32_t) { return white; });
                 TrelvoDemoImprint(&dark.image, 1.0f);
                 TrelvoDemoImprint(&bright.image, 1.0f);
-                EXPECT_TRUE(dark.GuardsIntact() && bright.GuardsIntact()) << where;
-                bool lighter = false, darker = false;
+                EXPECT_TRUE(dark.GuardsIntact() && bright.GuardsIntact());
+                bool lighter = false, darker = false, inRange = true, alphaStays = true;
                 for (int32_t y = 0; y < h; ++y)
                     for (int32_t x = 0; x < w; ++x) {
                         lighter = lighter || Value(dark.image, x, y) > 0.0f;
                         darker = darker || Value(bright.image, x, y) < white;
                         for (int32_t c = 0; c < channels; ++c)
-                            ASSERT_TRUE(Value(dark.image, x, y, c) >= 0.0f &&
-                                        Value(dark.image, x, y, c) <= white)
-                                << where;
-                        ASSERT_TRUE(channels < 4 || Value(bright.image, x, y, 3) == white)
-                            << where << ": alpha stays";
+                            inRange = inRange && Value(dark.image, x, y, c) >= 0.0f &&
+                                      Value(dark.image, x, y, c) <= white;
+                        alphaStays = alphaStays && (channels < 4 || Value(bright.image, x, y, 3) == white);
                     }
-                EXPECT_TRUE(darker) << where << ": the plate shows on white";
-                EXPECT_TRUE(lighter || w * h <= 6) << where << ": letters or bands show on black";
+                EXPECT_TRUE(inRange && alphaStays);
+                EXPECT_TRUE(darker) << "the plate shows on white";
+                EXPECT_TRUE(lighter || w * h <= 6) << "letters or bands show on black";
             }
 }
 
@@ -73,9 +72,8 @@ TEST(DemoImprint, StrengthAndUnsupportedImages) {
     TrelvoDemoImprint(&empty, 1.0f);
 }
 
-// Rows count upwards in a host's image, so the top of the letters lies at the
-// higher rows. Of D, E, M, O only the M differs between its halves, and its
-// upper half has more lit cells.
+// Rows count upwards in a host's image: of D, E, M, O only the M differs
+// between its halves, and its upper half, at the higher rows, has more lit cells.
 TEST(DemoImprint, LettersStandUprightInTheHostsRowOrder) {
     ImagePtr dark = MakeImage(230, 70, 1, PLPixelUChar);
     FillBytes(*dark, 0);

@@ -1,8 +1,6 @@
-// Part of a test module: registers kqmp_shutdown to run at the module's unload
-// from a static initialiser, as the plug-in's shell does with atexit. The
-// registration names the module's handle itself: what atexit does inside a
-// shared object, but a thread sanitizer's interceptor of atexit drops the
-// handle and would run the routine after the module is gone.
+// Part of a test module: registers kqmp_shutdown at the module's unload, as the
+// shell does with atexit, naming the module's handle itself (a thread
+// sanitizer's atexit drops it and would run the routine after the unload).
 #include "mp/kqmp.h"
 
 extern "C" int __cxa_atexit(void (*routine)(void*), void* argument, void* module);

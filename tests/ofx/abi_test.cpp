@@ -1,7 +1,6 @@
 // What a typo in our OFX declarations would break and no test through our own
-// host could see (it shares the headers): the size of each record a host and
-// the plug-in exchange, the offsets of the members we call or fill in, and the
-// status numbers. The headers compile alone: ofx_headers_standalone.
+// host (it shares the headers) could see: record sizes, the offsets of members
+// we call or fill in, status numbers. ofx_headers_standalone compiles each alone.
 #include <gtest/gtest.h>
 
 #include <cstddef>

@@ -1,25 +1,28 @@
-// The command-line tools run as a user runs them, for the end-to-end tests:
-// the process started with its output on a pipe, its exit status, and a
-// scratch folder (with an "out" folder inside) that is gone afterwards; and
-// image files written and read whole through OpenImageIO.
+// The command-line tools run as a user runs them, in a scratch folder (with
+// an "out" folder inside) that is gone afterwards; image files through OpenImageIO.
 #pragma once
 
 #include <OpenImageIO/imagebuf.h>
 #include <OpenImageIO/imageio.h>
-#include <dirent.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char** environ;
+using ::testing::HasSubstr;
 
 struct Outcome {
     int status = -1;  // exit status, or 128 + signal
@@ -59,33 +62,47 @@ inline Outcome RunTool(const char* binary, std::vector<std::string> args,
     return run;
 }
 
+// Runs the tool and sends it Ctrl-C `delayMs` after it first says `cue`.
+inline Outcome Interrupted(const char* binary, std::vector<std::string> args, const std::string& cue,
+                           int delayMs = 0) {
+    bool sent = false;
+    const Outcome run = RunTool(binary, std::move(args), [&](pid_t pid, const std::string& err) {
+        if (sent || err.find(cue) == std::string::npos) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+        sent = kill(pid, SIGINT) == 0;
+    });
+    EXPECT_TRUE(sent) << run.err;
+    return run;
+}
+
 class ToolFolder : public ::testing::Test {
   protected:
     void SetUp() override {
         char folder[] = "/tmp/trelvo-tools-cli-XXXXXX";
         ASSERT_NE(mkdtemp(folder), nullptr);
         dir_ = folder;
-        ASSERT_EQ(mkdir((dir_ + "/out").c_str(), 0777), 0);
+        std::filesystem::create_directory(dir_ + "/out");
     }
-    void TearDown() override {
-        for (const char* sub : {"/out", ""}) {
-            for (const std::string& name : Listing(dir_ + sub))
-                std::remove((dir_ + sub + "/" + name).c_str());
-        }
-        rmdir((dir_ + "/out").c_str());
-        rmdir(dir_.c_str());
-    }
+    void TearDown() override { std::filesystem::remove_all(dir_); }
     // The files of a folder, sorted, without "out".
     static std::vector<std::string> Listing(const std::string& folder) {
         std::vector<std::string> names;
-        DIR* d = opendir(folder.c_str());
-        while (dirent* e = d ? readdir(d) : nullptr)
-            if (std::string(e->d_name) != "." && std::string(e->d_name) != ".." &&
-                std::string(e->d_name) != "out")
-                names.push_back(e->d_name);
-        if (d) closedir(d);
+        for (const auto& entry : std::filesystem::directory_iterator(folder))
+            if (entry.path().filename() != "out") names.push_back(entry.path().filename());
         std::sort(names.begin(), names.end());
         return names;
+    }
+    // The file of `frame` in a sequence of the scratch folder: stem.0007.ext.
+    std::string Seq(const std::string& stem, int frame, const std::string& ext = "exr") const {
+        char number[16];
+        std::snprintf(number, sizeof number, ".%04d.", frame);
+        return dir_ + "/" + stem + number + ext;
+    }
+    // The tool stopped with `status`, said `said`, and wrote nothing.
+    void ExpectRefused(const Outcome& run, const std::string& said, int status = 2) const {
+        EXPECT_EQ(run.status, status) << run.err;
+        EXPECT_THAT(run.err, HasSubstr(said));
+        EXPECT_TRUE(Listing(dir_ + "/out").empty()) << run.err;
     }
     std::string dir_;
 };
@@ -97,15 +114,19 @@ inline void WriteImage(const std::string& path, const OIIO::ImageSpec& header, c
         << path;
 }
 
+// A PPM file whose header claims an RGB frame of width x height, holding a
+// few bytes of it.
+inline void WriteClaimingPpm(const std::string& path, uint32_t width, uint32_t height) {
+    std::ofstream(path, std::ios::binary) << "P6\n"
+                                          << width << " " << height << "\n255\n"
+                                          << std::string(64, 'x');
+}
+
 // Every sample of an image file as float, rows from the top.
 inline std::vector<float> FilePixels(const std::string& path) {
     OIIO::ImageBuf image(path);
-    std::vector<float> px;
-    if (!image.init_spec(path, 0, 0)) {
-        ADD_FAILURE() << path << ": " << image.geterror();
-        return px;
-    }
-    px.resize(image.nativespec().image_pixels() * image.nativespec().nchannels);
-    EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data())) << path;
+    std::vector<float> px(image.nativespec().image_pixels() * image.nativespec().nchannels);
+    EXPECT_TRUE(image.get_pixels(image.roi(), OIIO::TypeDesc::FLOAT, px.data()))
+        << path << ": " << image.geterror();
     return px;
 }

@@ -1,17 +1,16 @@
-// Motion estimated from synthetic footage whose motion is known exactly:
-// accuracy, the consistency check's holes, a small fast object, orientation,
-// and the sequence's reuse of its pairs.
+// Motion estimated from synthetic footage with exactly known motion, and the
+// preview's colours.
 #include "motion_estimate.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
 #include <limits>
 #include <map>
-#include <string>
-#include <vector>
 
+#include "flow_preview.h"
 #include "moving_texture.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -23,6 +22,8 @@ static const bool kOpenCVSerial = (cv::setNumThreads(1), true);
 
 namespace {
 
+using Where = std::function<bool(int i, int j)>;
+
 struct Shot {
     MovingScene scene;
     std::vector<HostPixels> frames;
@@ -30,7 +31,6 @@ struct Shot {
     Shot(const MovingScene& s, int count, PixelDepth depth = PixelDepth::Float) : scene(s) {
         for (int t = 0; t < count; ++t) frames.push_back(RenderScene(scene, t, depth));
     }
-
     RawVectors motion(int t, const MotionEstimateSettings& settings = {}) const {
         RawVectors motion;
         std::string error;
@@ -45,8 +45,7 @@ struct Shot {
 
 // Share of the pixels chosen by `where` whose vector is known and within
 // `tolerance` of (dx, dy); holes count against it.
-double ShareNear(const RawVectors& motion, double dx, double dy, double tolerance,
-                 const std::function<bool(int i, int j)>& where) {
+double ShareNear(const RawVectors& motion, double dx, double dy, double tolerance, const Where& where) {
     size_t chosen = 0, near = 0;
     for (int j = 0; j < motion.height; ++j)
         for (int i = 0; i < motion.width; ++i) {
@@ -59,10 +58,11 @@ double ShareNear(const RawVectors& motion, double dx, double dy, double toleranc
     return chosen ? double(near) / double(chosen) : 0.0;
 }
 
-double ShareOfHoles(const RawVectors& motion, const std::function<bool(int i, int j)>& where) {
+double ShareOfHoles(const RawVectors& motion, const Where& where) {
     return 1.0 - ShareNear(motion, 0, 0, std::numeric_limits<double>::infinity(), where);
 }
 
+// A flipped y or rows read top down would turn dy over.
 TEST(MotionEstimate, SubPixelTranslationInEveryDepth) {
     struct Case {
         double vx, vy;
@@ -83,18 +83,18 @@ TEST(MotionEstimate, SubPixelTranslationInEveryDepth) {
     }
 }
 
-TEST(MotionEstimate, HolesWhereOnlyOneFrameSeesTheBackground) {
-    // A disc moving right over a still background. What it is about to cover
-    // has no match in the next frame, what it has uncovered none in the
-    // previous one. Pixels within 3 of an outline are left out: the flow
-    // blurs an edge over a few pixels.
+// A disc moving right over a still background: what it is about to cover has
+// no match in the next frame, what it has uncovered none in the previous one.
+// The sequence of the same frames reads each once and gives the same fields.
+TEST(MotionEstimate, HolesWhereOnlyOneFrameSeesTheBackgroundAndTheSequence) {
     MovingScene scene;
     scene.width = 160;
     scene.height = 112;
     scene.discs.push_back(MovingDisc{50, 56, 24, 12, 0, 7});
     const Shot shot(scene, 3);
+    // Pixels within 3 of an outline are left out: the flow blurs an edge.
     const auto clear = [&](int t, int i, int j) { return DistanceToOutline(scene, t, i, j) > 3; };
-    const auto backgroundNowDiscAt = [&](int now, int then) {
+    const auto backgroundNowDiscAt = [&](int now, int then) -> Where {
         return [&, now, then](int i, int j) {
             return DiscAt(scene, now, i, j) < 0 && clear(now, i, j) && DiscAt(scene, then, i, j) == 0 &&
                    clear(then, i, j);
@@ -105,25 +105,35 @@ TEST(MotionEstimate, HolesWhereOnlyOneFrameSeesTheBackground) {
             if (DiscAt(scene, t, i, j) >= 0 || DistanceToOutline(scene, t, i, j) < 12) return false;
         return true;
     };
-
-    // First frame, forward only: background that frame 1 covers is a hole.
-    const RawVectors first = shot.motion(0);
-    EXPECT_GT(ShareOfHoles(first, backgroundNowDiscAt(0, 1)), 0.75);
-    // Last frame, backward only: background that frame 1 covered is a hole.
-    const RawVectors last = shot.motion(2);
-    EXPECT_GT(ShareOfHoles(last, backgroundNowDiscAt(2, 1)), 0.75);
-    // Neither on the still background away from the disc.
-    for (const RawVectors* motion : {&first, &last})
-        EXPECT_GT(ShareNear(*motion, 0, 0, 0.25, farFromDisc), 0.99);
-
+    const RawVectors motion[3] = {shot.motion(0), shot.motion(1), shot.motion(2)};
+    // At the ends, one-sided: background the disc covers (first) or has
+    // uncovered (last) is a hole; the still background away from it is not.
+    EXPECT_GT(ShareOfHoles(motion[0], backgroundNowDiscAt(0, 1)), 0.75);
+    EXPECT_GT(ShareOfHoles(motion[2], backgroundNowDiscAt(2, 1)), 0.75);
+    for (int t : {0, 2}) EXPECT_GT(ShareNear(motion[t], 0, 0, 0.25, farFromDisc), 0.99) << t;
     // In the middle, each of those regions is seen on one side and takes the
     // background's motion from there.
-    const RawVectors middle = shot.motion(1);
-    EXPECT_GT(ShareNear(middle, 0, 0, 1.0, backgroundNowDiscAt(1, 0)), 0.8);
-    EXPECT_GT(ShareNear(middle, 0, 0, 1.0, backgroundNowDiscAt(1, 2)), 0.8);
-    EXPECT_GT(ShareNear(middle, 12, 0, 1.0,
+    EXPECT_GT(ShareNear(motion[1], 0, 0, 1.0, backgroundNowDiscAt(1, 0)), 0.8);
+    EXPECT_GT(ShareNear(motion[1], 0, 0, 1.0, backgroundNowDiscAt(1, 2)), 0.8);
+    EXPECT_GT(ShareNear(motion[1], 12, 0, 1.0,
                         [&](int i, int j) { return DiscAt(scene, 1, i, j) == 0 && clear(1, i, j); }),
               0.8);
+
+    std::map<int, int> reads;
+    MotionSequence sequence(10, 12, [&](int frame, HostPixels& pixels, std::string&) {
+        ++reads[frame];
+        pixels = shot.frames[frame - 10];
+        return true;
+    });
+    for (int t = 0; t < 3; ++t) {
+        RawVectors fromSequence;
+        std::string error;
+        ASSERT_TRUE(sequence.motionAt(10 + t, fromSequence, error)) << error;
+        EXPECT_EQ(fromSequence.dx, motion[t].dx) << "frame " << t;
+        EXPECT_EQ(fromSequence.dy, motion[t].dy) << "frame " << t;
+        EXPECT_EQ(fromSequence.known, motion[t].known) << "frame " << t;
+    }
+    EXPECT_EQ(reads, (std::map<int, int>{{10, 1}, {11, 1}, {12, 1}})) << "each pair estimated once";
 }
 
 TEST(MotionEstimate, SmallFastObjectsOverMovingBackground) {
@@ -161,46 +171,6 @@ TEST(MotionEstimate, SmallFastObjectsOverMovingBackground) {
     }
 }
 
-TEST(MotionEstimate, UpThePictureIsPositiveDyAndRowsRunBottomUp) {
-    // A disc low in the picture (rows counted from the bottom) moving up.
-    MovingScene scene;
-    scene.width = 128;
-    scene.height = 128;
-    scene.discs.push_back(MovingDisc{64, 32, 20, 0, 4, 3});
-    const RawVectors motion = Shot(scene, 3).motion(1);
-    const auto near = [](double x, double y) {
-        return [=](int i, int j) { return std::hypot(i + 0.5 - x, j + 0.5 - y) < 12; };
-    };
-    EXPECT_GT(ShareNear(motion, 0, 4, 0.5, near(64, 36)), 0.95);
-    EXPECT_GT(ShareNear(motion, 0, 0, 0.5, near(64, 92)), 0.95);
-}
-
-TEST(MotionSequence, SharesPairsAndMatchesSingleFrames) {
-    MovingScene scene;
-    scene.width = 96;
-    scene.height = 64;
-    scene.vx = 1.5;
-    scene.discs.push_back(MovingDisc{30, 30, 12, 20, 2, 4});
-    const Shot shot(scene, 4);
-    std::map<int, int> reads;
-    MotionSequence sequence(10, 13, [&](int frame, HostPixels& pixels, std::string&) {
-        ++reads[frame];
-        pixels = shot.frames[frame - 10];
-        return true;
-    });
-    for (int t = 0; t < 4; ++t) {
-        RawVectors fromSequence;
-        std::string error;
-        ASSERT_TRUE(sequence.motionAt(10 + t, fromSequence, error)) << error;
-        const RawVectors single = shot.motion(t);
-        EXPECT_EQ(fromSequence.dx, single.dx) << "frame " << t;
-        EXPECT_EQ(fromSequence.dy, single.dy) << "frame " << t;
-        EXPECT_EQ(fromSequence.known, single.known) << "frame " << t;
-    }
-    // In order, each frame is read once, so each pair is estimated once.
-    EXPECT_EQ(reads, (std::map<int, int>{{10, 1}, {11, 1}, {12, 1}, {13, 1}}));
-}
-
 TEST(MotionSequence, ErrorsAndOddSizes) {
     RawVectors motion;
     std::string error;
@@ -210,44 +180,60 @@ TEST(MotionSequence, ErrorsAndOddSizes) {
     const HostPixels a = RenderScene(scene, 0);
     scene.height = 31;
     const HostPixels b = RenderScene(scene, 1);
-
-    EXPECT_FALSE(estimateMotion(&a, b, nullptr, {}, motion, error));
-    EXPECT_NE(error.find("40x30"), std::string::npos) << error;
-    HostPixels truncated = a;
-    truncated.data.resize(truncated.data.size() - 1);
-    EXPECT_FALSE(estimateMotion(&a, truncated, nullptr, {}, motion, error));
-    EXPECT_EQ(error, "the frame holds fewer pixels than its size, 40x30");
-    EXPECT_FALSE(estimateMotion(nullptr, HostPixels(), nullptr, {}, motion, error));
-    EXPECT_EQ(error, "the frame is empty (0x0)");
+    HostPixels truncated = a, empty;
+    truncated.data.pop_back();
+    const struct {
+        const HostPixels *previous, *now;
+        std::string said;
+    } cases[] = {{&a, &b, "40x30"},
+                 {&a, &truncated, "the frame holds fewer pixels than its size, 40x30"},
+                 {nullptr, &empty, "the frame is empty (0x0)"}};
+    for (const auto& c : cases) {
+        EXPECT_FALSE(estimateMotion(c.previous, *c.now, nullptr, {}, motion, error));
+        EXPECT_THAT(error, testing::HasSubstr(c.said));
+    }
 
     MotionSequence sequence(1, 3, [&](int frame, HostPixels& pixels, std::string& why) {
-        if (frame == 3) {
-            why = "shot.0003.exr: no such file";
-            return false;
-        }
         pixels = frame == 1 ? a : b;
-        return true;
+        why = "shot.0003.exr: no such file";
+        return frame != 3;
     });
-    EXPECT_FALSE(sequence.motionAt(1, motion, error));
-    EXPECT_EQ(error, "frame 2 is 40x31 but frame 1 is 40x30");
-    EXPECT_FALSE(sequence.motionAt(3, motion, error));
-    EXPECT_EQ(error, "shot.0003.exr: no such file");
-    EXPECT_FALSE(sequence.motionAt(4, motion, error));
-    EXPECT_EQ(error, "frame 4 is outside the sequence 1-3");
+    for (const auto& [frame, said] : {std::pair{1, "frame 2 is 40x31 but frame 1 is 40x30"},
+                                      {3, "shot.0003.exr: no such file"},
+                                      {4, "frame 4 is outside the sequence 1-3"}}) {
+        EXPECT_FALSE(sequence.motionAt(frame, motion, error));
+        EXPECT_EQ(error, said);
+    }
 
     // One picture shows no motion: all holes.
     ASSERT_TRUE(estimateMotion(nullptr, a, nullptr, {}, motion, error)) << error;
     EXPECT_EQ(ShareOfHoles(motion, [](int, int) { return true; }), 1.0);
 
     // Pictures smaller than the flow's patches still give a field of their size.
-    for (const auto& size : {std::pair<int, int>{1, 1}, {7, 3}, {200, 2}}) {
-        scene.width = size.first;
-        scene.height = size.second;
+    for (const auto& [w, h] : {std::pair{1, 1}, {7, 3}, {200, 2}}) {
+        scene.width = w;
+        scene.height = h;
         const HostPixels p = RenderScene(scene, 0), q = RenderScene(scene, 1);
         ASSERT_TRUE(estimateMotion(&p, q, &p, {}, motion, error)) << error;
-        EXPECT_EQ(motion.width, size.first);
-        EXPECT_EQ(motion.height, size.second);
+        EXPECT_EQ(motion.width, w);
+        EXPECT_EQ(motion.height, h);
         EXPECT_EQ(motion.dx.size(), motion.size());
+    }
+}
+
+// Hue the direction as seen on the picture, saturation the length against
+// Max Displacement, holes black.
+TEST(FlowPreview, DirectionIsHueLengthIsSaturationHolesAreBlack) {
+    // Right at full length: red; up the picture: hue 90; left at half length:
+    // half-saturated cyan; down beyond M: clamped, hue 270; still: white; a hole.
+    const RawVectors motion{6, 1, {8, 0, -4, 0, 0, 3}, {0, 8, 0, -16, 0, 3}, {1, 1, 1, 1, 1, 0}};
+    const int rgb[6][3] = {{255, 0, 0},   {128, 255, 0},   {128, 255, 255},
+                           {128, 0, 255}, {255, 255, 255}, {0, 0, 0}};
+    const HostPixels picture = flowColours(motion, 8.0);
+    ASSERT_EQ(picture.data.size(), 6u * 4) << "6 x 1, 8 bits";
+    for (int x = 0; x < 6; ++x) {
+        for (int c = 0; c < 3; ++c) EXPECT_NEAR(picture.data[x * 4 + c], rgb[x][c], 1) << x << " " << c;
+        EXPECT_EQ(picture.data[x * 4 + 3], 255);
     }
 }
 

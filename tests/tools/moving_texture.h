@@ -1,8 +1,8 @@
 // Synthetic footage with exactly known motion, for the motion estimator's
 // tests and benchmark: a textured background in uniform translation and
-// textured discs that travel over it in straight lines. Texture is smooth
-// value noise evaluated at any real position, so a sub-pixel move is exact,
-// and a disc's outline is antialiased by its coverage of each pixel.
+// textured discs that travel over it in straight lines. The texture is smooth
+// value noise at any real position, so a sub-pixel move is exact; a disc's
+// outline is antialiased by its coverage of each pixel.
 //
 // Coordinates are the host's: row 0 is the bottom row, y and velocities point
 // up the picture; pixel (i, j) has its centre at (i + 0.5, j + 0.5).
@@ -31,19 +31,14 @@ struct MovingScene {
     std::vector<MovingDisc> discs;  // later ones in front
 };
 
-// The frame at time t (a whole frame number), RGBA in the given depth with
-// alpha 1. Float frames are linear light; 8- and 16-bit ones hold the same
-// values as stored codes.
+// The frame at time t, RGBA with alpha 1; 8- and 16-bit frames hold the float
+// frame's values as codes.
 HostPixels RenderScene(const MovingScene& scene, int t, PixelDepth depth = PixelDepth::Float);
-
-// Where the background's texture origin sits at time t.
-void BackgroundOffset(const MovingScene& scene, int t, double& x, double& y);
 
 // Index of the frontmost disc whose outline contains the pixel centre at time
 // t, or -1 for the background.
 int DiscAt(const MovingScene& scene, int t, int i, int j);
 
 // The distance from the pixel centre to the nearest disc outline at time t
-// (infinite without discs): pixels near an outline are ambiguous between two
-// layers, so tests leave them out.
+// (infinite without discs): pixels near an outline belong to neither layer.
 double DistanceToOutline(const MovingScene& scene, int t, int i, int j);

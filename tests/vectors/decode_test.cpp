@@ -1,5 +1,5 @@
-// Vector decoding: the encoding per pixel type, the alpha gate, row pairing of
-// flipped images, and the silent refusals that leave the flow untouched.
+// Vector decoding (the encoding per pixel type, the alpha gate, the silent
+// refusals; flipped rows are RenderHostile's) and the user's scale on the flow.
 #include "vectors/decode.h"
 
 #include <gtest/gtest.h>
@@ -8,16 +8,15 @@
 #include <limits>
 
 #include "common/library.h"
+#include "vectors/scale_flow.h"
 
 namespace {
 
 // Decodes one pixel (r, g, b, a), given as numbers of its type, into (dx, dy).
 std::pair<float, float> DecodeOne(float m, int32_t type, float r, float g, float b, float a) {
-    ImagePtr v = MakeImage(1, 1, 4, type);
     const float rgba[4] = {r, g, b, a};
-    for (int32_t c = 0; c < 4; ++c) PLFloatToElement(type, v->data + c * v->bytesPerElement, rgba[c]);
-    ImagePtr flow = MakeImage(1, 1, 2, PLPixelFloat);
-    FillAll<float>(*flow, Sentinel());
+    ImagePtr v = Pattern(1, 1, 4, type, [&](int32_t, int32_t, int32_t c) { return rgba[c]; });
+    ImagePtr flow = UniformFlow(1, 1, Sentinel(), Sentinel());
     PLDecodeMotionVectors(m, flow.get(), v.get());
     return {Get<float>(*flow, 0, 0, 0), Get<float>(*flow, 0, 0, 1)};
 }
@@ -58,25 +57,6 @@ TEST(Decode, ValuesPerTypeAndTheAlphaGate) {
     }
 }
 
-TEST(Decode, FlippedImagesPairLogicalRows) {
-    const int32_t w = 5, h = 40;  // enough rows for two threads
-    ThreadLimit threads(2);
-    for (int32_t flipped = 0; flipped < 4; ++flipped) {
-        ImagePtr vectors = MakeImage(w, h, 4, PLPixelUChar, flipped & 1);
-        FillAll<uint8_t>(*vectors, 255);
-        for (int32_t y = 0; y < h; ++y)
-            for (int32_t x = 0; x < w; ++x)
-                Set<uint8_t>(*vectors, x, y, 0, static_cast<uint8_t>(x * 7 + y * 31));
-        ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat, flipped >> 1);
-        PLDecodeMotionVectors(127.0f, flow.get(), vectors.get());
-        for (int32_t y = 0; y < h; ++y)
-            for (int32_t x = 0; x < w; ++x)  // with M = 127 the value is exactly code - 127
-                ASSERT_EQ(Get<float>(*flow, x, y, 0),
-                          static_cast<float>(static_cast<uint8_t>(x * 7 + y * 31)) - 127.0f)
-                    << "flipped " << flipped << " at " << x << "," << y;
-    }
-}
-
 TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
     struct Case {
         const char* what;
@@ -99,24 +79,41 @@ TEST(Decode, UnfitImagesLeaveTheFlowUntouchedAndRowsStayInside) {
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(k.what);
-        ImagePtr vectors = MakeImage(k.vw, 3, k.vc, k.vtype);
-        std::memset(vectors->data, k.vtype == PLPixelDouble ? 0 : 254,
-                    static_cast<size_t>(vectors->rowBytes) * 3);
-        ImagePtr flow = MakeImage(k.fw, k.fh, k.fc, k.ftype);
-        std::memset(flow->data, 0x55, static_cast<size_t>(flow->rowBytes) * k.fh);
+        ImagePtr vectors = MakeImage(k.vw, 3, k.vc, k.vtype), flow = MakeImage(k.fw, k.fh, k.fc, k.ftype);
+        FillBytes(*vectors, k.vtype == PLPixelDouble ? 0 : 254);
+        FillBytes(*flow, 0x55);
         ImagePtr before = CopyOf(*flow);
         PLDecodeMotionVectors(3.0f, flow.get(), vectors.get());
-        if (k.decodedColumns == 0) {
-            EXPECT_TRUE(RowBytes(*flow) == RowBytes(*before));
-            continue;
-        }
-        for (int32_t y = 0; y < k.fh; ++y)
+        EXPECT_TRUE(k.decodedColumns || RowBytes(*flow) == RowBytes(*before));
+        for (int32_t y = 0; y < k.fh && k.decodedColumns; ++y)
             for (int32_t x = 0; x < k.fw; ++x)
                 for (int32_t c = 0; c < k.fc; ++c)
-                    EXPECT_EQ(Bits(Get<float>(*flow, x, y, c)),
+                    ASSERT_EQ(Bits(Get<float>(*flow, x, y, c)),
                               x < k.decodedColumns ? Bits(3.0f) : Bits(Get<float>(*before, x, y, c)))
                         << x << "," << y << "," << c;
     }
+}
+
+TEST(ScaleFlow, ScalesEachAxisWithoutShortCutsAndLeavesOtherImagesAlone) {
+    ImagePtr flow = Pattern(
+        3, 40, 2, PLPixelFloat, [](int32_t x, int32_t y, int32_t c) { return c ? -y - 1 : x + 1; }, 1);
+    ThreadLimit threads(2);
+    PLScaleFlow(0.0f, -2.5f, flow.get());
+    for (int32_t y = 0; y < 40; ++y)
+        for (int32_t x = 0; x < 3; ++x) {
+            EXPECT_EQ(Bits(Get<float>(*flow, x, y, 0)), 0u) << "positive zero";
+            EXPECT_EQ(Get<float>(*flow, x, y, 1), 2.5f * static_cast<float>(y + 1)) << y;
+        }
+    PLScaleFlow(-1.0f, 1.0f, flow.get());
+    EXPECT_EQ(Bits(Get<float>(*flow, 0, 0, 0)), 0x80000000u) << "0 * -1 is negative zero";
+
+    ImagePtr three = MakeImage(2, 2, 3, PLPixelFloat), shorts = MakeImage(2, 2, 2, PLPixelUShort);
+    FillAll<float>(*three, 1.5f);
+    FillAll<uint16_t>(*shorts, 7);
+    PLScaleFlow(2.0f, 2.0f, three.get());
+    PLScaleFlow(2.0f, 2.0f, shorts.get());
+    EXPECT_EQ(Get<float>(*three, 1, 1, 0), 1.5f) << "three channels are left alone";
+    EXPECT_EQ(Get<uint16_t>(*shorts, 1, 1, 1), 7) << "integer flows are left alone";
 }
 
 }  // namespace
