@@ -1,8 +1,8 @@
 // TrelvoVectorsBlur: the one call that turns a source frame and a vector frame
-// into the output frame. It owns the order of the stages and the temporaries
-// (flow and validity mask, at the vector frame's size, and the fill's levels,
-// all carved from one block), three host allocations a frame; each stage lives
-// in its own library. PLErr ends here and becomes the return code.
+// into the output frame. It owns the order of the stages and the temporaries:
+// flow and validity mask at the vector frame's size, and the fill's levels
+// carved from one block of their own, three host allocations a frame. Each
+// stage lives in its own library. PLErr ends here and becomes the return code.
 #include <cstddef>
 
 #include "blur/motion_blur.h"
