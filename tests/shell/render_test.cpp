@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/render_rig.h"
+#include "common/plugin_session.h"
 
 using namespace trelvotest;
 
