@@ -1,6 +1,7 @@
-// The shell's entry linked statically, where its globals can be read: the host
+// The shell linked statically, where its globals can be read: the host
 // tests, the probes of Describe, what Load records of the host and passes to
-// the thread layer, and Unload's clean-up.
+// the thread layer, Unload's clean-up, the five message functions on each kind
+// of host and the memory hooks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "base/qvmem.h"
 #include "effect.h"
@@ -18,6 +20,7 @@
 
 using ofxhost::Host;
 using ofxhost::HostConfig;
+using ofxhost::Message;
 
 namespace {
 
@@ -51,6 +54,12 @@ class ShellEntry : public ::testing::Test {
         pluginSetHost(host_->ofxHost());
         return *host_;
     }
+    OfxStatus action(const char* name) { return pluginMainEntry(name, nullptr, nullptr, nullptr); }
+    std::vector<Message> take() {
+        std::vector<Message> all = host_->messages().all();
+        host_->messages().clear();
+        return all;
+    }
     void stopHost() {
         onUnLoad();
         resetShellGlobals();
@@ -58,6 +67,8 @@ class ShellEntry : public ::testing::Test {
     }
 
     std::unique_ptr<Host> host_;
+    // Any distinct value will do: the message functions only pass it on.
+    OfxImageEffectHandle effect_ = reinterpret_cast<OfxImageEffectHandle>(0x5eed0);
 };
 
 HostConfig named(const std::string& name) {
@@ -78,23 +89,14 @@ OfxStatus ThrowingGetString(OfxPropertySetHandle, const char*, int, char**) {
 }  // namespace
 
 TEST(HostTests, ComparePrefixesOfFixedLength) {
-    // Which of Nuke, Fusion and Toxik each name is taken for.
+    // Which of Nuke, Fusion and Toxik each name is taken for; the full names
+    // run through the other tests.
     const std::pair<const char*, const char*> cases[] = {
-        {"uk.co.thefoundry.nuke", "N"},
-        {"uk.co.thefoundry.nuk", "N"},  // exactly the 20 compared bytes
-        {"uk.co.thefoundry.nukeX", "N"},
-        {"uk.co.thefoundry.nu", ""},
-        {"uk.co.thefoundry.nukE", "N"},  // byte 21 is not compared
-        {"uk.co.thefoundry.nUke", ""},
-        {"com.eyeonline.Fusion", "F"},
-        {"com.eyeonline.Fusi", "F"},  // 18 bytes
-        {"com.eyeonline.Fus", ""},
-        {"Autodesk Toxik 2009", "T"},
-        {"Autodesk Toxi", "T"},  // all 13 compared bytes agree
-        {"Autodesk Tox", ""},
-        {"autodesk toxik", ""},
-        {"", ""},
-        {nullptr, ""},
+        {"uk.co.thefoundry.nuk", "N"},                                  // exactly the 20 compared bytes
+        {"uk.co.thefoundry.nu", ""},   {"uk.co.thefoundry.nukE", "N"},  // byte 21 is not compared
+        {"uk.co.thefoundry.nUke", ""}, {"com.eyeonline.Fusi", "F"},     // 18 bytes
+        {"com.eyeonline.Fus", ""},     {"Autodesk Toxi", "T"},          // all 13 compared bytes agree
+        {"Autodesk Tox", ""},          {"autodesk toxik", ""},         {"", ""}, {nullptr, ""},
     };
     for (const auto& [name, is] : cases) {
         SCOPED_TRACE(name ? name : "(null)");
@@ -130,7 +132,7 @@ TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
     config.label = "Example Host";
     config.omittedSuites = {kOfxMessageSuite};
     startHost(config);
-    EXPECT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatErrMissingHostFeature);
+    EXPECT_EQ(action(kOfxActionLoad), kOfxStatErrMissingHostFeature);
     ASSERT_NE(QVOfxHost.name, nullptr);
     ASSERT_NE(QVOfxHost.label, nullptr);
     EXPECT_STREQ(QVOfxHost.name, "com.example.host");
@@ -154,9 +156,9 @@ TEST_F(ShellEntry, NukeProcessorCountReachesTheThreadLayer) {
         config.numCPUs = c.cpus;
         startHost(config);
         setThreadCount(7);
-        EXPECT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK) << c.name;
+        EXPECT_EQ(action(kOfxActionLoad), kOfxStatOK) << c.name;
         EXPECT_EQ(kqmp_maxthreads(), c.expected) << c.name << ", " << c.cpus;
-        EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+        EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
         EXPECT_EQ(kqmp_maxthreads(), std::min<int32_t>(1024, std::max<int32_t>(1, kqmp_numcpus())))
             << "Unload gives the pool back its own count";
         stopHost();
@@ -169,19 +171,19 @@ TEST_F(ShellEntry, OnlyUnloadAfterLoadGivesTheLibraryThePlainHeapBack) {
     gMemoryHost = const_cast<OfxMemorySuiteV1*>(
         static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1)));
     setMemoryHooks(nullptr, QVUserMallocFunc, QVUserFreeFunc);
-    EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
     void* block = QVMemMalloc(16);
     EXPECT_EQ(host.memory().counts().allocations, 1u) << "Unload without Load cleaned up";
     QVMemFree(block);
     EXPECT_EQ(host.memory().counts().frees, 1u);
 
-    ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+    ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
     EXPECT_EQ(functracker, 1);
     block = QVMemMalloc(16);
     EXPECT_EQ(host.memory().counts().allocations, 2u) << "Load binds the library to the host's memory";
     QVMemFree(block);
 
-    EXPECT_EQ(pluginMainEntry(kOfxActionUnload, nullptr, nullptr, nullptr), kOfxStatOK);
+    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
     EXPECT_EQ(functracker, 0);
     block = QVMemMalloc(16);
     EXPECT_EQ(host.memory().counts().allocations, 2u) << "after Unload the library uses the plain heap";
@@ -193,7 +195,7 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
     startHost();
     ofxhost::ImageEffect descriptor;
     ASSERT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
-    ASSERT_EQ(pluginMainEntry(kOfxActionLoad, nullptr, nullptr, nullptr), kOfxStatOK);
+    ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
     OfxPropertySuiteV1 throwing = *gPropHost;
     throwing.propGetString = ThrowingGetString;
     OfxPropertySuiteV1* answering = gPropHost;
@@ -219,4 +221,105 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
         EXPECT_EQ(answered, status) << "case " << i;
     }
     gPropHost = answering;
+}
+
+TEST_F(ShellEntry, MessagesByHostAndFunctionLiteralAndBounded) {
+    startHost();
+    ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
+    using Send = void (*)(OfxImageEffectHandle, ofxHost*);
+    const std::pair<const char*, Send> fns[] = {
+        {"error", [](auto e, auto h) { qvofx_error(e, h, kOfxStatErrValue, "Pfx", "n=%d s=%s", 42, "abc"); }},
+        {"fatal", [](auto e, auto h) { qvofx_fatal(e, h, kOfxStatErrValue, "Pfx", "n=%d s=%s", 42, "abc"); }},
+        {"message", [](auto e, auto h) { qvofx_message(e, h, 0, "Pfx", "n=%d s=%s", 42, "abc"); }},
+        {"log", [](auto e, auto h) { qvofx_log(e, h, 0, "Pfx", "n=%d s=%s", 42, "abc"); }},
+        {"warning", [](auto e, auto h) { qvofx_warning(e, h, 0, false, "Pfx", "n=%d s=%s", 42, "abc"); }},
+        {"important", [](auto e, auto h) { qvofx_warning(e, h, 0, true, "Pfx", "n=%d s=%s", 42, "abc"); }},
+    };
+    // Type per function; a capital letter sends the effect's handle, a small one null.
+    const std::pair<const char*, const char*> rows[] = {
+        {"uk.co.thefoundry.nuke", "lElllm"},
+        {"Autodesk Toxik", "MEMLMe"},
+        {"com.eyeonline.Fusion", "EEMLMm"},
+        {"com.example.host", "EEMLMm"},
+    };
+    for (const auto& [name, codes] : rows) {
+        ofxHost h{"label", name};
+        for (int fn = 0; fn < 6; ++fn) {
+            SCOPED_TRACE(std::string(name) + ", " + fns[fn].first);
+            fns[fn].second(effect_, &h);
+            std::vector<Message> sent = take();
+            ASSERT_EQ(sent.size(), 1u);
+            const char code = codes[fn];
+            const char lower = static_cast<char>(code | 0x20);
+            EXPECT_EQ(sent[0].type, lower == 'e'   ? kOfxMessageError
+                                    : lower == 'm' ? kOfxMessageMessage
+                                                   : kOfxMessageLog);
+            EXPECT_EQ(sent[0].handle, code != lower ? static_cast<void*>(effect_) : nullptr);
+            EXPECT_EQ(sent[0].id, "");
+            EXPECT_EQ(sent[0].text, code == 'l' && fn == 3 ? "Pfx: n=42 s=abc\n" : "Pfx: n=42 s=abc")
+                << "only Nuke's log ends in a line feed";
+        }
+    }
+    ofxHost h{"label", "com.example.host"};
+    EXPECT_EQ(qvofx_error(effect_, &h, kOfxStatFailed, "Pfx", "n=%d", 1), kOfxStatOK);
+    EXPECT_EQ(qvofx_error(effect_, &h, qvStatAborted, "Pfx", "n=%d", 1), kOfxStatOK);
+    EXPECT_TRUE(take().empty()) << "status 1 and 15 show nothing";
+    ofxHost nuke{"label", "uk.co.thefoundry.nuke"};
+    EXPECT_EQ(qvofx_error(effect_, &nuke, kOfxStatErrMemory, "Pfx", "never %s expanded", "this"), kOfxStatOK);
+    qvofx_error(effect_, &h, kOfxStatErrMemory, "Pfx", "never %s expanded", "this");
+    qvofx_fatal(effect_, &h, kOfxStatErrMemory, "Pfx", "never %s expanded", "this");
+    std::vector<Message> sent = take();
+    ASSERT_EQ(sent.size(), 3u);
+    for (const Message& m : sent) EXPECT_EQ(m.text, "Pfx: Out of memory.");
+
+    // The composed text goes literally; two 256-byte buffers cut it at 255 characters.
+    qvofx_message(effect_, &h, 0, "Pfx", "%d%% done, %s", 50, "%s%n");
+    const std::string longPart(1000, 'x');
+    const std::string whole = "Pfx: " + longPart;
+    qvofx_message(effect_, &h, 0, "Pfx", "%s", longPart.c_str());
+    qvofx_log(effect_, &nuke, 0, "Pfx", "%s", longPart.c_str());
+    const std::string longPrefix(400, 'p');
+    qvofx_warning(effect_, &h, 0, false, longPrefix.c_str(), "%s", "tail");
+    sent = take();
+    ASSERT_EQ(sent.size(), 4u);
+    EXPECT_EQ(sent[0].text, "Pfx: 50% done, %s%n") << "percent signs of the composed text print as they are";
+    EXPECT_EQ(sent[1].text, whole.substr(0, 255));
+    EXPECT_EQ(sent[2].text, whole.substr(0, 255) + "\n");
+    EXPECT_EQ(sent[3].text, longPrefix.substr(0, 255));
+}
+
+namespace {
+void* gStubBlock = nullptr;
+OfxStatus gStubStatus = kOfxStatOK;
+OfxStatus stubAlloc(void*, size_t, void** block) {
+    *block = gStubBlock;
+    return gStubStatus;
+}
+}  // namespace
+
+TEST_F(ShellEntry, MemoryHooksGoThroughTheHostAndTrustOnlyItsStatus) {
+    Host& host = startHost();
+    ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
+    void* block = QVUserMallocFunc(nullptr, 100);
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(host.memory().counts().liveBytes, 100u);
+    QVUserFreeFunc(nullptr, block);
+    QVUserFreeFunc(nullptr, nullptr);
+    EXPECT_EQ(host.memory().counts().badFrees, 0u) << "a null block reached the host";
+    EXPECT_EQ(host.memory().counts().liveBytes, 0u);
+    host.memory().failAfter(1);
+    EXPECT_EQ(QVUserMallocFunc(nullptr, 8), nullptr);
+
+    // A host that fails yet hands back a pointer, and one that succeeds with null.
+    static OfxMemorySuiteV1 stub = {stubAlloc, nullptr};
+    gMemoryHost = &stub;
+    char dummy = 0;
+    for (auto [status, given] : {std::pair{kOfxStatFailed, static_cast<void*>(&dummy)},
+                                 {kOfxStatErrMemory, &dummy},
+                                 {kOfxStatReplyDefault, &dummy},
+                                 {kOfxStatOK, nullptr}}) {
+        gStubStatus = status;
+        gStubBlock = given;
+        EXPECT_EQ(QVUserMallocFunc(nullptr, 8), nullptr) << "status " << status;
+    }
 }
