@@ -107,26 +107,6 @@ TEST(HostTests, ComparePrefixesOfFixedLength) {
     }
 }
 
-TEST_F(ShellEntry, DescribeProbesTheHostAndKeepsStartValuesWhenUnanswered) {
-    for (bool answered : {false, true}) {
-        SCOPED_TRACE(answered ? "answered" : "unanswered");
-        HostConfig config;
-        if (!answered)
-            config.omittedProperties = {kOfxImageEffectPropSupportsMultipleClipDepths,
-                                        kOfxImageEffectHostPropIsBackground};
-        Host& host = startHost(config);
-        if (answered) {
-            host.properties().assign(kOfxImageEffectPropSupportsMultipleClipDepths, {0});
-            host.properties().assign(kOfxImageEffectHostPropIsBackground, {1});
-        }
-        ofxhost::ImageEffect descriptor;
-        EXPECT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
-        EXPECT_EQ(gHostSupportsMultipleBitDepths, answered ? 0 : 1);
-        EXPECT_EQ(gHostIsBackground, answered ? 1 : 0);
-        stopHost();
-    }
-}
-
 TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
     HostConfig config = named("com.example.host");
     config.label = "Example Host";

@@ -226,11 +226,14 @@ TEST(Render, PremultiplicationByHost) {
 }
 
 TEST(Render, DemoModeWarnsOnceInABackgroundRender) {
-    for (int mode : {0, 1, 2}) {  // background demo, interactive demo, licensed
+    // Background demo, interactive demo, licensed, demo on a host that doesn't
+    // say (taken for interactive).
+    for (int mode : {0, 1, 2, 3}) {
         SCOPED_TRACE(mode);
-        if (mode < 2) setenv("TRELVO_DEMO", "1", 1);
+        if (mode != 2) setenv("TRELVO_DEMO", "1", 1);
         HostConfig config;
-        config.background = mode == 0;
+        config.background = mode == 0 || mode == 3;
+        if (mode == 3) config.omittedProperties = {kOfxImageEffectHostPropIsBackground};
         Rig rig(config);
         for (int frame = 0; frame < 3; ++frame) EXPECT_EQ(rig.render(frame).status, kOfxStatOK);
         unsetenv("TRELVO_DEMO");
