@@ -18,16 +18,7 @@
 
 namespace trelvotest {
 
-using ofxhost::ActionResult;
-using ofxhost::Bundle;
-using ofxhost::Host;
-using ofxhost::HostConfig;
-using ofxhost::ImageBuffer;
-using ofxhost::ImageEffect;
-using ofxhost::ImageFormat;
-using ofxhost::Plugin;
-using ofxhost::PropertyValue;
-using ofxhost::PropertyWrite;
+using namespace ofxhost;  // the host the tests drive
 using Values = std::vector<PropertyValue>;
 using ImagePtr = std::shared_ptr<ImageBuffer>;
 
@@ -186,7 +177,7 @@ struct Rig {
     }
     // Renders and checks what every frame must leave behind.
     ActionResult render(OfxTime time = 0.0, OfxPointD scale = {1.0, 1.0}) {
-        ofxhost::RenderArgs args;
+        RenderArgs args;
         args.time = time;
         args.renderScale = scale;
         ActionResult r = s.plugin().render(args);

@@ -49,7 +49,7 @@ TEST(DescribeInContext, ClipsAndAPageOfEveryParameterByHost) {
                 continue;
             listed.push_back(definition.name);
             if (definition.type != kOfxParamTypeDouble) continue;
-            const ofxhost::PropertySet& p = d.param(definition.name)->properties();
+            const PropertySet& p = d.param(definition.name)->properties();
             const auto value = [&](const char* property) {
                 return std::get<double>(p.values(property).at(0));
             };
@@ -77,7 +77,7 @@ TEST(DescribeInContext, EveryOtherContextFailsDefinesNothingAndMakesNoInstance) 
 
 TEST(InstanceActions, IdentityByWindowWidthThenByAmount) {
     Session s;
-    ofxhost::Param& amount = *s.instance().param("valMBAmount");
+    Param& amount = *s.instance().param("valMBAmount");
     const struct {
         OfxRectI window;
         double amount;

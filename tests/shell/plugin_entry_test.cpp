@@ -18,9 +18,7 @@
 #include "mp/kqmp.h"
 #include "shell/ofx_plugin.h"
 
-using ofxhost::Host;
-using ofxhost::HostConfig;
-using ofxhost::Message;
+using namespace ofxhost;
 
 namespace {
 
@@ -173,15 +171,15 @@ TEST_F(ShellEntry, OnlyUnloadAfterLoadGivesTheLibraryThePlainHeapBack) {
 
 TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
     startHost();
-    ofxhost::ImageEffect descriptor;
+    ImageEffect descriptor;
     ASSERT_EQ(pluginMainEntry(kOfxActionDescribe, descriptor.handle(), nullptr, nullptr), kOfxStatOK);
     ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
     OfxPropertySuiteV1 throwing = *gPropHost;
     throwing.propGetString = ThrowingGetString;
     OfxPropertySuiteV1* answering = gPropHost;
     gPropHost = &throwing;
-    ofxhost::ImageEffect context(kOfxImageEffectContextGeneral);
-    ofxhost::PropertySet inArgs;
+    ImageEffect context(kOfxImageEffectContextGeneral);
+    PropertySet inArgs;
     // A PLErr by its OFX status, std::bad_alloc as out of memory, anything else as a failure.
     const std::pair<void (*)(), OfxStatus> cases[] = {
         {[] { throw PLErrOutOfMemory; }, kOfxStatErrMemory},

@@ -40,7 +40,7 @@ Images imagesFor(int j) {
 }
 
 OfxStatus renderAt(Plugin& plugin, OfxTime time) {
-    ofxhost::RenderArgs args;
+    RenderArgs args;
     args.time = time;
     return plugin.render(args).status;
 }

@@ -176,7 +176,7 @@ TEST(RenderHostile, RowsStoredTopDownRenderAsRowsStoredBottomUp) {
             for (const char* topDown : {"Source Motion Vectors Output", "Source", "Output"}) {
                 SCOPED_TRACE(testing::Message()
                              << depth << ", amount " << amount << ", top-down: " << topDown);
-                const int bytes = -(40 * 4 * ofxhost::bytesPerComponent(depth) + 12);
+                const int bytes = -(40 * 4 * bytesPerComponent(depth) + 12);
                 EXPECT_TRUE(plain ==
                             renderedPattern(depth, bounds, amount, topDown, rowsApart(bytes, false)));
             }

@@ -255,7 +255,7 @@ TEST(Render, TwoFirstFramesAtOnceShareTheWarningFlag) {
     std::condition_variable bothWarned;
     int warned = 0;
     HostConfig config;
-    config.onMessage = [&](const ofxhost::Message&) {
+    config.onMessage = [&](const Message&) {
         std::unique_lock lock(mutex);
         if (++warned == 2) bothWarned.notify_all();
         // Not for ever: a flag that lets only one frame warn is right too.
@@ -270,7 +270,7 @@ TEST(Render, TwoFirstFramesAtOnceShareTheWarningFlag) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i)
         threads.emplace_back([&, i] {
-            ofxhost::RenderArgs args;
+            RenderArgs args;
             args.time = i;
             statuses[i] = rig.s.plugin().render(args).status;
         });
