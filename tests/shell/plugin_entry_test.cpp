@@ -69,12 +69,6 @@ class ShellEntry : public ::testing::Test {
     OfxImageEffectHandle effect_ = reinterpret_cast<OfxImageEffectHandle>(0x5eed0);
 };
 
-HostConfig named(const std::string& name) {
-    HostConfig config;
-    config.name = name;
-    return config;
-}
-
 // What the property suite's string getter throws, as a host written in C++
 // might let escape from its suites.
 void (*gThrow)() = nullptr;
@@ -106,7 +100,8 @@ TEST(HostTests, ComparePrefixesOfFixedLength) {
 }
 
 TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
-    HostConfig config = named("com.example.host");
+    HostConfig config;
+    config.name = "com.example.host";
     config.label = "Example Host";
     config.omittedSuites = {kOfxMessageSuite};
     startHost(config);
@@ -130,7 +125,8 @@ TEST_F(ShellEntry, NukeProcessorCountReachesTheThreadLayer) {
         {"com.eyeonline.Fusion", 3, 7},        {"com.example.host", 3, 7},
     };
     for (const auto& c : cases) {
-        HostConfig config = named(c.name);
+        HostConfig config;
+        config.name = c.name;
         config.numCPUs = c.cpus;
         startHost(config);
         setThreadCount(7);
@@ -149,23 +145,19 @@ TEST_F(ShellEntry, OnlyUnloadAfterLoadGivesTheLibraryThePlainHeapBack) {
     gMemoryHost = const_cast<OfxMemorySuiteV1*>(
         static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1)));
     setMemoryHooks(nullptr, QVUserMallocFunc, QVUserFreeFunc);
+    const auto reachesHost = [&host] {
+        const uint64_t before = host.memory().counts().allocations;
+        QVMemFree(QVMemMalloc(16));
+        return host.memory().counts().allocations > before;
+    };
     EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
-    void* block = QVMemMalloc(16);
-    EXPECT_EQ(host.memory().counts().allocations, 1u) << "Unload without Load cleaned up";
-    QVMemFree(block);
-    EXPECT_EQ(host.memory().counts().frees, 1u);
-
+    EXPECT_TRUE(reachesHost()) << "Unload without Load cleaned up";
     ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
     EXPECT_EQ(functracker, 1);
-    block = QVMemMalloc(16);
-    EXPECT_EQ(host.memory().counts().allocations, 2u) << "Load binds the library to the host's memory";
-    QVMemFree(block);
-
+    EXPECT_TRUE(reachesHost()) << "Load binds the library to the host's memory";
     EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
     EXPECT_EQ(functracker, 0);
-    block = QVMemMalloc(16);
-    EXPECT_EQ(host.memory().counts().allocations, 2u) << "after Unload the library uses the plain heap";
-    QVMemFree(block);
+    EXPECT_FALSE(reachesHost()) << "after Unload the library uses the plain heap";
     EXPECT_EQ(host.memory().counts().liveBytes, 0u);
 }
 
