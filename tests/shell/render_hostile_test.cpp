@@ -155,53 +155,38 @@ std::vector<double> renderedPattern(const char* depth, OfxRectI bounds, double a
     return pixels;
 }
 
-Change rowsApart(int bytes, bool sparse) {
-    return [bytes, sparse](ImageFormat& f) {
-        f.rowBytes = bytes;
-        f.sparse = sparse;
-    };
-}
-
 }  // namespace
 
 // Negative row bytes store the rows top-down from the bottom row at data, as
-// OFX allows: the frame comes out as from rows stored bottom-up, bit for bit,
-// through the premultiplication in place, the blur, the blend of a negative
-// amount and the demo mark, also with only some images top-down.
-TEST(RenderHostile, RowsStoredTopDownRenderAsRowsStoredBottomUp) {
-    const OfxRectI bounds = {-3, 2, 37, 43};
-    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat}) {
-        for (double amount : {1.5, -1.0}) {
-            const std::vector<double> plain = renderedPattern(depth, bounds, amount);
-            for (const char* topDown : {"Source Motion Vectors Output", "Source", "Output"}) {
-                SCOPED_TRACE(testing::Message()
-                             << depth << ", amount " << amount << ", top-down: " << topDown);
-                const int bytes = -(40 * 4 * bytesPerComponent(depth) + 12);
-                EXPECT_TRUE(plain ==
-                            renderedPattern(depth, bounds, amount, topDown, rowsApart(bytes, false)));
+// OFX allows; rows so far apart that the frame spans more than 2^31 bytes
+// (in sparse storage, where only the pages touched cost memory) come 64 MiB
+// apart either way or 2^31 bytes apart top-down. The frame comes out as from
+// packed rows stored bottom-up, bit for bit, through the premultiplication in
+// place, the blur, the blend of a negative amount and the demo mark, also
+// with only some images relaid.
+TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
+    const OfxRectI wide = {-3, 2, 37, 43}, tall = {0, 0, 32, 40}, low = {0, 0, 32, 3};
+    const char* all = "Source Motion Vectors Output";
+    const struct {
+        OfxRectI bounds;
+        int rowBytes;  // 0: top-down with 12 bytes of padding
+        const char* clips;
+        bool sparse;
+    } layouts[] = {{wide, 0, all, false},      {wide, 0, "Source", false},    {wide, 0, "Output", false},
+                   {tall, 1 << 26, all, true}, {tall, -(1 << 26), all, true}, {low, INT_MIN, all, true}};
+    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat})
+        for (double amount : {1.5, -1.0})
+            for (const auto& l : layouts) {
+                const int bytes = l.rowBytes ? l.rowBytes : -(40 * 4 * bytesPerComponent(depth) + 12);
+                SCOPED_TRACE(testing::Message() << depth << ", amount " << amount << ", " << l.clips
+                                                << " rows " << bytes << " bytes apart");
+                EXPECT_TRUE(renderedPattern(depth, l.bounds, amount) ==
+                            renderedPattern(depth, l.bounds, amount, l.clips, [&](ImageFormat& f) {
+                                f.rowBytes = bytes;
+                                f.sparse = l.sparse;
+                            }));
             }
-        }
-    }
 }
-
-// Rows so far apart that the frame spans more than 2^31 bytes: 40 rows 64 MiB
-// apart, either way, and 3 rows 2^31 bytes apart top-down. In sparse storage
-// only the pages the frame touches cost memory.
-TEST(RenderHostile, FramesPastTwoGigabytesRenderAsPackedFrames) {
-    const OfxRectI tall = {0, 0, 32, 40}, low = {0, 0, 32, 3};
-    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthFloat}) {
-        for (double amount : {1.5, -1.0}) {
-            for (auto [bounds, bytes] : {std::pair{tall, 1 << 26}, {tall, -(1 << 26)}, {low, INT_MIN}}) {
-                SCOPED_TRACE(testing::Message()
-                             << depth << ", amount " << amount << ", rows " << bytes << " apart");
-                EXPECT_TRUE(renderedPattern(depth, bounds, amount) ==
-                            renderedPattern(depth, bounds, amount, "Source Motion Vectors Output",
-                                            rowsApart(bytes, true)));
-            }
-        }
-    }
-}
-
 // A host named as Nuke that reports more processors than the pool has slots,
 // and a frame tall enough to be shared among more threads than that: it
 // renders, here through zero vectors to the Source itself.
