@@ -179,16 +179,14 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
         {[] { throw PLErrAborted; }, kOfxStatOK},
         {[] { throw std::bad_alloc(); }, kOfxStatErrMemory},
         {[] { throw std::runtime_error("host"); }, kOfxStatFailed},
-        {[] { throw 7; }, kOfxStatFailed},
-    };
+        {[] { throw 7; }, kOfxStatFailed}};
     for (size_t i = 0; i < std::size(cases); ++i) {
-        const auto& [thrower, status] = cases[i];
-        gThrow = thrower;
+        SCOPED_TRACE(i);
+        gThrow = cases[i].first;
         OfxStatus answered = -1;
         EXPECT_NO_THROW(answered = pluginMainEntry(kOfxImageEffectActionDescribeInContext, context.handle(),
-                                                   inArgs.handle(), nullptr))
-            << "case " << i;
-        EXPECT_EQ(answered, status) << "case " << i;
+                                                   inArgs.handle(), nullptr));
+        EXPECT_EQ(answered, cases[i].second);
     }
     gPropHost = answering;
 }
@@ -206,12 +204,10 @@ TEST_F(ShellEntry, MessagesByHostAndFunctionLiteralAndBounded) {
         {"important", [](auto e, auto h) { qvofx_warning(e, h, 0, true, "Pfx", "n=%d s=%s", 42, "abc"); }},
     };
     // Type per function; a capital letter sends the effect's handle, a small one null.
-    const std::pair<const char*, const char*> rows[] = {
-        {"uk.co.thefoundry.nuke", "lElllm"},
-        {"Autodesk Toxik", "MEMLMe"},
-        {"com.eyeonline.Fusion", "EEMLMm"},
-        {"com.example.host", "EEMLMm"},
-    };
+    const std::pair<const char*, const char*> rows[] = {{"uk.co.thefoundry.nuke", "lElllm"},
+                                                        {"Autodesk Toxik", "MEMLMe"},
+                                                        {"com.eyeonline.Fusion", "EEMLMm"},
+                                                        {"com.example.host", "EEMLMm"}};
     for (const auto& [name, codes] : rows) {
         ofxHost h{"label", name};
         for (int fn = 0; fn < 6; ++fn) {

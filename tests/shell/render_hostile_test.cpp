@@ -53,11 +53,10 @@ Change rowBytes(int bytes) {
 Change statedBounds(OfxRectI bounds) {
     return [bounds](ImageFormat& f) { f.statedBounds = bounds; };
 }
-// The property unanswered over a buffer laid out as `layout` says.
-Change unanswered(
-    const char* property, Change layout = [](ImageFormat&) {}) {
+// The property unanswered, over a buffer laid out as `layout` says if given.
+Change unanswered(const char* property, Change layout = nullptr) {
     return [property, layout](ImageFormat& f) {
-        layout(f);
+        if (layout) layout(f);
         f.unanswered = {property};
     };
 }
@@ -66,6 +65,7 @@ Change unanswered(
 
 TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouched) {
     const std::vector<double> floatRed = {1, 0, 0, 1};
+    const std::pair<const char*, Change> floatOutput = {"Output", depth(kOfxBitDepthFloat)};
     const struct {
         const char* cause;
         Changes changes;
@@ -85,21 +85,14 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
         {"Source components unanswered", {{"Source", unanswered(kOfxImageEffectPropComponents)}}, &kRed},
         {"Output components unanswered", {{"Output", unanswered(kOfxImageEffectPropComponents)}}, nullptr},
         // Under a float Output, a Source taken for float would be read past its end.
-        {"half-float Source",
-         {{"Output", depth(kOfxBitDepthFloat)}, {"Source", depth(kOfxBitDepthHalf)}},
-         &floatRed},
+        {"half-float Source", {floatOutput, {"Source", depth(kOfxBitDepthHalf)}}, &floatRed},
         {"half-float vectors", {{"Motion Vectors", depth(kOfxBitDepthHalf)}}, &kRed},
-        {"Source of no depth",
-         {{"Output", depth(kOfxBitDepthFloat)}, {"Source", depth(kOfxBitDepthNone)}},
-         &floatRed},
+        {"Source of no depth", {floatOutput, {"Source", depth(kOfxBitDepthNone)}}, &floatRed},
         {"Source depth unanswered over 16 bits",
-         {{"Output", depth(kOfxBitDepthFloat)},
-          {"Source", unanswered(kOfxImageEffectPropPixelDepth, depth(kOfxBitDepthShort))}},
+         {floatOutput, {"Source", unanswered(kOfxImageEffectPropPixelDepth, depth(kOfxBitDepthShort))}},
          &floatRed},
         {"half-float Output", {{"Output", depth(kOfxBitDepthHalf)}}, nullptr},
-        {"Output depth unanswered over 8 bits",
-         {{"Output", unanswered(kOfxImageEffectPropPixelDepth)}},
-         nullptr},
+        {"Output depth unanswered", {{"Output", unanswered(kOfxImageEffectPropPixelDepth)}}, nullptr},
         {"Source rows shorter than their pixels", {{"Source", rowBytes(95)}}, &kRed},
         {"vectors' rows of no bytes", {{"Motion Vectors", rowBytes(0)}}, &kRed},
         {"Output rows shorter than their pixels", {{"Output", rowBytes(-95)}}, nullptr},
