@@ -78,17 +78,11 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
     auto image = [](const char* clip, ImagePtr i) {
         return [clip, i](Rig& r) { r.e->clip(clip)->setImage(i); };
     };
-    auto nullData = [](const char* clip) {
-        return [clip](Rig& r) {
-            ImageFormat f = r.vectors->format();  // all three alike but for the data
-            f.nullData = true;
-            r.e->clip(clip)->setImage(std::make_shared<ImageBuffer>(f));
-        };
-    };
-    auto alpha = [](const char* clip) {
-        return [clip](Rig& r) {
-            r.e->clip(clip)->setImage(makeImage({0, 0, 24, 4}, kOfxBitDepthByte, 0, kOfxImageComponentAlpha));
-        };
+    // An image like the Rig's: of alpha alone, or with a null data pointer.
+    auto like = [](const char* components, bool nullData = false) {
+        ImageFormat f = makeImage({0, 0, 24, 4}, kOfxBitDepthByte, 0, components)->format();
+        f.nullData = nullData;
+        return std::make_shared<ImageBuffer>(f);
     };
     auto unconnected = [](const char* clip) {
         return [clip](Rig& r) { r.e->clip(clip)->setConnected(false); };
@@ -113,7 +107,7 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
         OfxTime time = 0.0;
     } cases[] = {
         {"no Output image", image("Output", nullptr), nullptr},
-        {"no Output data", nullData("Output"), nullptr},
+        {"no Output data", image("Output", like(kOfxImageComponentRGBA, true)), nullptr},
         {"abort at the first check: nothing wrapped yet", [](Rig& r) { r.s.host().abort().always(); },
          nullptr},
         {"abort during the engine's run", aborting([](Rig& r) { r.uniformVectors(1.0); }), &kOrange},
@@ -126,10 +120,10 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
         {"vectors unconnected", unconnected("Motion Vectors"), &kRed},
         {"vectors unconnected while aborting", aborting(unconnected("Motion Vectors")), &kOrange},
         {"no Source image", image("Source", nullptr), &kRed},
-        {"no Source data", nullData("Source"), &kRed},
-        {"no vector data", nullData("Motion Vectors"), &kRed},
-        {"Source of alpha alone", alpha("Source"), &kRed},
-        {"vectors of alpha alone", alpha("Motion Vectors"), &kRed},
+        {"no Source data", image("Source", like(kOfxImageComponentRGBA, true)), &kRed},
+        {"no vector data", image("Motion Vectors", like(kOfxImageComponentRGBA, true)), &kRed},
+        {"Source of alpha alone", image("Source", like(kOfxImageComponentAlpha)), &kRed},
+        {"vectors of alpha alone", image("Motion Vectors", like(kOfxImageComponentAlpha)), &kRed},
         {"zero-width Output", emptyOutput({5, 5, 5, 9}), nullptr},
         {"zero-height Output", emptyOutput({5, 5, 9, 5}), nullptr},
     };
