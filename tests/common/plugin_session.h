@@ -20,7 +20,7 @@ namespace trelvotest {
 
 using namespace ofxhost;  // the host the tests drive
 using Values = std::vector<PropertyValue>;
-using ImagePtr = std::shared_ptr<ImageBuffer>;
+using BufferPtr = std::shared_ptr<ImageBuffer>;
 
 inline constexpr const char* kOurs = "com.corvane.trelvo-render";
 inline constexpr const char* kNuke = "uk.co.thefoundry.nuke";
@@ -76,8 +76,8 @@ class Session {
     std::unique_ptr<Plugin> plugin_;
 };
 
-inline ImagePtr makeImage(OfxRectI bounds, const std::string& depth, int rowPadding = 0,
-                          const std::string& components = kOfxImageComponentRGBA) {
+inline BufferPtr makeImage(OfxRectI bounds, const std::string& depth, int rowPadding = 0,
+                           const std::string& components = kOfxImageComponentRGBA) {
     ImageFormat format;
     format.bounds = bounds;
     format.depth = depth;
@@ -168,7 +168,7 @@ struct Rig {
         }
         uniformVectors(0.0);
     }
-    ImagePtr& image(const std::string& clip) {
+    BufferPtr& image(const std::string& clip) {
         return clip == "Source" ? source : clip == "Output" ? output : vectors;
     }
     // Every vector the same horizontal fraction f of the maximum displacement.
@@ -181,9 +181,7 @@ struct Rig {
         args.time = time;
         args.renderScale = scale;
         ActionResult r = s.plugin().render(args);
-        EXPECT_TRUE(r.memoryBalanced())
-            << "allocations " << r.memoryAfter.allocations - r.memoryBefore.allocations << ", frees "
-            << r.memoryAfter.frees - r.memoryBefore.frees;
+        EXPECT_TRUE(r.memoryBalanced()) << r.memoryAfter.liveBytes << " bytes live after";
         EXPECT_TRUE(r.imagesReleased()) << r.imagesAfter.outstanding() << " images outstanding";
         EXPECT_EQ(s.host().images().counts().outstanding(), 0u);
         return r;
@@ -192,7 +190,7 @@ struct Rig {
     Session s;
     std::string depth;
     ImageEffect* e;
-    ImagePtr source, vectors, output;
+    BufferPtr source, vectors, output;
 };
 
 // Every pixel of the image has this colour (in element values), as far as

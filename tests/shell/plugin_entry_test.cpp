@@ -1,7 +1,6 @@
-// The shell linked statically, where its globals can be read: the host
-// tests, the probes of Describe, what Load records of the host and passes to
-// the thread layer, Unload's clean-up, the five message functions on each kind
-// of host and the memory hooks.
+// The shell linked statically, where its globals can be read: what Load
+// records of the host and passes to the thread layer, Unload's clean-up, the
+// exceptions the entry stops, the message functions and the memory hooks.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -42,10 +41,7 @@ void resetShellGlobals() {
 class ShellEntry : public ::testing::Test {
   protected:
     void SetUp() override { resetShellGlobals(); }
-    void TearDown() override {
-        onUnLoad();
-        resetShellGlobals();
-    }
+    void TearDown() override { stopHost(); }
     Host& startHost(HostConfig config = {}) {
         host_ = std::make_unique<Host>(std::move(config));
         pluginSetHost(host_->ofxHost());

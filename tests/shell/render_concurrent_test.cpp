@@ -29,7 +29,7 @@ const struct {
 };
 
 struct Images {
-    ImagePtr source, vectors, output;
+    BufferPtr source, vectors, output;
 };
 
 Images imagesFor(int j) {
@@ -89,7 +89,7 @@ TEST_P(RenderConcurrent, ThroughOneInstanceAndAnInstanceEachEveryFrameIsAsRender
         images.push_back(imagesFor(j));
         effect.param("valMBAmount")->setKey(j + 1, kJobs[j].amount);
     }
-    auto at = [images](ImagePtr Images::*image) {
+    auto at = [images](BufferPtr Images::*image) {
         return [images, image](OfxTime t) { return images[static_cast<size_t>(t) - 1].*image; };
     };
     effect.clip("Source")->setImageSource(at(&Images::source));

@@ -25,7 +25,7 @@ using Changes = std::vector<std::pair<const char*, Change>>;  // by clip
 // Gives the clip a new image: its current format changed by `change`, with
 // guard bytes, and the current pixels where the layout is still the same.
 void hand(Rig& rig, const std::string& clip, const Change& change) {
-    ImagePtr& image = rig.image(clip);
+    BufferPtr& image = rig.image(clip);
     ImageFormat f = image->format();
     f.guardBytes = 64;
     change(f);

@@ -75,7 +75,7 @@ TEST(Render, WholeFramesInEachDepthAndScaleMatchTheWalkRules) {
 
 TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
     using SetUp = std::function<void(Rig&)>;
-    auto image = [](const char* clip, ImagePtr i) {
+    auto image = [](const char* clip, BufferPtr i) {
         return [clip, i](Rig& r) { r.e->clip(clip)->setImage(i); };
     };
     // An image like the Rig's: of alpha alone, or with a null data pointer.
