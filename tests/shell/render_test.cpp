@@ -230,18 +230,18 @@ TEST(Render, TwoFirstFramesAtOnceShareTheWarningFlag) {
     };
     Rig rig(config);
     // Each frame its own Output, so the two renders write apart.
-    const std::shared_ptr<ImageBuffer> outputs[2] = {makeImage({0, 0, 24, 4}, kOfxBitDepthByte),
-                                                     makeImage({0, 0, 24, 4}, kOfxBitDepthByte)};
+    const BufferPtr outputs[2] = {makeImage({0, 0, 24, 4}, kOfxBitDepthByte),
+                                  makeImage({0, 0, 24, 4}, kOfxBitDepthByte)};
     rig.e->clip("Output")->setImageSource([outputs](OfxTime t) { return outputs[t == 0.0 ? 0 : 1]; });
     OfxStatus statuses[2] = {kOfxStatFailed, kOfxStatFailed};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i)
-        threads.emplace_back([&, i] {
-            RenderArgs args;
-            args.time = i;
-            statuses[i] = rig.s.plugin().render(args).status;
-        });
-    for (std::thread& t : threads) t.join();
+    const auto render = [&](int i) {
+        RenderArgs args;
+        args.time = i;
+        statuses[i] = rig.s.plugin().render(args).status;
+    };
+    std::thread first(render, 0), second(render, 1);
+    first.join();
+    second.join();
     unsetenv("TRELVO_DEMO");
     EXPECT_EQ(statuses[0], kOfxStatOK);
     EXPECT_EQ(statuses[1], kOfxStatOK);
