@@ -1,10 +1,7 @@
-// Frames of different sizes and depths rendered on four host threads at once,
-// through one shared instance (each thread its own time, so its own images and
-// amount) and through an instance each: every frame equal, bit for bit, to the
-// same frame rendered alone. On our own host, where the plug-in's pool runs
-// the rows, and on a host named as Nuke in demo mode, where the host's threads
-// run them and the demo mark and the licence warning join in. The tsan preset
-// runs this under the thread sanitizer, which sees the host's locking too.
+// Frames of four sizes and depths rendered on four host threads at once,
+// through one instance and through an instance each, equal bit for bit to the
+// frames rendered alone: on our host (the plug-in's pool runs the rows) and on
+// Nuke in demo mode (the host's threads do). The tsan preset runs this too.
 #include <memory>
 #include <string>
 #include <thread>

@@ -1,11 +1,7 @@
-// The render action on hosts that hand out what no well-behaved host does:
-// images of components or depths the plug-in did not declare or that are left
-// unanswered, row bytes too short, negative or absurd, bounds that overflow,
-// more processors than the pool has slots, rows that lie gigabytes apart. The
-// plug-in reads and writes only inside what each image's bounds and row bytes
-// say it holds (guard bytes around every buffer show a stray write), refuses
-// what it can't read with the red failure and success, and renders what it
-// can read exactly as it renders a plain frame.
+// Hosts that hand out what no well-behaved host does: undeclared or unanswered
+// formats, bad row bytes or bounds, too many processors, rows gigabytes apart.
+// Guard bytes show any stray write; what can't be read is refused in red, what
+// can is rendered as a plain frame.
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -122,10 +118,9 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
 
 namespace {
 
-// The Output and the Source after one frame of the pattern, every component
-// in order, with the Source and the Output un-premultiplied (so both are
-// converted in place) and the clips in `relaid` changed by `relayout`. A
-// negative amount runs in demo mode, so the blend and the demo mark run too.
+// The Output and the Source after one frame of the pattern, both
+// un-premultiplied (so converted in place), the clips in `relaid` changed by
+// `relayout`; a negative amount runs in demo mode (blend and demo mark).
 std::vector<double> renderedPattern(const char* depth, OfxRectI bounds, double amount,
                                     const std::string& relaid = "", const Change& relayout = {}) {
     setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
@@ -150,13 +145,10 @@ std::vector<double> renderedPattern(const char* depth, OfxRectI bounds, double a
 
 }  // namespace
 
-// Negative row bytes store the rows top-down from the bottom row at data, as
-// OFX allows; rows so far apart that the frame spans more than 2^31 bytes
-// (in sparse storage, where only the pages touched cost memory) come 64 MiB
-// apart either way or 2^31 bytes apart top-down. The frame comes out as from
-// packed rows stored bottom-up, bit for bit, through the premultiplication in
-// place, the blur, the blend of a negative amount and the demo mark, also
-// with only some images relaid.
+// Rows stored top-down (negative row bytes) or so far apart that the frame
+// spans over 2^31 bytes (sparse storage, only touched pages cost memory)
+// render bit for bit as packed bottom-up rows, through the premultiplication
+// in place, the blur, the blend and the demo mark.
 TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
     const OfxRectI wide = {-3, 2, 37, 43}, tall = {0, 0, 32, 40}, low = {0, 0, 32, 3};
     const char* all = "Source Motion Vectors Output";

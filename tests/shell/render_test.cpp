@@ -211,11 +211,9 @@ TEST(Render, DemoModeWarnsOnceInABackgroundRender) {
     }
 }
 
-// The first two frames of a background demo render, on two host threads at
-// once: the warning flag is shared between them without a race, and one or
-// both may warn. The host holds each warning until both frames have warned,
-// so both read the flag before either sets it (a thread sanitizer then sees
-// the two writes race on a plain flag).
+// The first two frames of a background demo render at once, each warning held
+// until both frames have warned, so both read the shared flag before either
+// sets it: no race (the tsan preset runs this), one or two warnings.
 TEST(Render, TwoFirstFramesAtOnceShareTheWarningFlag) {
     setenv("TRELVO_DEMO", "1", 1);
     std::mutex mutex;
