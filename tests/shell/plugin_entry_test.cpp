@@ -73,41 +73,44 @@ OfxStatus ThrowingGetString(OfxPropertySetHandle, const char*, int, char**) {
     return kOfxStatOK;
 }
 
-}  // namespace
-
-TEST_F(ShellEntry, LoadReadsNameAndLabelEvenWithoutMessageSuite) {
-    HostConfig config;
-    config.name = "com.example.host";
-    config.label = "Example Host";
-    config.omittedSuites = {kOfxMessageSuite};
-    startHost(config);
-    EXPECT_EQ(action(kOfxActionLoad), kOfxStatErrMissingHostFeature);
-    ASSERT_NE(QVOfxHost.name, nullptr);
-    ASSERT_NE(QVOfxHost.label, nullptr);
-    EXPECT_STREQ(QVOfxHost.name, "com.example.host");
-    EXPECT_STREQ(QVOfxHost.label, "Example Host");
+// A memory suite that answers with these, whatever it is asked.
+void* gStubBlock = nullptr;
+OfxStatus gStubStatus = kOfxStatOK;
+OfxStatus stubAlloc(void*, size_t, void** block) {
+    *block = gStubBlock;
+    return gStubStatus;
 }
 
+}  // namespace
+
 // Nuke's processor count reaches the thread layer, clamped to the pool's 1024
-// slots; other hosts leave the limit alone, and Unload forgets Nuke's.
-TEST_F(ShellEntry, NukeProcessorCountReachesTheThreadLayer) {
+// slots; other hosts leave the limit alone, and Unload forgets Nuke's. Load
+// reads the host's name and label even when it fails for a missing suite.
+TEST_F(ShellEntry, LoadRecordsTheHostAndNukesProcessorCount) {
     const struct {
         const char* name;
         unsigned int cpus;
         int32_t expected;
-    } cases[] = {
-        {"uk.co.thefoundry.nuke", 3, 3},       {"uk.co.thefoundry.nuk", 3, 3},
-        {"uk.co.thefoundry.nuke", 2000, 1024}, {"uk.co.thefoundry.nuke", 4294967295u, 1024},
-        {"com.eyeonline.Fusion", 3, 7},        {"com.example.host", 3, 7},
-    };
+        bool messages = true;
+    } cases[] = {{"uk.co.thefoundry.nuke", 3, 3},       {"uk.co.thefoundry.nuk", 3, 3},
+                 {"uk.co.thefoundry.nuke", 2000, 1024}, {"uk.co.thefoundry.nuke", 4294967295u, 1024},
+                 {"com.eyeonline.Fusion", 3, 7},        {"com.example.host", 3, 7},
+                 {"uk.co.thefoundry.nuke", 5, 5, false}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << c.name << ", " << c.cpus << (c.messages ? "" : ", no message suite"));
         HostConfig config;
         config.name = c.name;
+        config.label = "Some Host";
         config.numCPUs = c.cpus;
+        if (!c.messages) config.omittedSuites = {kOfxMessageSuite};
         startHost(config);
         setThreadCount(7);
-        EXPECT_EQ(action(kOfxActionLoad), kOfxStatOK) << c.name;
-        EXPECT_EQ(kqmp_maxthreads(), c.expected) << c.name << ", " << c.cpus;
+        EXPECT_EQ(action(kOfxActionLoad), c.messages ? kOfxStatOK : kOfxStatErrMissingHostFeature);
+        EXPECT_EQ(kqmp_maxthreads(), c.expected);
+        ASSERT_TRUE(QVOfxHost.name && QVOfxHost.label);
+        EXPECT_STREQ(QVOfxHost.name, c.name);
+        EXPECT_STREQ(QVOfxHost.label, "Some Host");
         EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
         EXPECT_EQ(kqmp_maxthreads(), std::min<int32_t>(1024, std::max<int32_t>(1, kqmp_numcpus())))
             << "Unload gives the pool back its own count";
@@ -232,15 +235,6 @@ TEST_F(ShellEntry, MessagesByHostAndFunctionLiteralAndBounded) {
               (std::vector<std::string>{"Pfx: Out of memory.", "Pfx: Out of memory.", "Pfx: Out of memory.",
                                         "Pfx: 50% done, %s%n", cut, cut + "\n", prefix.substr(0, 255)}));
 }
-
-namespace {
-void* gStubBlock = nullptr;
-OfxStatus gStubStatus = kOfxStatOK;
-OfxStatus stubAlloc(void*, size_t, void** block) {
-    *block = gStubBlock;
-    return gStubStatus;
-}
-}  // namespace
 
 TEST_F(ShellEntry, MemoryHooksGoThroughTheHostAndTrustOnlyItsStatus) {
     Host& host = startHost();
