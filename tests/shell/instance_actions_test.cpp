@@ -1,6 +1,7 @@
-// The questions a host asks an instance before rendering, answered by the
-// built module: identity, clip preferences, regions, time domain, frames
-// needed, and the actions that only report.
+// The effect's interface and the questions a host asks an instance before
+// rendering, answered by the built module: the clips and parameters each kind
+// of host is given, identity, clip preferences, regions, time domain, frames
+// needed.
 #include <cmath>
 #include <string>
 #include <vector>
@@ -11,36 +12,77 @@ using namespace trelvotest;
 
 namespace {
 
+using Writes = std::vector<PropertyWrite>;
+
 PropertyWrite write(const std::string& name, int index, PropertyValue value, OfxStatus status = kOfxStatOK) {
     return PropertyWrite{name, index, std::move(value), status};
 }
 
-std::vector<PropertyWrite> rectWrites(const std::string& name, OfxRectD r, OfxStatus status = kOfxStatOK) {
+Writes rectWrites(const std::string& name, OfxRectD r, OfxStatus status = kOfxStatOK) {
     return {write(name, 0, r.x1, status), write(name, 1, r.y1, status), write(name, 2, r.x2, status),
             write(name, 3, r.y2, status)};
 }
 
 }  // namespace
 
-TEST(InstanceActions, CreateInstanceAcceptsOnlyTheGeneralContext) {
-    for (const char* context :
-         {kOfxImageEffectContextGeneral, kOfxImageEffectContextFilter, "OfxImageEffectContextGeneralX"}) {
-        Session s;
+// Three RGBA clips without tiles, a page listing every parameter once (the
+// hidden one on Nuke and Fusion only, defined twice on Fusion), each double's
+// default inside its range.
+TEST(DescribeInContext, ClipsAndAPageOfEveryParameterByHost) {
+    for (const auto& [host, hidden] : {std::pair{kOurs, 0}, {kNuke, 1}, {kFusion, 2}}) {
+        SCOPED_TRACE(host);
+        Session s(hostNamed(host));
+        s.describe();
+        ImageEffect& d = *s.plugin().contextDescriptor();
+        EXPECT_EQ(d.clips().size(), 3u);
+        for (const auto& clip : d.clips()) {
+            EXPECT_EQ(clip->properties().values(kOfxImageEffectPropSupportedComponents),
+                      Values{std::string(kOfxImageComponentRGBA)});
+            EXPECT_EQ(clip->properties().values(kOfxImageEffectPropSupportsTiles), Values{0});
+        }
+        Values listed, page = d.param("Main")->properties().values(kOfxParamPropPageChild);
+        int hiddenDefined = 0;
+        for (const auto& definition : d.params().definitions()) {
+            hiddenDefined += definition.name == "QFXCustomData";
+            if (definition.type == kOfxParamTypePage ||
+                (definition.name == "QFXCustomData" && hiddenDefined > 1))
+                continue;
+            listed.push_back(definition.name);
+            if (definition.type != kOfxParamTypeDouble) continue;
+            const PropertySet& p = d.param(definition.name)->properties();
+            const auto value = [&](const char* property) {
+                return std::get<double>(p.values(property).at(0));
+            };
+            EXPECT_LE(value(kOfxParamPropMin), value(kOfxParamPropDefault)) << definition.name;
+            EXPECT_LE(value(kOfxParamPropDefault), value(kOfxParamPropMax)) << definition.name;
+        }
+        EXPECT_EQ(hiddenDefined, hidden);
+        EXPECT_EQ(page, listed) << "the page lists the parameters in the order defined";
+        EXPECT_EQ(listed.size(), 4u + (hidden ? 1 : 0));
+    }
+}
+
+TEST(DescribeInContext, EveryOtherContextFailsDefinesNothingAndMakesNoInstance) {
+    for (const char* context : {kOfxImageEffectContextFilter, kOfxImageEffectContextGenerator,
+                                kOfxImageEffectContextTransition, "", "OfxImageEffectContextGeneralX"}) {
+        Session s(hostNamed(kFusion));  // the host that would define the most
         s.describe(context);
-        const bool general = context == std::string(kOfxImageEffectContextGeneral);
-        EXPECT_EQ(s.plugin().createInstance().status, general ? kOfxStatOK : kOfxStatFailed) << context;
+        ImageEffect& d = *s.plugin().contextDescriptor();
+        SCOPED_TRACE(testing::Message() << '"' << context << '"');
+        EXPECT_TRUE(d.clips().empty() && d.params().definitions().empty() && d.properties().writes().empty());
+        EXPECT_EQ(s.plugin().createInstance().status, *context ? kOfxStatFailed : kOfxStatOK)
+            << "an empty context creates a general instance";
     }
 }
 
 TEST(InstanceActions, IdentityByWindowWidthThenByAmount) {
     Session s;
-    ofxhost::Param& amount = *s.instance().param("valMBAmount");
-    struct Case {
+    Param& amount = *s.instance().param("valMBAmount");
+    const struct {
         OfxRectI window;
         double amount;
         bool identity;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{0, 0, 31, 1}, 0.5, true},       // 7 - 0: narrow, the amount isn't asked
         {{-3, 0, 29, 1}, 0.5, true},      // -3 / 4 is 0, 29 / 4 is 7
         {{0, 0, 31, 100000}, 0.5, true},  // height plays no part
@@ -50,7 +92,9 @@ TEST(InstanceActions, IdentityByWindowWidthThenByAmount) {
         {{0, 0, 1000, 1}, 0.5, false},    {{0, 0, 32, 1}, 0.0, true},   {{0, 0, 32, 1}, -0.0, true},
         {{0, 0, 32, 1}, 0.000001, false}, {{0, 0, 32, 1}, -2.0, false}, {{0, 0, 32, 1}, std::nan(""), false},
     };
-    for (const Case& c : cases) {
+    const Writes named = {write(kOfxPropName, 0, std::string("Source"))},
+                 timed = {write(kOfxPropTime, 0, 12.5)};
+    for (const auto& c : cases) {
         amount.setValue(c.amount);
         const uint64_t asked = amount.valueRequests();
         ActionResult r = s.plugin().isIdentity(12.5, c.window);
@@ -58,27 +102,19 @@ TEST(InstanceActions, IdentityByWindowWidthThenByAmount) {
         SCOPED_TRACE(testing::Message()
                      << "window x " << c.window.x1 << ".." << c.window.x2 << ", amount " << c.amount);
         EXPECT_EQ(amount.valueRequests() - asked, wide ? 1u : 0u);
-        if (!c.identity) {
-            EXPECT_EQ(r.status, kOfxStatReplyDefault);
-            EXPECT_TRUE(r.outArgs->writes().empty());
-            continue;
-        }
-        EXPECT_EQ(r.status, kOfxStatOK);
-        EXPECT_EQ(r.outArgs->writes(),
-                  std::vector<PropertyWrite>{write(kOfxPropName, 0, std::string("Source"))});
-        EXPECT_EQ(r.inArgs->writes(), std::vector<PropertyWrite>{write(kOfxPropTime, 0, 12.5)})
-            << "the time goes into inArgs";
+        EXPECT_EQ(r.status, c.identity ? kOfxStatOK : kOfxStatReplyDefault);
+        EXPECT_EQ(r.outArgs->writes(), c.identity ? named : Writes{});
+        EXPECT_EQ(r.inArgs->writes(), c.identity ? timed : Writes{}) << "the time goes into inArgs";
     }
 }
 
 TEST(InstanceActions, ClipPreferencesFollowTheSourceUnmappedFormat) {
-    struct Case {
+    const struct {
         const char* depth;
         const char* components;
         const char* outDepth;
         const char* outComponents;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kOfxBitDepthByte, kOfxImageComponentRGBA, kOfxBitDepthByte, kOfxImageComponentRGBA},
         {kOfxBitDepthShort, kOfxImageComponentRGB, kOfxBitDepthShort, kOfxImageComponentRGBA},
         {kOfxBitDepthFloat, kOfxImageComponentAlpha, kOfxBitDepthFloat, kOfxImageComponentAlpha},
@@ -86,30 +122,30 @@ TEST(InstanceActions, ClipPreferencesFollowTheSourceUnmappedFormat) {
         {"OfxBitDepthByteX", "OfxImageComponentAlphaX", kOfxBitDepthFloat, kOfxImageComponentRGBA},
         {"", "", kOfxBitDepthFloat, kOfxImageComponentRGBA},
     };
-    for (bool mixed : {true, false}) {
+    // Mixed depths answered yes, no, or not at all (taken for yes).
+    for (auto [mixed, answered] : {std::pair{true, true}, {false, true}, {true, false}}) {
         HostConfig config;
         config.multipleClipDepths = mixed;
+        if (!answered) config.omittedProperties = {kOfxImageEffectPropSupportsMultipleClipDepths};
         Session s(config);
         ImageEffect& e = s.instance();
-        for (const Case& c : cases) {
+        for (const auto& c : cases) {
             SCOPED_TRACE(testing::Message()
                          << c.depth << " " << c.components << (mixed ? "" : " without mixed depths"));
             e.clip("Source")->setFormat(c.depth, c.components);
             e.clip("Output")->setFormat(kOfxBitDepthByte, kOfxImageComponentRGB);
             ActionResult r = s.plugin().clipPreferences();
             EXPECT_EQ(r.status, kOfxStatOK);
-            std::vector<PropertyWrite> expected = {
-                write("OfxImageClipPropComponents_Output", 0, std::string(c.outComponents))};
+            Writes expected = {write("OfxImageClipPropComponents_Output", 0, std::string(c.outComponents))};
             if (mixed) expected.push_back(write("OfxImageClipPropDepth_Output", 0, std::string(c.outDepth)));
             // Neither is an out property of this action; a host refuses both.
             expected.push_back(write(kOfxImageClipPropFieldExtraction, 0, std::string(kOfxImageFieldBoth),
                                      kOfxStatErrUnknown));
             expected.push_back(write(kOfxImageEffectPropTemporalClipAccess, 0, 0, kOfxStatErrUnknown));
             EXPECT_EQ(r.outArgs->writes(), expected);
-            if (!mixed) {
-                EXPECT_EQ(r.out("OfxImageClipPropDepth_Output"), Values{std::string(kOfxBitDepthByte)})
-                    << "the host's own choice stands";
-            }
+            EXPECT_EQ(r.out("OfxImageClipPropDepth_Output"),
+                      Values{std::string(mixed ? c.outDepth : "OfxBitDepthByte")})
+                << "without mixed depths the host's own choice stands";
         }
     }
 }
@@ -125,7 +161,7 @@ TEST(InstanceActions, RegionsOfInterestGoToTheSourceAndToBareClipNames) {
             e.clip("Motion Vectors")->setConnected(vectorsConnected);
             ActionResult r = s.plugin().regionsOfInterest(2.0, roi);
             EXPECT_EQ(r.status, kOfxStatOK);
-            std::vector<PropertyWrite> expected = rectWrites("OfxImageClipPropRoI_Source", roi);
+            Writes expected = rectWrites("OfxImageClipPropRoI_Source", roi);
             for (auto [connected, name] :
                  {std::pair{outputConnected, "Output"}, {vectorsConnected, "Motion Vectors"}})
                 if (connected)
@@ -161,9 +197,8 @@ TEST(InstanceActions, RegionOfDefinitionTimeDomainAndFramesNeeded) {
 
     r = s.plugin().framesNeeded(7.25);
     EXPECT_EQ(r.status, kOfxStatOK);
-    EXPECT_EQ(r.outArgs->writes(),
-              (std::vector<PropertyWrite>{write("OfxImageClipPropFrameRange_Source", 0, 7.25),
-                                          write("OfxImageClipPropFrameRange_Source", 1, 7.25),
-                                          write("OfxImageClipPropFrameRange_Motion Vectors", 0, 7.25),
-                                          write("OfxImageClipPropFrameRange_Motion Vectors", 1, 7.25)}));
+    EXPECT_EQ(r.outArgs->writes(), (Writes{write("OfxImageClipPropFrameRange_Source", 0, 7.25),
+                                           write("OfxImageClipPropFrameRange_Source", 1, 7.25),
+                                           write("OfxImageClipPropFrameRange_Motion Vectors", 0, 7.25),
+                                           write("OfxImageClipPropFrameRange_Motion Vectors", 1, 7.25)}));
 }
