@@ -110,10 +110,8 @@ TEST(InstanceActions, ClipPreferencesFollowTheSourceUnmappedFormat) {
     }
 }
 
-// The region of interest goes to the Source alone (the vectors keep the
-// host's default); the region of definition is the Source's; the time domain
-// the vectors' range, or the Source's where the host doesn't answer; one
-// frame of each input is needed.
+// RoI to the Source alone, the Source's RoD, the vectors' time domain (else
+// the Source's), one frame of each input.
 TEST(InstanceActions, RegionsTimeDomainAndFramesNeeded) {
     Session s;
     ImageEffect& e = s.instance();

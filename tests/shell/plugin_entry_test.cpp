@@ -80,9 +80,8 @@ OfxStatus stubAlloc(void*, size_t, void** block) {
 
 }  // namespace
 
-// Nuke's processor count reaches the thread layer, clamped to the pool's 1024
-// slots; other hosts leave the limit alone, and Unload forgets Nuke's. Load
-// reads the host's name and label even when it fails for a missing suite.
+// Nuke's processor count reaches the pool, clamped to its slots, until
+// Unload; Load records the host even when it fails for a missing suite.
 TEST_F(ShellEntry, LoadRecordsTheHostAndNukesProcessorCount) {
     const struct {
         const char* name;
@@ -114,26 +113,6 @@ TEST_F(ShellEntry, LoadRecordsTheHostAndNukesProcessorCount) {
             << "Unload gives the pool back its own count";
         stopHost();
     }
-}
-
-TEST_F(ShellEntry, OnlyUnloadAfterLoadGivesTheLibraryThePlainHeapBack) {
-    Host& host = startHost();
-    // Hooks into the host without a Load: Unload must leave them.
-    gMemoryHost = const_cast<OfxMemorySuiteV1*>(
-        static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1)));
-    setMemoryHooks(nullptr, QVUserMallocFunc, QVUserFreeFunc);
-    const auto reachesHost = [&host] {
-        const uint64_t before = host.memory().counts().allocations;
-        QVMemFree(QVMemMalloc(16));
-        return host.memory().counts().allocations > before;
-    };
-    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
-    EXPECT_TRUE(reachesHost()) << "Unload without Load cleaned up";
-    ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
-    EXPECT_TRUE(reachesHost()) << "Load binds the library to the host's memory";
-    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
-    EXPECT_FALSE(reachesHost()) << "after Unload the library uses the plain heap";
-    EXPECT_EQ(host.memory().counts().liveBytes, 0u);
 }
 
 TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
@@ -213,21 +192,32 @@ TEST_F(ShellEntry, MessagesByHostAndFunctionLiteralAndBounded) {
                                         "Pfx: 50% done, %s%n", cut, cut + "\n", prefix.substr(0, 255)}));
 }
 
-TEST_F(ShellEntry, MemoryHooksGoThroughTheHostAndTrustOnlyItsStatus) {
+// Load binds the library's heap to the host's memory suite, trusting only its
+// status; Unload, and only after a Load, gives it the plain heap back.
+TEST_F(ShellEntry, MemoryGoesThroughTheHostFromLoadToUnload) {
     Host& host = startHost();
+    // Hooks into the host without a Load: Unload must leave them.
+    gMemoryHost = const_cast<OfxMemorySuiteV1*>(
+        static_cast<const OfxMemorySuiteV1*>(host.fetchSuite(kOfxMemorySuite, 1)));
+    setMemoryHooks(nullptr, QVUserMallocFunc, QVUserFreeFunc);
+    const auto reachesHost = [&host] {
+        const uint64_t before = host.memory().counts().allocations;
+        QVMemFree(QVMemMalloc(16));
+        return host.memory().counts().allocations > before;
+    };
+    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
+    EXPECT_TRUE(reachesHost()) << "Unload without Load cleaned up";
     ASSERT_EQ(action(kOfxActionLoad), kOfxStatOK);
-    void* block = QVUserMallocFunc(nullptr, 100);
-    ASSERT_NE(block, nullptr);
-    EXPECT_EQ(host.memory().counts().liveBytes, 100u);
-    QVUserFreeFunc(nullptr, block);
+    EXPECT_TRUE(reachesHost()) << "Load binds the library to the host's memory";
     QVUserFreeFunc(nullptr, nullptr);
     EXPECT_EQ(host.memory().counts().badFrees, 0u) << "a null block reached the host";
-    EXPECT_EQ(host.memory().counts().liveBytes, 0u);
-    host.memory().failAfter(1);
+    host.memory().failAfter(0);
     EXPECT_EQ(QVUserMallocFunc(nullptr, 8), nullptr);
+    host.memory().failAfter(-1);
 
     // A host that fails yet hands back a pointer, and one that succeeds with null.
     static OfxMemorySuiteV1 stub = {stubAlloc, nullptr};
+    OfxMemorySuiteV1* answering = gMemoryHost;
     gMemoryHost = &stub;
     char dummy = 0;
     for (auto [status, given] :
@@ -236,4 +226,8 @@ TEST_F(ShellEntry, MemoryHooksGoThroughTheHostAndTrustOnlyItsStatus) {
         gStubBlock = given;
         EXPECT_EQ(QVUserMallocFunc(nullptr, 8), nullptr) << "status " << status;
     }
+    gMemoryHost = answering;
+    EXPECT_EQ(action(kOfxActionUnload), kOfxStatOK);
+    EXPECT_FALSE(reachesHost()) << "after Unload the library uses the plain heap";
+    EXPECT_EQ(host.memory().counts().liveBytes, 0u);
 }

@@ -52,6 +52,30 @@ Change unanswered(const char* property, Change layout = nullptr) {
     };
 }
 
+// The Output and the un-premultiplied Source after a frame of the pattern,
+// the clips in `relaid` changed; a negative amount blends in demo mode.
+std::vector<double> renderedPattern(const char* bits, OfxRectI bounds, double amount,
+                                    const std::string& relaid = "", const Change& relayout = {}) {
+    setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
+    Rig rig({}, bits, bounds);
+    rig.e->param("valMBAmount")->setValue(amount);
+    fillPattern(*rig.source, *rig.vectors, bits, 0);
+    for (const std::string clip : kClips)
+        hand(rig, clip, [&](ImageFormat& f) {
+            if (clip != "Motion Vectors") f.premultiplication = kOfxImageUnPreMultiplied;
+            if (relaid.find(clip) != std::string::npos) relayout(f);
+        });
+    EXPECT_EQ(rig.render().status, kOfxStatOK);
+    unsetenv("TRELVO_DEMO");
+    EXPECT_TRUE(rig.output->guardsIntact());
+    std::vector<double> pixels;
+    for (const auto& image : {rig.output, rig.source})
+        for (int y = bounds.y1; y < bounds.y2; ++y)
+            for (int x = bounds.x1; x < bounds.x2; ++x)
+                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
+    return pixels;
+}
+
 }  // namespace
 
 TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouched) {
@@ -107,39 +131,8 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
     }
 }
 
-namespace {
-
-// The Output and the Source after one frame of the pattern, both
-// un-premultiplied (so converted in place), the clips in `relaid` changed by
-// `relayout`; a negative amount runs in demo mode (blend and demo mark).
-std::vector<double> renderedPattern(const char* bits, OfxRectI bounds, double amount,
-                                    const std::string& relaid = "", const Change& relayout = {}) {
-    setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
-    Rig rig({}, bits, bounds);
-    rig.e->param("valMBAmount")->setValue(amount);
-    fillPattern(*rig.source, *rig.vectors, bits, 0);
-    for (const std::string clip : kClips)
-        hand(rig, clip, [&](ImageFormat& f) {
-            if (clip != "Motion Vectors") f.premultiplication = kOfxImageUnPreMultiplied;
-            if (relaid.find(clip) != std::string::npos) relayout(f);
-        });
-    EXPECT_EQ(rig.render().status, kOfxStatOK);
-    unsetenv("TRELVO_DEMO");
-    EXPECT_TRUE(rig.output->guardsIntact());
-    std::vector<double> pixels;
-    for (const auto& image : {rig.output, rig.source})
-        for (int y = bounds.y1; y < bounds.y2; ++y)
-            for (int x = bounds.x1; x < bounds.x2; ++x)
-                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
-    return pixels;
-}
-
-}  // namespace
-
-// Rows stored top-down (negative row bytes) or so far apart that the frame
-// spans over 2^31 bytes (sparse storage, only touched pages cost memory)
-// render bit for bit as packed bottom-up rows, through the premultiplication
-// in place, the blur, the blend and the demo mark.
+// Rows stored top-down or so far apart that the frame spans over 2^31 bytes
+// (sparse storage) render bit for bit as packed rows, through every stage.
 TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
     const OfxRectI wide = {-3, 2, 37, 43}, tall = {0, 0, 32, 40}, low = {0, 0, 32, 3};
     const char* all = "Source Motion Vectors Output";
@@ -163,9 +156,8 @@ TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
                             }));
             }
 }
-// A host named as Nuke that reports more processors than the pool has slots,
-// and a frame tall enough to be shared among more threads than that: it
-// renders, here through zero vectors to the Source itself.
+// Nuke reporting more processors than the pool has slots, a frame shared
+// among that many: it renders (zero vectors give the Source itself).
 TEST(RenderHostile, MoreProcessorsThanThePoolHasSlots) {
     HostConfig config = hostNamed(kNuke, 2000);
     config.threadLimit = 4;  // the shares in turn on a few threads, as a host's pool would run them

@@ -40,9 +40,8 @@ void expectHorizontalBlur(const Rig& rig, int k) {
 
 }  // namespace
 
-// Offset bounds, padded rows on the Source and the Output, rows differing
-// only in x; vectors of the maximum displacement 4 at amount 1 give a
-// half-length of 2 (five samples), 1 at half scale (three).
+// Offset bounds and padded rows; vectors of the maximum displacement 4 at
+// amount 1 give a half-length of 2 (five samples), 1 at half scale (three).
 TEST(Render, WholeFramesInEachDepthAndScaleMatchTheWalkRules) {
     const OfxRectI bounds = {-5, 3, 19, 8};
     for (const std::string depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat}) {
@@ -74,7 +73,6 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
     auto image = [](const char* clip, BufferPtr i) {
         return [clip, i](Rig& r) { r.e->clip(clip)->setImage(i); };
     };
-    // An image like the Rig's: of alpha alone, or with a null data pointer.
     auto like = [](const char* components, bool nullData = false) {
         ImageFormat f = makeImage({0, 0, 24, 4}, kOfxBitDepthByte, 0, components)->format();
         f.nullData = nullData;
@@ -82,12 +80,6 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
     };
     auto unconnected = [](const char* clip) {
         return [clip](Rig& r) { r.e->clip(clip)->setConnected(false); };
-    };
-    auto emptyOutput = [](OfxRectI bounds) {
-        return [bounds](Rig& r) {
-            r.e->clip("Output")->setImage(makeImage(bounds, kOfxBitDepthByte));
-            r.e->clip("Source")->setConnected(false);  // would paint red on any pixel
-        };
     };
     // The first check, before the Output is wrapped, passes.
     auto aborting = [](SetUp f) {
@@ -118,7 +110,12 @@ TEST(Render, EveryFailurePathShowsItsColourAndReportsSuccess) {
         {"no vector data", image("Motion Vectors", like(kOfxImageComponentRGBA, true)), &kRed},
         {"Source of alpha alone", image("Source", like(kOfxImageComponentAlpha)), &kRed},
         {"vectors of alpha alone", image("Motion Vectors", like(kOfxImageComponentAlpha)), &kRed},
-        {"zero-width Output", emptyOutput({5, 5, 5, 9}), nullptr},
+        {"zero-width Output (an unconnected Source would paint it red)",
+         [](Rig& r) {
+             r.e->clip("Output")->setImage(makeImage({5, 5, 5, 9}, kOfxBitDepthByte));
+             r.e->clip("Source")->setConnected(false);
+         },
+         nullptr},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.cause);
