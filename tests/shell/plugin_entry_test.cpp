@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -127,13 +126,10 @@ TEST_F(ShellEntry, NoExceptionCrossesTheEntryIntoTheHost) {
     ImageEffect context(kOfxImageEffectContextGeneral);
     PropertySet inArgs;
     // A PLErr by its OFX status, std::bad_alloc as out of memory, anything else as a failure.
-    const std::pair<void (*)(), OfxStatus> cases[] = {
-        {[] { throw PLErrOutOfMemory; }, kOfxStatErrMemory},
-        {[] { throw PLErrFailed; }, kOfxStatFailed},
-        {[] { throw PLErrAborted; }, kOfxStatOK},
-        {[] { throw std::bad_alloc(); }, kOfxStatErrMemory},
-        {[] { throw std::runtime_error("host"); }, kOfxStatFailed},
-        {[] { throw 7; }, kOfxStatFailed}};
+    const std::pair<void (*)(), OfxStatus> cases[] = {{[] { throw PLErrOutOfMemory; }, kOfxStatErrMemory},
+                                                      {[] { throw PLErrAborted; }, kOfxStatOK},
+                                                      {[] { throw std::bad_alloc(); }, kOfxStatErrMemory},
+                                                      {[] { throw 7; }, kOfxStatFailed}};
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(i);
         gThrow = cases[i].first;
