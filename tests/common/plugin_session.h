@@ -1,7 +1,5 @@
 // What the tests through the built module share: a session of one host with
-// the module freshly loaded (fresh globals), torn down in the safe order
-// (instance, Unload, dlclose, host); a render rig of one instance with all
-// three clips connected; and helpers for host images.
+// the module freshly loaded, a render rig of one instance, host images.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,7 +23,6 @@ using BufferPtr = std::shared_ptr<ImageBuffer>;
 inline constexpr const char* kOurs = "com.corvane.trelvo-render";
 inline constexpr const char* kNuke = "uk.co.thefoundry.nuke";
 inline constexpr const char* kFusion = "com.eyeonline.Fusion";
-inline constexpr const char* kToxik = "Autodesk Toxik";
 inline constexpr const char* kClips[] = {"Source", "Motion Vectors", "Output"};
 
 inline HostConfig hostNamed(const std::string& name, unsigned int cpus = 0) {
@@ -35,6 +32,7 @@ inline HostConfig hostNamed(const std::string& name, unsigned int cpus = 0) {
     return config;
 }
 
+// Torn down in the safe order: instance, Unload, dlclose, host.
 class Session {
   public:
     explicit Session(HostConfig config = {}) : host_(std::move(config)) {
@@ -113,16 +111,14 @@ inline double white(const std::string& depth) {
     return depth == kOfxBitDepthByte ? 255.0 : depth == kOfxBitDepthShort ? 65535.0 : 1.0;
 }
 
-// The code of a vector component that stands for the fraction f of the
-// maximum displacement: 127 + 127 f, 32767 + 32767 f, 0.5 + 0.5 f.
+// The code of a vector component for the fraction f of the maximum displacement.
 inline double vectorCode(const std::string& depth, double f) {
     if (depth == kOfxBitDepthByte) return 127.0 + 127.0 * f;
     if (depth == kOfxBitDepthShort) return 32767.0 + 32767.0 * f;
     return 0.5 + 0.5 * f;
 }
 
-// A source with varied alpha, and vectors with holes and a vertical motion
-// that grows by row, each of the given depth: `seed` varies both.
+// A Source with varied alpha, vectors with holes and a motion growing by row.
 inline void fillPattern(ImageBuffer& source, ImageBuffer& vectors, const std::string& depth, int seed) {
     const double top = white(depth);
     const OfxRectI& b = source.format().bounds;
@@ -138,8 +134,7 @@ inline void fillPattern(ImageBuffer& source, ImageBuffer& vectors, const std::st
         }
 }
 
-// The three clips connected over frames 0..10, at amount 1, maximum
-// displacement 4 and scales 1.
+// The clips connected over frames 0..10, amount 1, maximum displacement 4.
 inline void connectClips(ImageEffect& e) {
     for (const char* name : kClips) {
         e.clip(name)->setConnected(true);
@@ -152,8 +147,7 @@ inline void connectClips(ImageEffect& e) {
         e.param(name)->setValue(value);
 }
 
-// One instance with the clips connected, an image of the depth on each, and
-// zero vectors.
+// One instance with the clips connected, an image of the depth on each, zero vectors.
 struct Rig {
     explicit Rig(HostConfig config = {}, const std::string& depthIn = kOfxBitDepthByte,
                  OfxRectI bounds = {0, 0, 24, 4}, int sourcePadding = 0, int outputPadding = 0)
@@ -171,7 +165,6 @@ struct Rig {
     BufferPtr& image(const std::string& clip) {
         return clip == "Source" ? source : clip == "Output" ? output : vectors;
     }
-    // Every vector the same horizontal fraction f of the maximum displacement.
     void uniformVectors(double f) {
         fillPixels(*vectors, {vectorCode(depth, f), vectorCode(depth, 0.0), 0.0, white(depth)});
     }
@@ -193,8 +186,7 @@ struct Rig {
     BufferPtr source, vectors, output;
 };
 
-// Every pixel of the image has this colour (in element values), as far as
-// it has channels: a one-channel image holds the colour's first value.
+// Every pixel has this colour (element values), as far as it has channels.
 inline ::testing::AssertionResult allPixels(const ImageBuffer& image, const std::vector<double>& rgba) {
     const OfxRectI& b = image.format().bounds;
     for (int y = b.y1; y < b.y2; ++y)

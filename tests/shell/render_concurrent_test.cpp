@@ -2,6 +2,7 @@
 // through one instance and through an instance each, equal bit for bit to the
 // frames rendered alone: on our host (the plug-in's pool runs the rows) and on
 // Nuke in demo mode (the host's threads do). The tsan preset runs this too.
+#include <array>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,14 +26,12 @@ const struct {
     {kOfxBitDepthByte, {10, -7, 33, 71}, 2.0},
 };
 
-struct Images {
-    BufferPtr source, vectors, output;
-};
+using Images = std::array<BufferPtr, 3>;  // in the order of kClips
 
 Images imagesFor(int j) {
-    Images i{makeImage(kJobs[j].bounds, kJobs[j].depth), makeImage(kJobs[j].bounds, kJobs[j].depth),
-             makeImage(kJobs[j].bounds, kJobs[j].depth)};
-    fillPattern(*i.source, *i.vectors, kJobs[j].depth, j);
+    Images i;
+    for (BufferPtr& image : i) image = makeImage(kJobs[j].bounds, kJobs[j].depth);
+    fillPattern(*i[0], *i[1], kJobs[j].depth, j);
     return i;
 }
 
@@ -55,20 +54,20 @@ class RenderConcurrent : public ::testing::TestWithParam<bool> {  // true: Nuke 
     void expectAsRenderedAlone(std::vector<Images>& images, Render render) {
         std::vector<std::vector<unsigned char>> alone;
         for (int j = 0; j < 4; ++j) {
-            fillPixels(*images[j].output, kMarker);
+            fillPixels(*images[j][2], kMarker);
             EXPECT_EQ(render(j), kOfxStatOK);
-            EXPECT_FALSE(allPixels(*images[j].output, kMarker)) << "job " << j << " rendered nothing";
-            alone.push_back(images[j].output->bytes());
+            EXPECT_FALSE(allPixels(*images[j][2], kMarker)) << "job " << j << " rendered nothing";
+            alone.push_back(images[j][2]->bytes());
         }
         for (int round = 0; round < 3; ++round) {
-            for (Images& i : images) fillPixels(*i.output, kMarker);
+            for (Images& i : images) fillPixels(*i[2], kMarker);
             std::vector<std::thread> threads;
             OfxStatus statuses[4] = {kOfxStatFailed, kOfxStatFailed, kOfxStatFailed, kOfxStatFailed};
             for (int j = 0; j < 4; ++j) threads.emplace_back([&, j] { statuses[j] = render(j); });
             for (std::thread& t : threads) t.join();
             for (int j = 0; j < 4; ++j) {
                 EXPECT_EQ(statuses[j], kOfxStatOK);
-                EXPECT_TRUE(alone[j] == images[j].output->bytes()) << "job " << j << ", round " << round;
+                EXPECT_TRUE(alone[j] == images[j][2]->bytes()) << "job " << j << ", round " << round;
             }
         }
     }
@@ -86,12 +85,9 @@ TEST_P(RenderConcurrent, ThroughOneInstanceAndAnInstanceEachEveryFrameIsAsRender
         images.push_back(imagesFor(j));
         effect.param("valMBAmount")->setKey(j + 1, kJobs[j].amount);
     }
-    auto at = [images](BufferPtr Images::*image) {
-        return [images, image](OfxTime t) { return images[static_cast<size_t>(t) - 1].*image; };
-    };
-    effect.clip("Source")->setImageSource(at(&Images::source));
-    effect.clip("Motion Vectors")->setImageSource(at(&Images::vectors));
-    effect.clip("Output")->setImageSource(at(&Images::output));
+    for (size_t k = 0; k < 3; ++k)
+        effect.clip(kClips[k])->setImageSource(
+            [images, k](OfxTime t) { return images[static_cast<size_t>(t) - 1][k]; });
     expectAsRenderedAlone(images, [&](int j) { return renderAt(s.plugin(), j + 1); });
 
     std::vector<std::unique_ptr<Plugin>> instances;
@@ -103,9 +99,7 @@ TEST_P(RenderConcurrent, ThroughOneInstanceAndAnInstanceEachEveryFrameIsAsRender
         connectClips(*p.instance());
         images[j] = imagesFor(j);
         p.instance()->param("valMBAmount")->setValue(kJobs[j].amount);
-        p.instance()->clip("Source")->setImage(images[j].source);
-        p.instance()->clip("Motion Vectors")->setImage(images[j].vectors);
-        p.instance()->clip("Output")->setImage(images[j].output);
+        for (size_t k = 0; k < 3; ++k) p.instance()->clip(kClips[k])->setImage(images[j][k]);
     }
     expectAsRenderedAlone(images, [&](int j) { return renderAt(*instances[j], 0); });
     for (auto& p : instances) p->destroyInstance();

@@ -1,7 +1,5 @@
-// Hosts that hand out what no well-behaved host does: undeclared or unanswered
-// formats, bad row bytes or bounds, too many processors, rows gigabytes apart.
-// Guard bytes show any stray write; what can't be read is refused in red, what
-// can is rendered as a plain frame.
+// Hosts that hand out what no well-behaved host does. Guard bytes show any
+// stray write; what can't be read is refused in red, what can is rendered.
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -37,24 +35,45 @@ void hand(Rig& rig, const std::string& clip, const Change& change) {
     rig.e->clip(clip)->setImage(image);
 }
 
-Change components(std::string text) {
-    return [text](ImageFormat& f) { f.components = text; };
+// The format's field set to the value.
+template <auto Field, typename T>
+Change set(T value) {
+    return [value](ImageFormat& f) { f.*Field = value; };
 }
-Change depth(std::string text) {
-    return [text](ImageFormat& f) { f.depth = text; };
-}
-Change rowBytes(int bytes) {
-    return [bytes](ImageFormat& f) { f.rowBytes = bytes; };
-}
-Change statedBounds(OfxRectI bounds) {
-    return [bounds](ImageFormat& f) { f.statedBounds = bounds; };
-}
+const auto components = set<&ImageFormat::components, std::string>;
+const auto depth = set<&ImageFormat::depth, std::string>;
+const auto rowBytes = set<&ImageFormat::rowBytes, int>;
+const auto statedBounds = set<&ImageFormat::statedBounds, OfxRectI>;
 // The property unanswered, over a buffer laid out as `layout` says if given.
 Change unanswered(const char* property, Change layout = nullptr) {
     return [property, layout](ImageFormat& f) {
         if (layout) layout(f);
         f.unanswered = {property};
     };
+}
+
+// The Output and the un-premultiplied Source after a frame of the pattern,
+// the clips in `relaid` changed; a negative amount blends in demo mode.
+std::vector<double> renderedPattern(const char* bits, OfxRectI bounds, double amount,
+                                    const std::string& relaid = "", const Change& relayout = {}) {
+    setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
+    Rig rig({}, bits, bounds);
+    rig.e->param("valMBAmount")->setValue(amount);
+    fillPattern(*rig.source, *rig.vectors, bits, 0);
+    for (const std::string clip : kClips)
+        hand(rig, clip, [&](ImageFormat& f) {
+            if (clip != "Motion Vectors") f.premultiplication = kOfxImageUnPreMultiplied;
+            if (relaid.find(clip) != std::string::npos) relayout(f);
+        });
+    EXPECT_EQ(rig.render().status, kOfxStatOK);
+    unsetenv("TRELVO_DEMO");
+    EXPECT_TRUE(rig.output->guardsIntact());
+    std::vector<double> pixels;
+    for (const auto& image : {rig.output, rig.source})
+        for (int y = bounds.y1; y < bounds.y2; ++y)
+            for (int x = bounds.x1; x < bounds.x2; ++x)
+                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
+    return pixels;
 }
 
 }  // namespace
@@ -73,12 +92,9 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
          &kRed},
         {"Alpha Output under an RGBA Source", {{"Output", components(kOfxImageComponentAlpha)}}, &kRed},
         {"RGB Output", {{"Output", components(kOfxImageComponentRGB)}}, &kRed},
-        {"RGB Source", {{"Source", components(kOfxImageComponentRGB)}}, &kRed},
-        {"RGB vectors", {{"Motion Vectors", components(kOfxImageComponentRGB)}}, &kRed},
         {"vectors' components unanswered over one channel",
          {{"Motion Vectors", unanswered(kOfxImageEffectPropComponents, components(kOfxImageComponentAlpha))}},
          &kRed},
-        {"Source components unanswered", {{"Source", unanswered(kOfxImageEffectPropComponents)}}, &kRed},
         {"Output components unanswered", {{"Output", unanswered(kOfxImageEffectPropComponents)}}, nullptr},
         // Under a float Output, a Source taken for float would be read past its end.
         {"half-float Source", {floatOutput, {"Source", depth(kOfxBitDepthHalf)}}, &floatRed},
@@ -90,7 +106,6 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
         {"half-float Output", {{"Output", depth(kOfxBitDepthHalf)}}, nullptr},
         {"Output depth unanswered", {{"Output", unanswered(kOfxImageEffectPropPixelDepth)}}, nullptr},
         {"Source rows shorter than their pixels", {{"Source", rowBytes(95)}}, &kRed},
-        {"vectors' rows of no bytes", {{"Motion Vectors", rowBytes(0)}}, &kRed},
         {"Output rows shorter than their pixels", {{"Output", rowBytes(-95)}}, nullptr},
         {"Output bounds of negative height", {{"Output", statedBounds({0, 4, 24, 0})}}, nullptr},
         {"Source bounds wider than an int", {{"Source", statedBounds({INT_MIN, 0, INT_MAX, 4})}}, &kRed},
@@ -116,39 +131,8 @@ TEST(RenderHostile, ImagesItCannotReadAreRefusedAndNothingOutsideABufferIsTouche
     }
 }
 
-namespace {
-
-// The Output and the Source after one frame of the pattern, both
-// un-premultiplied (so converted in place), the clips in `relaid` changed by
-// `relayout`; a negative amount runs in demo mode (blend and demo mark).
-std::vector<double> renderedPattern(const char* depth, OfxRectI bounds, double amount,
-                                    const std::string& relaid = "", const Change& relayout = {}) {
-    setenv("TRELVO_DEMO", amount < 0 ? "1" : "0", 1);
-    Rig rig({}, depth, bounds);
-    rig.e->param("valMBAmount")->setValue(amount);
-    fillPattern(*rig.source, *rig.vectors, depth, 0);
-    for (const std::string clip : kClips)
-        hand(rig, clip, [&](ImageFormat& f) {
-            if (clip != "Motion Vectors") f.premultiplication = kOfxImageUnPreMultiplied;
-            if (relaid.find(clip) != std::string::npos) relayout(f);
-        });
-    EXPECT_EQ(rig.render().status, kOfxStatOK);
-    unsetenv("TRELVO_DEMO");
-    EXPECT_TRUE(rig.output->guardsIntact());
-    std::vector<double> pixels;
-    for (const auto& image : {rig.output, rig.source})
-        for (int y = bounds.y1; y < bounds.y2; ++y)
-            for (int x = bounds.x1; x < bounds.x2; ++x)
-                for (int c = 0; c < 4; ++c) pixels.push_back(component(*image, x, y, c));
-    return pixels;
-}
-
-}  // namespace
-
-// Rows stored top-down (negative row bytes) or so far apart that the frame
-// spans over 2^31 bytes (sparse storage, only touched pages cost memory)
-// render bit for bit as packed bottom-up rows, through the premultiplication
-// in place, the blur, the blend and the demo mark.
+// Rows stored top-down or so far apart that the frame spans over 2^31 bytes
+// (sparse storage) render bit for bit as packed rows, through every stage.
 TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
     const OfxRectI wide = {-3, 2, 37, 43}, tall = {0, 0, 32, 40}, low = {0, 0, 32, 3};
     const char* all = "Source Motion Vectors Output";
@@ -159,22 +143,21 @@ TEST(RenderHostile, RowsTopDownOrGigabytesApartRenderAsPackedRows) {
         bool sparse;
     } layouts[] = {{wide, 0, all, false},      {wide, 0, "Source", false},    {wide, 0, "Output", false},
                    {tall, 1 << 26, all, true}, {tall, -(1 << 26), all, true}, {low, INT_MIN, all, true}};
-    for (const char* depth : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat})
+    for (const char* bits : {kOfxBitDepthByte, kOfxBitDepthShort, kOfxBitDepthFloat})
         for (double amount : {1.5, -1.0})
             for (const auto& l : layouts) {
-                const int bytes = l.rowBytes ? l.rowBytes : -(40 * 4 * bytesPerComponent(depth) + 12);
-                SCOPED_TRACE(testing::Message() << depth << ", amount " << amount << ", " << l.clips
+                const int bytes = l.rowBytes ? l.rowBytes : -(40 * 4 * bytesPerComponent(bits) + 12);
+                SCOPED_TRACE(testing::Message() << bits << ", amount " << amount << ", " << l.clips
                                                 << " rows " << bytes << " bytes apart");
-                EXPECT_TRUE(renderedPattern(depth, l.bounds, amount) ==
-                            renderedPattern(depth, l.bounds, amount, l.clips, [&](ImageFormat& f) {
+                EXPECT_TRUE(renderedPattern(bits, l.bounds, amount) ==
+                            renderedPattern(bits, l.bounds, amount, l.clips, [&](ImageFormat& f) {
                                 f.rowBytes = bytes;
                                 f.sparse = l.sparse;
                             }));
             }
 }
-// A host named as Nuke that reports more processors than the pool has slots,
-// and a frame tall enough to be shared among more threads than that: it
-// renders, here through zero vectors to the Source itself.
+// Nuke reporting more processors than the pool has slots, a frame shared
+// among that many: it renders (zero vectors give the Source itself).
 TEST(RenderHostile, MoreProcessorsThanThePoolHasSlots) {
     HostConfig config = hostNamed(kNuke, 2000);
     config.threadLimit = 4;  // the shares in turn on a few threads, as a host's pool would run them
