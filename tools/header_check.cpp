@@ -70,14 +70,9 @@ class ExrHeaderReader {
     bool checkTiles(int32_t size, std::string& error) {
         unsigned char sides[8];
         if (!in_.read(reinterpret_cast<char*>(sides), 8)) return cutShort(error);
-        const int64_t width = static_cast<uint32_t>(littleEndian32(sides));
-        const int64_t height = static_cast<uint32_t>(littleEndian32(sides + 4));
-        if (width < 1 || height < 1 || width > kMaxFrameSide || height > kMaxFrameSide ||
-            width * height > kMaxTilePixels) {
-            error = path_ + ": its OpenEXR header gives tiles of " + std::to_string(width) + " x " +
-                    std::to_string(height) + " pixels, more than the 4096 x 4096 the tools read";
+        if (!checkTileSize(path_, static_cast<uint32_t>(littleEndian32(sides)),
+                           static_cast<uint32_t>(littleEndian32(sides + 4)), error))
             return false;
-        }
         in_.seekg(size - 8, std::ios::cur);
         return true;
     }
@@ -103,6 +98,16 @@ bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std:
     return true;
 }
 
+bool checkTileSize(const std::string& path, int64_t width, int64_t height, std::string& error) {
+    if (width < 1 || height < 1 || width > kMaxFrameSide || height > kMaxFrameSide ||
+        width * height > kMaxTilePixels) {
+        error = path + ": its OpenEXR header gives tiles of " + std::to_string(width) + " x " +
+                std::to_string(height) + " pixels, more than the 4096 x 4096 the tools read";
+        return false;
+    }
+    return true;
+}
+
 bool checkExrHeader(const std::string& path, std::string& error) {
     std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) return true;  // whoever opens it next says why it can't
@@ -112,5 +117,22 @@ bool checkExrHeader(const std::string& path, std::string& error) {
     if (!in.read(reinterpret_cast<char*>(start), 8) || std::memcmp(start, "\x76\x2f\x31\x01", 4) != 0)
         return true;
     const bool multipart = (start[5] & 0x10) != 0;  // bit 12 of the version word
-    return ExrHeaderReader(path, in, fileBytes).check(multipart, error);
+    if (!ExrHeaderReader(path, in, fileBytes).check(multipart, error)) return false;
+    // OpenEXR reads some attributes at their type's own size whatever size the
+    // file states, so its walk of a corrupt header can find attributes that the
+    // walk above stepped over. Every tile description near the start is checked.
+    std::string head(static_cast<size_t>(fileBytes < kHeaderScanBytes ? fileBytes : kHeaderScanBytes), '\0');
+    in.clear();
+    in.seekg(0);
+    if (!in.read(&head[0], static_cast<std::streamsize>(head.size()))) return true;
+    const std::string type("tiledesc", 9);  // with its terminating zero
+    for (size_t at = head.find(type); at != std::string::npos; at = head.find(type, at + 1)) {
+        const size_t sides = at + type.size() + 4;  // past the type and the size
+        if (sides + 8 > head.size()) break;
+        const auto* p = reinterpret_cast<const unsigned char*>(head.data() + sides);
+        if (!checkTileSize(path, static_cast<uint32_t>(littleEndian32(p)),
+                           static_cast<uint32_t>(littleEndian32(p + 4)), error))
+            return false;
+    }
+    return true;
 }

@@ -15,10 +15,16 @@ inline constexpr int64_t kMaxFrameSide = 16384;
 inline constexpr int64_t kMaxFramePixels = kMaxFrameSide * kMaxFrameSide;
 // The largest tile of a tiled OpenEXR file the tools read, in pixels.
 inline constexpr int64_t kMaxTilePixels = int64_t{4096} * 4096;
+// How far into an OpenEXR file tile descriptions are looked for.
+inline constexpr int64_t kHeaderScanBytes = int64_t{1} << 20;
 
 // False, with a message naming the file, for a frame of no pixels or with a
 // side longer than kMaxFrameSide.
 bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std::string& error);
+
+// False, with a message naming the file, for tiles of no pixels, past
+// kMaxTilePixels or with a side past kMaxFrameSide.
+bool checkTileSize(const std::string& path, int64_t width, int64_t height, std::string& error);
 
 // False, with a message naming the file, for an OpenEXR file whose header is
 // cut short or has an attribute whose size runs past the end of the file

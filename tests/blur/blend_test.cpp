@@ -1,5 +1,4 @@
-// The blend: stores and clears in each pixel type, shortcuts and quiet
-// refusals, threads, and the older blend's table from two threads at once.
+// The blend: stores and clears per pixel type, shortcuts, threads, the older blend's table.
 #include <cmath>
 #include <thread>
 
@@ -38,20 +37,13 @@ TEST(BlendMP, StoresRoundColoursTruncateAlphaAndClearWithoutAlpha) {
     }
 }
 
-TEST(BlendMP, ShortcutsQuietRefusalsAndThreads) {
+TEST(BlendMP, ShortcutsNaNAndThreads) {
     ImagePtr first = MakeImage(5, 3, 4, PLPixelUChar), second = MakeImage(5, 3, 4, PLPixelUChar);
     Scribble(*first, 1);
     Scribble(*second, 2);
     const std::vector<uint8_t> before = RowBytes(*first);
-    ImagePtr wider = MakeImage(6, 3, 4, PLPixelUChar), flipped = MakeImage(5, 3, 4, PLPixelUChar, 1),
-             three = MakeImage(5, 3, 3, PLPixelUChar);
     EXPECT_TRUE(PLBlendMP(1.0f, first.get(), second.get())) << "t = 1 keeps the first image";
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), wider.get())) << "images that differ are left alone";
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), flipped.get())) << "another row order is left alone";
-    EXPECT_TRUE(PLBlendMP(-1.0f, first.get(), three.get())) << "the older blend refuses, true all the same";
     EXPECT_EQ(RowBytes(*first), before);
-    EXPECT_FALSE(PLBlendMP(-1.0f, three.get(), first.get())) << "the older blend's answer comes back";
-    EXPECT_FALSE(PLBlendMP(-1.0f, nullptr, first.get()));
     EXPECT_TRUE(PLBlendMP(0.0f, first.get(), second.get()));
     EXPECT_EQ(RowBytes(*first), RowBytes(*second)) << "t = 0 copies the second image";
     // A NaN t blends: the colours and alpha it gives store as white.
@@ -72,8 +64,7 @@ TEST(BlendMP, ShortcutsQuietRefusalsAndThreads) {
     EXPECT_EQ(results[0], results[1]) << "one thread against two";
 }
 
-// The single-threaded blend is off the plug-in's path; what stays is what a
-// fault in its shared table would break.
+// The single-threaded blend is off the plug-in's path: only its shared table is checked.
 TEST(Blend, ConcurrentCallersEachGetTheirOwnTable) {
     auto run = [](float t, std::vector<uint8_t>* result) {
         ImagePtr second =

@@ -1,5 +1,4 @@
-// The engine entry against the blur and blend called directly on a flow derived
-// here: refusals, vector frames of another size, amount, mode, stamp, holes, threads.
+// The engine entry against the blur and blend called directly on a flow derived here.
 #include <cmath>
 #include <limits>
 
@@ -131,8 +130,7 @@ TEST(Engine, AmountModeAndStamp) {
     EXPECT_EQ(RowBytes(out.image()), RowBytes(*stamped));
 }
 
-// The rows an abort leaves are the kernel's (BlurKernel.ThreadsAgree...); here
-// the abort in each stage reaches the caller as the status.
+// An abort in each stage reaches the caller as the status (rows left: BlurKernel).
 TEST(Engine, AbortsInTheFillAndTheBlurReachTheCaller) {
     ThreadLimit limit(1);
     const int32_t w = 30, h = 25;

@@ -1,8 +1,5 @@
-// What the library's tests share: images made, filled and read by logical
-// position, outside memory with padded rows that shows a stray write, byte
-// views for bit-exact comparison, and the twelve pixel formats as a
-// typed-test list (and, through common/threads.h, the thread limit and the
-// counting progress).
+// What the library's tests share: images made, filled and read by position,
+// outside memory that shows a stray write, the twelve formats for typed tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -57,8 +54,7 @@ inline float Value(const PLImage& im, int32_t x, int32_t y, int32_t c = 0) {
     return v;
 }
 
-// Every element of the image set from value(x, y, c) by the record's own
-// writer (truncating for integers).
+// Every element set from value(x, y, c) by the record's writer (truncating).
 template <typename F>
 void FillWith(PLImage& im, F value) {
     for (int32_t y = 0; y < im.height; ++y)
@@ -98,8 +94,7 @@ inline void Scribble(PLImage& im, uint32_t seed) {
             im.Row(y)[i] = static_cast<uint8_t>(Noise(seed) * 256);
 }
 
-// The reference versions of the blocked filters' store: integers round by
-// adding a half and wrap, floats lose a negative zero.
+// The blocked filters' store: integers add a half and wrap, floats lose -0.
 inline void StoreRounded(PLImage& im, int32_t x, int32_t y, int32_t c, float v) {
     if (im.pixelType == PLPixelUChar) Set<uint8_t>(im, x, y, c, PLPixel<PLPixelUChar>::Round(v));
     if (im.pixelType == PLPixelUShort) Set<uint16_t>(im, x, y, c, PLPixel<PLPixelUShort>::Round(v));
@@ -166,9 +161,8 @@ inline float Sentinel() {
     return v;
 }
 
-// Outside memory: rows padded by an odd number of bytes (so float rows lose
-// their alignment), a guard row before and after, all holding 0x5a outside
-// the pixels.
+// Outside memory: rows padded by an odd count (unaligned floats) between
+// guard rows, 0x5a everywhere outside the pixels.
 struct OutsideImage {
     OutsideImage(int32_t w, int32_t h, int32_t channels, int32_t type, int32_t flipped = 0,
                  int32_t padding = 13)

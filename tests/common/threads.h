@@ -1,5 +1,4 @@
-// What the tests of everything that runs rows share: a scoped thread limit
-// and a progress top that counts its reports and can abort.
+// A scoped thread limit and a progress top that counts and can abort.
 #pragma once
 
 #include <cstdint>

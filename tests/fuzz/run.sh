@@ -2,9 +2,9 @@
 # Builds the fuzz targets (the fuzz preset: clang, address and undefined-
 # behaviour sanitizers) and runs each in turn for a while, from its seeds in
 # tests/fuzz/seeds/<name> and the corpus it has grown in build/fuzz/corpus/<name>.
-#   tests/fuzz/run.sh [SECONDS [PROCESSES]]
+#   tests/fuzz/run.sh [SECONDS [PROCESSES [TARGET...]]]
 # SECONDS per target (default 60), on PROCESSES at once (default 1; libFuzzer's
-# -jobs and -workers). A finding (a failed check, a crash, a leak, a timeout, an
+# -jobs and -workers), for the TARGETs named (default: render image_file). A finding (a failed check, a crash, a leak, a timeout, an
 # allocation past the limit) fails the run: its input is kept in
 # build/fuzz/findings/<name>/ and replays with build/fuzz/tests/fuzz/<name>_fuzzer FILE.
 # The whole output of each target is in build/fuzz/logs/<name>.log.
@@ -13,6 +13,15 @@ cd "$(dirname "$0")/../.."
 
 seconds=${1:-60}
 processes=${2:-1}
+shift $(($# < 2 ? $# : 2))
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(render image_file)
+for name in "${targets[@]}"; do
+    case $name in
+        render | image_file) ;;
+        *) echo "error: no fuzz target '$name' (render, image_file)" >&2; exit 2 ;;
+    esac
+done
 
 if ! command -v clang++ >/dev/null; then
     echo "error: clang++ is missing: ./build.sh test installs it with the other packages" >&2
@@ -24,7 +33,7 @@ cmake --build --preset fuzz -j "$(nproc)"
 root=$PWD
 logs=$root/build/fuzz/logs
 failed=0
-for name in render image_file; do
+for name in "${targets[@]}"; do
     corpus=$root/build/fuzz/corpus/$name
     findings=$root/build/fuzz/findings/$name
     log=$logs/$name.log

@@ -4,29 +4,22 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "host.h"
 #include "ofxMultiThread.h"
 
-namespace {
-
-struct Seen {
-    std::atomic<int> runs[8];
-    std::atomic<unsigned int> count{0};
-    std::thread::id thread[8];
-};
-
-void share(unsigned int index, unsigned int count, void* arg) {
-    auto* seen = static_cast<Seen*>(arg);
-    seen->runs[index]++;
-    seen->thread[index] = std::this_thread::get_id();
-    seen->count = count;
-}
-
-}  // namespace
-
 TEST(MultiThreadSuite, RunsEveryShareOnceOnTheRightThreads) {
+    struct Seen {
+        std::atomic<int> runs[8];
+        std::atomic<unsigned int> count{0};
+        std::thread::id thread[8];
+    };
+    auto share = [](unsigned int index, unsigned int count, void* arg) {
+        auto* seen = static_cast<Seen*>(arg);
+        seen->runs[index]++;
+        seen->thread[index] = std::this_thread::get_id();
+        seen->count = count;
+    };
     // With a limit of 3 threads, thread t takes shares t, t + 3, ...; share 0 on the caller's if it runs one.
     for (unsigned int limit : {0u, 3u})
         for (bool callerRuns : {true, false}) {

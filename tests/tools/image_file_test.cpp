@@ -238,6 +238,13 @@ TEST_F(ImageFileHostile, OpenExrTilesPastTheLimitAreRefused) {
         if (c.readable) continue;
         EXPECT_EQ(error.rfind(path_ + ": its OpenEXR header gives tiles of ", 0), 0u) << error;
     }
+    // A fuzzer's file: an attribute stating more bytes than OpenEXR reads for
+    // its type hides the tiles from a walk that trusts the stated sizes.
+    const std::string hidden = TRELVO_TOOLS_TEST_DATA "/tiles_past_a_long_attribute.exr";
+    std::string error;
+    HostPixels image;
+    EXPECT_FALSE(readHostPixels(hidden, {}, image, error));
+    EXPECT_THAT(error, HasSubstr("gives tiles of 2 x 117440514 pixels")) << error;
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The pull-and-push hole fill: what it keeps exactly, how it spreads known
-// values, recorded results, progress and abort, and failure while building.
+// The pull-and-push hole fill: exact keeps, spreading, recorded results, abort, memory.
 #include "vectors/fill.h"
 
 #include <gtest/gtest.h>
@@ -29,15 +28,11 @@ Field RandomField(int32_t w, int32_t h, float holeShare, uint32_t seed) {
     return f;
 }
 
-TEST(FillFlowHoles, NoHolesOrAMismatchedMaskGiveTheInputAllHolesGiveZero) {
+TEST(FillFlowHoles, NoHolesGiveTheInputAllHolesGiveZero) {
     Field f = RandomField(37, 23, 0.0f, 1);
     ImagePtr original = CopyOf(*f.flow);
     PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
     EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*original)) << "no holes";
-    ImagePtr taller = MakeImage(37, 24, 1, PLPixelUChar);
-    FillAll<uint8_t>(*taller, 1);
-    PLFillFlowHoles(f.flow.get(), taller.get(), nullptr);
-    EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*original)) << "mismatched mask";
     FillAll<uint8_t>(*f.mask, 1);
     PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
     EXPECT_EQ(RowBytes(*f.flow), std::vector<uint8_t>(37 * 23 * 8, 0)) << "all holes: positive zero";
@@ -84,9 +79,8 @@ TEST(FillFlowHoles, OnlyTheMaskZeroTestMatters) {
     EXPECT_TRUE(RowBytes(*f.flow) == RowBytes(*viaFloats));
 }
 
-// Digests recorded from the plain line-at-a-time filter and per-pixel
-// resampler; the blocked passes must reproduce them to the bit on one thread
-// and on two. Shapes: 1xN, Nx1, the smallest pyramid, odd and long thin frames.
+// Digests recorded from the plain filter and resampler, on one thread and two;
+// shapes 1xN, Nx1, the smallest pyramid, odd and long thin frames.
 TEST(FillFlowHoles, MatchesRecordedResultsOnOneAndTwoThreads) {
     struct Case {
         int32_t w, h;
@@ -139,32 +133,22 @@ void PlainFree(void*, void* block) {
     std::free(block);
 }
 
-TEST(SingleChannelFill, FailureWhileBuildingLeavesAnEmptyObject) {
+// The plug-in's throwing form; a partial build is released (leaks show under asan).
+TEST(SingleChannelFill, FailureWhileBuildingThrowsOutOfMemory) {
     // Four arrays and, per level, four image records with their pixels: 28
     // blocks for 2x2. Fail at each one in turn; the 28th is enough.
     for (int allowed = 0; allowed <= 28; ++allowed) {
         int budget = allowed;
         setMemoryHooks(&budget, LimitedMalloc, PlainFree);
-        PLSingleChannelFill quiet(0, 2, 2);
-        budget = allowed;
         int32_t thrown = 0;
         try {
-            PLSingleChannelFill loud(2, 2);
+            PLSingleChannelFill fill(1, 2, 2);
         } catch (PLErr e) {
             thrown = e;
         }
         setMemoryHooks(nullptr, nullptr, nullptr);
-        const int32_t expected = allowed < 28 ? PLErrOutOfMemory : 0;
-        EXPECT_EQ(quiet.error, expected) << allowed;
-        EXPECT_EQ(thrown, expected) << allowed;
-        if (allowed == 28) break;
-        EXPECT_EQ(quiet.filled, nullptr);
-        EXPECT_EQ(quiet.scratch, nullptr);
-        ImagePtr image = MakeImage(2, 2, 1, PLPixelFloat);
-        quiet.load(image.get(), 0, image.get());
-        quiet.fill(nullptr, 0);
+        EXPECT_EQ(thrown, allowed < 28 ? PLErrOutOfMemory : 0) << allowed;
     }
-    EXPECT_EQ(PLSingleChannelFill(0, 0, 5).error, PLErrFailed);
 }
 
 }  // namespace
