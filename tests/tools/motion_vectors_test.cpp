@@ -48,21 +48,6 @@ TEST(VectorEncoding, MaxDisplacementIsTheSmallestPowerOfTwoThatHoldsTheField) {
     EXPECT_EQ(largestComponent(m), 6.5) << "holes don't count";
 }
 
-// 16 bits, against the plug-in's documented decoding (2 c / 65534 - 1) M; the
-// float encoding is compared bit for bit in the end-to-end tests.
-TEST(VectorEncoding, SixteenBitCodesDecodeToTheFieldAndHolesAreAlphaZero) {
-    RawVectors m{3, 1, {8.0f, -7.875f, 3.0f}, {-8.0f, 5.25f, 3.0f}, {1, 1, 0}};
-    HostPixels clip;
-    encodeVectors(m, 8.0, PixelDepth::Short, clip);
-    uint16_t px[3][4];
-    ASSERT_EQ(clip.data.size(), sizeof px);
-    std::memcpy(px, clip.data.data(), sizeof px);
-    EXPECT_THAT(px[0], testing::ElementsAre(65534, 0, 0, 65535)) << "full scale both ways";
-    EXPECT_NEAR((2.0 * px[1][0] / 65534.0 - 1.0) * 8.0, -7.875, 8.0 / 65534);
-    EXPECT_NEAR((2.0 * px[1][1] / 65534.0 - 1.0) * 8.0, 5.25, 8.0 / 65534);
-    EXPECT_THAT(px[2], testing::ElementsAre(32767, 32767, 0, 0)) << "a hole: zero motion, alpha 0";
-}
-
 template <typename T>
 std::string WhyNone(PixelDepth depth, const std::vector<T>& alphas) {
     HostPixels clip;
