@@ -91,13 +91,6 @@ TEST_F(FromFootage, NeighboursOutsideTheFramesAskedForAndOneSidedEnds) {
               (std::vector<std::string>{"mv.0001.exr", "mv.0003.exr", "mv.0005.exr"}));
     for (const auto& [frame, dx] : {std::pair{1, 1.0}, {3, 2.5}, {5, 4.0}})
         EXPECT_GT(ShareNear(Seq("out/mv", frame), dx, -0.5), 0.9) << "frame " << frame << "; y points up";
-
-    // trelvo-render's frame 3 alone is its frame 3 of the whole footage.
-    run = Run(true, {"--vectors", "estimate", "--frames", "3", "--output", dir_ + "/out/one.####.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    run = Run(true, {"--vectors", "estimate", "--output", dir_ + "/out/all.####.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(FilePixels(Seq("out/one", 3)), FilePixels(Seq("out/all", 3)));
 }
 
 TEST_F(FromFootage, WhatDoesNotFitEstimationIsRefusedBeforeTheFirstFrame) {
@@ -161,13 +154,11 @@ TEST_F(FromFootage, SigintWhileEstimatingLeavesNoFile) {
     scene.height = 720;
     scene.vx = 3;
     WriteFootage(scene, 2);
-    for (const bool render : {true, false}) {
-        const Outcome run = Interrupted(render ? TRELVO_RENDER_BINARY : TRELVO_VECTORS_BINARY,
-                                        {"--source", dir_ + "/plate.####.exr", "--vectors", "estimate",
-                                         "--output", dir_ + "/out/o.####.exr"},
-                                        "frame 1 (1/2)");
-        ExpectRefused(run, "interrupted", 130);
-    }
+    const Outcome run = Interrupted(
+        TRELVO_VECTORS_BINARY,
+        {"--source", dir_ + "/plate.####.exr", "--vectors", "estimate", "--output", dir_ + "/out/o.####.exr"},
+        "frame 1 (1/2)");
+    ExpectRefused(run, "interrupted", 130);
 }
 
 }  // namespace

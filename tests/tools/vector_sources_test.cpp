@@ -2,8 +2,8 @@
 // pixels with y down and a coverage mask, and the clip trelvo-vectors
 // writes, each rendered through the plug-in and compared bit for bit with
 // the same motion given in the plug-in's encoding. The motion is in
-// multiples of 1/8 px and every M a power of two, so encoding and decoding
-// are exact and any difference is a fault.
+// multiples of 1/8 px and M = 8, so encoding and decoding are exact and any
+// difference is a fault.
 #include <functional>
 #include <utility>
 
@@ -16,6 +16,7 @@ constexpr int kW = 64, kH = 48;
 // A function of the column and of the row counted up from the bottom.
 using Field = std::function<float(int x, int yUp)>;
 using Channels = std::vector<std::pair<std::string, Field>>;
+using Args = std::vector<std::string>;
 
 struct Motion {
     Field dx, dy;
@@ -25,11 +26,6 @@ struct Motion {
 Motion MotionOf(int frame) {
     if (frame == 1) return {[](int, int) { return 5.25f; }, [](int, int) { return -2.5f; }};
     return {[](int, int y) { return -(y - 24) / 8.0f; }, [](int x, int) { return (x - 32) / 8.0f; }};
-}
-const float kMaxDisplace[3] = {0.0f, 8.0f, 4.0f};  // by frame: the smallest powers of two that hold them
-
-Field Constant(float v) {
-    return [v](int, int) { return v; };
 }
 
 // A picture's R, G, B and A under the given prefix.
@@ -56,9 +52,23 @@ Channels BlenderPass(int frame, const std::string& prefix, const std::string& na
     return pass;
 }
 
+Field Constant(float v) {
+    return [v](int, int) { return v; };
+}
+
 Channels operator+(Channels a, const Channels& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
+}
+
+Args With(Args a, const Args& more) {
+    a.insert(a.end(), more.begin(), more.end());
+    return a;
+}
+
+// The pass in pixels as read from `file`.
+Args Pass(const std::string& file) {
+    return {"--vectors", file, "--vector-units", "pixels", "--vector-channels", "u,v,cover"};
 }
 
 class VectorSources : public ToolFolder {
@@ -84,113 +94,101 @@ class VectorSources : public ToolFolder {
             channels = channels + Beauty(layer + ".Combined.") + BlenderPass(frame, layer + ".Vector.");
         WriteExr(name, channels);
     }
-    // The same motion in the plug-in's float encoding; `hole` marks alpha 0.
-    void WriteEncoded(
-        const std::string& name, const Motion& m, float maxDisplace,
-        const std::function<bool(int, int)>& hole = [](int, int) { return false; }) {
-        auto encode = [=](const Field& d) {
-            return [=](int x, int y) { return hole(x, y) ? 0.5f : 0.5f + 0.5f * d(x, y) / maxDisplace; };
-        };
-        WriteExr(name, {{"R", encode(m.dx)},
-                        {"G", encode(m.dy)},
-                        {"B", Constant(0)},
-                        {"A", [=](int x, int y) { return hole(x, y) ? 0.0f : 1.0f; }}});
+    // Frames 1 and 2 as a Blender render, a plain picture, the Blender pass
+    // alone as RGBA, a pass in pixels with y down whose mask leaves x < 16
+    // unknown, and the plug-in's float encoding (M = 8) without and with those holes.
+    void WriteShot() {
+        for (int f : {1, 2}) {
+            const std::string frame = ".000" + std::to_string(f) + ".exr";
+            const Motion m = MotionOf(f);
+            WriteBlender("beauty" + frame, f);
+            WriteExr("src" + frame, Beauty(""));
+            WriteExr("rgba" + frame, BlenderPass(f, "", "RGBA"));
+            WriteExr("pass" + frame, {{"u", m.dx},
+                                      {"v", [m](int x, int y) { return -m.dy(x, y); }},
+                                      {"cover", [](int x, int) { return x < 16 ? 0.25f : 0.5f; }}});
+            for (const bool holes : {false, true}) {
+                auto hole = [holes](int x) { return holes && x < 16; };
+                auto encode = [hole](const Field& d) {
+                    return [hole, d](int x, int y) { return hole(x) ? 0.5f : 0.5f + d(x, y) / 16.0f; };
+                };
+                WriteExr((holes ? "holes" : "enc") + frame,
+                         {{"R", encode(m.dx)},
+                          {"G", encode(m.dy)},
+                          {"B", Constant(0)},
+                          {"A", [hole](int x, int) { return hole(x) ? 0.0f : 1.0f; }}});
+            }
+        }
     }
     std::vector<float> Pixels(const std::string& name) { return FilePixels(dir_ + "/" + name); }
     // Runs a tool with the file names of --source, --vectors and --output in the scratch folder.
-    Outcome Run(const char* binary, std::vector<std::string> args) {
+    Outcome Run(const char* binary, Args args) {
         for (size_t i = 1; i < args.size(); ++i)
             if (args[i - 1] == "--source" || args[i - 1] == "--vectors" || args[i - 1] == "--output")
                 args[i] = dir_ + "/" + args[i];
         return RunTool(binary, args);
     }
-    Outcome Render(std::vector<std::string> args) {
-        args.insert(args.end(), {"--amount", "1"});
-        return Run(TRELVO_RENDER_BINARY, std::move(args));
-    }
-    Outcome Vectors(std::vector<std::string> args) { return Run(TRELVO_VECTORS_BINARY, std::move(args)); }
+    Outcome Render(const Args& args) { return Run(TRELVO_RENDER_BINARY, With(args, {"--amount", "1"})); }
+    Outcome Vectors(const Args& args) { return Run(TRELVO_VECTORS_BINARY, args); }
 };
 
-TEST_F(VectorSources, ABlenderRenderBlursLikeTheSameVectorsEncoded) {
-    for (int f : {1, 2}) {
-        WriteBlender("beauty.000" + std::to_string(f) + ".exr", f);
-        WriteExr("src.000" + std::to_string(f) + ".exr", Beauty(""));
-        WriteEncoded("enc.000" + std::to_string(f) + ".exr", MotionOf(f), kMaxDisplace[f]);
-    }
-    Outcome run = Render({"--source", "beauty.####.exr", "--vectors", "beauty.####.exr", "--vectors-from",
-                          "blender", "--frames", "1-2", "--output", "out/a.####.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    for (int f : {1, 2}) {
-        const std::string frame = "000" + std::to_string(f) + ".exr";
-        run = Render({"--source", "src." + frame, "--vectors", "enc." + frame, "--max-displace",
-                      std::to_string(kMaxDisplace[f]), "--output", "out/b." + frame});
-        ASSERT_EQ(run.status, 0) << run.err;
-        EXPECT_EQ(Pixels("out/a." + frame), Pixels("out/b." + frame)) << "frame " << f;
-        EXPECT_NE(Pixels("out/a." + frame), Pixels("src." + frame)) << "the frame is blurred";
-    }
-
-    // The pass saved on its own as RGBA reads the same.
-    WriteExr("rgba.exr", BlenderPass(1, "", "RGBA"));
-    run = Render({"--source", "src.0001.exr", "--vectors", "rgba.exr", "--vectors-from", "blender",
-                  "--vector-channels", "R,G,B,A", "--output", "out/rgba.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(Pixels("out/rgba.exr"), Pixels("out/a.0001.exr"));
-
-    // trelvo-vectors writes one M for the clip, says it, and stores it: the
-    // clip renders the same with no --max-displace.
-    run =
+TEST_F(VectorSources, EachKindBlursLikeTheSameVectorsEncoded) {
+    WriteShot();
+    // trelvo-vectors writes one M for the clip, says it, and stores it.
+    Outcome run =
         Vectors({"--vectors", "beauty.####.exr", "--vectors-from", "blender", "--output", "out/mv.####.exr"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_THAT(run.err, HasSubstr("Max Displacement: 8\n"));
-    WriteEncoded("expected.exr", MotionOf(2), 8.0f);
-    EXPECT_EQ(Pixels("out/mv.0002.exr"), Pixels("expected.exr"));
-    run = Render({"--source", "beauty.####.exr", "--source-layer", "ViewLayer.Combined", "--vectors",
-                  "out/mv.####.exr", "--output", "out/c.####.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(Pixels("out/c.0002.exr"), Pixels("out/a.0002.exr"));
+    // Each row renders src (unless it names another source) into out/<name>
+    // and is or is not bit for bit `like` a file rendered before.
+    const struct {
+        std::string name;
+        Args args;
+        std::string like;
+        bool same = true;
+    } rows[] = {
+        {"enc", {"--vectors", "enc.####.exr", "--max-displace", "8"}, "src", false},
+        {"blender",
+         {"--source", "beauty.####.exr", "--vectors", "beauty.####.exr", "--vectors-from", "blender"},
+         "out/enc"},
+        {"rgba",
+         {"--vectors", "rgba.####.exr", "--vectors-from", "blender", "--vector-channels", "R,G,B,A"},
+         "out/enc"},
+        {"clip",
+         {"--source", "beauty.####.exr", "--source-layer", "ViewLayer.Combined", "--vectors",
+          "out/mv.####.exr"},
+         "out/enc"},
+        {"holes", {"--vectors", "holes.####.exr", "--max-displace", "8"}, "out/enc", false},
+        {"pass", With(Pass("pass.####.exr"), {"--vector-flip-y"}), "out/holes"},
+        {"unflipped", Pass("pass.####.exr"), "out/holes", false},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        run = Render(
+            With({"--source", "src.####.exr", "--frames", "1-2", "--output", "out/" + r.name + ".####.exr"},
+                 r.args));
+        ASSERT_EQ(run.status, 0) << run.err;
+        for (const std::string f : {".0001.exr", ".0002.exr"})
+            EXPECT_EQ(Pixels("out/" + r.name + f) == Pixels(r.like + f), r.same) << f;
+    }
+    for (const std::string f : {".0001.exr", ".0002.exr"}) EXPECT_EQ(Pixels("out/mv" + f), Pixels("enc" + f));
 
-    // At 16 bits: c = 32767 + 32767 d / M, rounded; alpha 65535.
-    run = Vectors({"--vectors", "beauty.0001.exr", "--vectors-from", "blender", "--output", "out/mv.png",
-                   "--depth", "16"});
+    // At 16 bits: c = 32767 + 32767 d / M, rounded, alpha 65535; a hole is 32767 with alpha 0.
+    run =
+        Vectors(With(Pass("pass.0001.exr"), {"--vector-flip-y", "--output", "out/mv.png", "--depth", "16"}));
     ASSERT_EQ(run.status, 0) << run.err;
-    OIIO::ImageBuf png(dir_ + "/out/mv.png");
-    uint16_t code[4];
-    ASSERT_TRUE(png.get_pixels(OIIO::ROI(3, 4, 5, 6, 0, 1, 0, 4), OIIO::TypeDesc::UINT16, code));
-    EXPECT_EQ(code[0], 54270);  // 32767 * (1 + 5.25 / 8) = 54270.34
-    EXPECT_EQ(code[1], 22527);  // 32767 * (1 - 2.5 / 8) = 22527.31
-    EXPECT_EQ(code[3], 65535);
+    OIIO::ImageSpec asStored;  // straight alpha: a hole's colour is not multiplied away
+    asStored.attribute("oiio:UnassociatedAlpha", 1);
+    OIIO::ImageBuf png(dir_ + "/out/mv.png", 0, 0, nullptr, &asStored);
+    std::vector<uint16_t> row(kW * 4);
+    ASSERT_TRUE(png.get_pixels(OIIO::ROI(0, kW, 5, 6, 0, 1, 0, 4), OIIO::TypeDesc::UINT16, row.data()));
+    // 32767 * (1 + 5.25 / 8) = 54270.34, 32767 * (1 - 2.5 / 8) = 22527.31
+    using ::testing::_;
+    EXPECT_THAT(std::vector<uint16_t>(&row[20 * 4], &row[21 * 4]),
+                ::testing::ElementsAre(54270, 22527, _, 65535));
+    EXPECT_THAT(std::vector<uint16_t>(&row[3 * 4], &row[4 * 4]), ::testing::ElementsAre(32767, 32767, _, 0));
     EXPECT_THAT(png.nativespec().get_string_attribute("ImageDescription"),
                 HasSubstr("Max Displacement 8 px"));
-}
-
-TEST_F(VectorSources, APassInPixelsWithYDownAndAMaskBlursLikeTheSameVectorsEncoded) {
-    WriteExr("src.exr", Beauty(""));
-    const Motion m = MotionOf(2);
-    auto hole = [](int x, int) { return x < 16; };
-    WriteExr("pass.exr", {{"u", m.dx},
-                          {"v", [m](int x, int y) { return -m.dy(x, y); }},
-                          {"cover", [hole](int x, int y) { return hole(x, y) ? 0.25f : 0.5f; }}});
-    WriteEncoded("enc.exr", m, kMaxDisplace[2], hole);
-    auto pass = [](std::vector<std::string> more) {
-        more.insert(more.end(), {"--source", "src.exr", "--vectors", "pass.exr", "--vector-units", "pixels",
-                                 "--vector-channels", "u,v,cover"});
-        return more;
-    };
-    Outcome run = Render(pass({"--vector-flip-y", "--output", "out/a.exr"}));
-    ASSERT_EQ(run.status, 0) << run.err;
-    run = Render(
-        {"--source", "src.exr", "--vectors", "enc.exr", "--max-displace", "4", "--output", "out/b.exr"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(Pixels("out/a.exr"), Pixels("out/b.exr"));
-
-    run = Render(pass({"--output", "out/unflipped.exr"}));
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_NE(Pixels("out/unflipped.exr"), Pixels("out/b.exr")) << "the flip matters for a turn";
-
-    run = Render(pass({"--max-displace", "4", "--output", "out/c.exr"}));
-    EXPECT_EQ(run.status, 2);
-    EXPECT_THAT(run.err,
-                HasSubstr("--max-displace 4: with vectors in pixels the tool chooses Max Displacement"));
 }
 
 TEST_F(VectorSources, AClipWithNoKnownVectorWarnsAndStrictStops) {
@@ -211,17 +209,14 @@ TEST_F(VectorSources, AClipWithNoKnownVectorWarnsAndStrictStops) {
 }
 
 TEST_F(VectorSources, FilesThatDontFitStopTheJobBeforeItsFirstFrame) {
-    WriteBlender("beauty.0001.exr", 1);
-    WriteBlender("beauty.0002.exr", 2);
+    WriteShot();
     WriteBlender("two.0001.exr", 1, {"Left", "Right"});
-    WriteEncoded("enc.0001.exr", MotionOf(1), 8.0f);
-    WriteEncoded("enc.0002.exr", MotionOf(1), 8.0f);
     // Frame 2 of this one lacks W: found before frame 1 renders.
     WriteBlender("late.0001.exr", 1);
     WriteExr("late.0002.exr", Beauty("ViewLayer.Combined.") + BlenderPass(2, "ViewLayer.Vector.", "XYZ"));
 
     const struct {
-        std::vector<std::string> args;
+        Args args;
         std::vector<std::string> said;
     } cases[] = {
         {{"--source", "late.####.exr", "--vectors", "late.####.exr", "--vectors-from", "blender"},
@@ -241,14 +236,14 @@ TEST_F(VectorSources, FilesThatDontFitStopTheJobBeforeItsFirstFrame) {
          {"has a Vector pass in several layers: Left, Right. Pick one with --vector-layer NAME."}},
         {{"--source", "enc.####.exr", "--vectors", "enc.####.exr", "--vector-flip-y"},
          {"--vector-flip-y applies to vectors in pixels"}},
+        {With({"--source", "src.####.exr", "--max-displace", "4"}, Pass("pass.####.exr")),
+         {"--max-displace 4: with vectors in pixels the tool chooses Max Displacement"}},
         // Writing over a file the job reads would lose it.
         {{"--source", "beauty.%04d.exr", "--vectors", "enc.####.exr", "--output", "beauty.####.exr"},
          {"--output: frame 1 would overwrite " + dir_ + "/beauty.0001.exr, which the job reads"}},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> args = {"--output", "out/o.####.exr"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        const Outcome run = Render(args);
+        const Outcome run = Render(With({"--output", "out/o.####.exr"}, c.args));
         for (const std::string& text : c.said) ExpectRefused(run, text);
     }
     ExpectRefused(
