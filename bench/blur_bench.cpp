@@ -3,15 +3,30 @@
 // holes, at amounts 0.5 and 2.0, on one and two threads. Reports the time per frame
 // (the whole entry: decode, fill, scale, blur) and ns per sample taken by the
 // blur; the samples are counted once, outside the timed loop, from the same
-// filled flow. A second family times the blur alone on that flow.
+// filled flow. Beside the engine, in the same run: the plain rendition of the
+// same stages (one thread, portable loops, the fill as first written; the
+// tests' reference), whose time per frame the engine's "x plain" divides; the
+// stages before the blur alone; the blur alone on the filled flow. The engine
+// also reports its peak of live memory and its allocations for one frame.
+// The engine takes its memory as in trelvo-render, from the host's memory
+// suite (which keeps large blocks for the next frame); BM_EngineOnMalloc
+// shows it on the C library's malloc instead. The label names the instruction
+// set in use: TRELVO_ISA=sse2|avx2|avx512 chooses one.
 #include <benchmark/benchmark.h>
+#include <sys/resource.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <map>
 #include <memory>
 #include <vector>
 
+#include "base/isa.h"
 #include "blur/motion_blur.h"
+#include "common/plain_rendition.h"
+#include "host.h"
 #include "image/image_ops.h"
 #include "image/qvimage.h"
 #include "mp/kqmp.h"
@@ -125,6 +140,39 @@ struct Scene {
     std::unique_ptr<PLImage> flow;
 };
 
+// Counts the library's memory for one call: a size header before each block.
+struct MemoryCount {
+    static void* Allocate(void*, unsigned long size) {
+        auto* block = static_cast<size_t*>(std::malloc(size + 16));
+        if (!block) return nullptr;
+        *block = size;
+        live += size;
+        if (live > peak) peak = live;
+        ++allocations;
+        return block + 2;
+    }
+    static void Free(void*, void* block) {
+        size_t* header = static_cast<size_t*>(block) - 2;
+        live -= *header;
+        std::free(header);
+    }
+    static inline size_t live = 0;
+    static inline size_t peak = 0;
+    static inline size_t allocations = 0;
+};
+
+// The host's memory suite, as the plug-in's hooks reach it inside a host.
+struct HostMemory {
+    static void* Allocate(void* ledger, unsigned long size) {
+        void* block = nullptr;
+        static_cast<ofxhost::MemoryLedger*>(ledger)->allocate(size, &block);
+        return block;
+    }
+    static void Free(void* ledger, void* block) {
+        static_cast<ofxhost::MemoryLedger*>(ledger)->release(block);
+    }
+};
+
 Scene& SceneOf(int32_t pixelType) {
     static Scene uchar(PLPixelUChar);
     static Scene floats(PLPixelFloat);
@@ -132,27 +180,115 @@ Scene& SceneOf(int32_t pixelType) {
 }
 
 void Report(benchmark::State& state, double samples) {
+    state.SetLabel(PLIsaName(PLActiveIsa()));  // TRELVO_ISA chooses
     state.counters["ns/sample"] = benchmark::Counter(
         samples * 1e-9, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
     state.counters["samples/px"] = samples / (static_cast<double>(kWidth) * kHeight);
 }
 
+void Plain(Scene& scene, float amount) {
+    plain::Engine(scene.output.image(), scene.source.image(), scene.vectors.image(), 1, false, amount,
+                  kMaxDisplace, 1.0f, 1.0f);
+}
+
+// Seconds of the plain rendition for one frame, the fastest of three, taken
+// once per pixel type and amount.
+double PlainSeconds(int32_t pixelType, float amount) {
+    static std::map<std::pair<int32_t, float>, double> times;
+    double& best = times[{pixelType, amount}];
+    if (best > 0) return best;
+    for (int i = 0; i < 3; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        Plain(SceneOf(pixelType), amount);
+        const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        if (best == 0 || s < best) best = s;
+    }
+    return best;
+}
+
+long MinorFaults() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+int32_t Engine(Scene& scene, float amount) {
+    return TrelvoVectorsBlur(&scene.output.wrapper, &scene.source.wrapper, &scene.vectors.wrapper, 1, 0,
+                             nullptr, amount, kMaxDisplace, 1.0f, 1.0f);
+}
+
 // Arguments: pixel type, amount in hundredths, threads.
-void BM_Engine(benchmark::State& state) {
+void EngineRun(benchmark::State& state, bool hostMemory) {
     const int32_t pixelType = static_cast<int32_t>(state.range(0));
     const float amount = static_cast<float>(state.range(1)) / 100.0f;
     Scene& scene = SceneOf(pixelType);
     const double samples = scene.Samples(amount);
+    const double plainSeconds = PlainSeconds(pixelType, amount);
     setThreadCount(static_cast<int32_t>(state.range(2)));
+    MemoryCount::live = MemoryCount::peak = MemoryCount::allocations = 0;
+    setMemoryHooks(nullptr, MemoryCount::Allocate, MemoryCount::Free);
+    Engine(scene, amount);
+    setMemoryHooks(nullptr, nullptr, nullptr);
+    ofxhost::MemoryLedger ledger;
+    if (hostMemory) setMemoryHooks(&ledger, HostMemory::Allocate, HostMemory::Free);
+    const long faultsBefore = MinorFaults();
     for (auto _ : state) {
-        const int32_t code =
-            TrelvoVectorsBlur(&scene.output.wrapper, &scene.source.wrapper, &scene.vectors.wrapper, 1, 0,
-                              nullptr, amount, kMaxDisplace, 1.0f, 1.0f);
-        if (code != 0) state.SkipWithError("the engine failed");
+        if (Engine(scene, amount) != 0) state.SkipWithError("the engine failed");
         benchmark::DoNotOptimize(scene.output.bytes.data());
     }
+    const long faults = MinorFaults() - faultsBefore;
+    setMemoryHooks(nullptr, nullptr, nullptr);
     setThreadCount(0);
     Report(state, samples);
+    state.counters["x plain"] =
+        benchmark::Counter(plainSeconds, benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["peak MB"] = static_cast<double>(MemoryCount::peak) / 1e6;
+    state.counters["allocs"] = static_cast<double>(MemoryCount::allocations);
+    // Pages the system had to hand out afresh: memory that wasn't already there.
+    state.counters["faults/frame"] =
+        benchmark::Counter(static_cast<double>(faults), benchmark::Counter::kAvgIterations);
+}
+
+void BM_Engine(benchmark::State& state) {
+    EngineRun(state, true);
+}
+
+void BM_EngineOnMalloc(benchmark::State& state) {
+    EngineRun(state, false);
+}
+
+// The plain rendition itself, one thread whatever the argument.
+void BM_Plain(benchmark::State& state) {
+    Scene& scene = SceneOf(static_cast<int32_t>(state.range(0)));
+    const float amount = static_cast<float>(state.range(1)) / 100.0f;
+    for (auto _ : state) {
+        Plain(scene, amount);
+        benchmark::DoNotOptimize(scene.output.bytes.data());
+    }
+}
+
+// The stages before the blur, as the engine runs them: decode, mask, fill,
+// scale, in memory from the host's suite.
+void BM_BeforeBlur(benchmark::State& state) {
+    Scene& scene = SceneOf(static_cast<int32_t>(state.range(0)));
+    const PLImage* vec = scene.vectors.image();
+    setThreadCount(static_cast<int32_t>(state.range(2)));
+    ofxhost::MemoryLedger ledger;
+    setMemoryHooks(&ledger, HostMemory::Allocate, HostMemory::Free);
+    for (auto _ : state) {
+        PLImage flow(kWidth, kHeight, 2, PLPixelFloat, 0);
+        PLImage mask(kWidth, kHeight, 1, vec->pixelType, 0);
+        QVMemBlock<uint8_t> levels(PLFlowFillBytes(kWidth, kHeight));
+        PLDecodeMotionVectors(kMaxDisplace, &flow, vec);
+        PLCopyChannelIntoChannel(&mask, 0, vec, 3);
+        PLInvertImage(&mask);
+        PLFillFlow(&flow, &mask, nullptr, levels.get());
+        PLScaleFlow(1.0f, 1.0f, &flow);
+        benchmark::DoNotOptimize(flow.data);
+    }
+    setMemoryHooks(nullptr, nullptr, nullptr);
+    setThreadCount(0);
+    state.SetLabel(PLIsaName(PLActiveIsa()));
 }
 
 void BM_BlurOnly(benchmark::State& state) {
@@ -178,7 +314,21 @@ void Arguments(benchmark::internal::Benchmark* b) {
     b->Unit(benchmark::kMillisecond)->UseRealTime();
 }
 
+void PlainArguments(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"type", "amount%", "threads"});
+    for (int64_t type : {PLPixelUChar, PLPixelFloat})
+        for (int64_t amount : {50, 200}) b->Args({type, amount, 1});
+    b->Unit(benchmark::kMillisecond)->UseRealTime();
+}
+
 BENCHMARK(BM_Engine)->Apply(Arguments);
+BENCHMARK(BM_EngineOnMalloc)->Apply(Arguments);
+BENCHMARK(BM_Plain)->Apply(PlainArguments);
+BENCHMARK(BM_BeforeBlur)
+    ->ArgNames({"type", "amount%", "threads"})
+    ->ArgsProduct({{PLPixelUChar}, {0}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(BM_BlurOnly)->Apply(Arguments);
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -73,7 +74,10 @@ class AbortControl {
     std::atomic<uint64_t> calls_{0};
 };
 
-// Host memory handed to the plug-in, counted; can be told to fail.
+// Host memory handed to the plug-in, counted; can be told to fail. Large
+// blocks given back are kept, up to the peak of live bytes, and handed out
+// again to requests they fit closely, so that a sequence of frames reuses
+// pages already faulted in instead of fetching fresh ones every frame.
 class MemoryLedger {
   public:
     struct Counts {
@@ -93,8 +97,14 @@ class MemoryLedger {
     void failAfter(int64_t n);
 
   private:
+    struct Block {
+        size_t bytes;     // asked for
+        size_t capacity;  // what the block holds
+    };
     mutable std::mutex mutex_;
-    std::unordered_map<void*, size_t> live_;
+    std::unordered_map<void*, Block> live_;
+    std::multimap<size_t, void*> spare_;  // kept blocks by capacity
+    size_t spareBytes_ = 0;
     Counts counts_;
     int64_t failAfter_ = -1;
 };

@@ -1,14 +1,22 @@
 // The memory suite: plain heap blocks, counted per host so that tests can see
 // what the plug-in allocated and gave back, and made to fail on request.
 #include <cstdlib>
+#include <iterator>
 
 #include "host.h"
 #include "suites.h"
 
 namespace ofxhost {
 
+namespace {
+// Blocks from this size on are kept when given back; smaller ones come cheaply
+// from the heap anyway.
+constexpr size_t kKeptFrom = size_t{1} << 20;
+}  // namespace
+
 MemoryLedger::~MemoryLedger() {
     for (auto& entry : live_) std::free(entry.first);
+    for (auto& entry : spare_) std::free(entry.second);
 }
 
 OfxStatus MemoryLedger::allocate(size_t bytes, void** block) {
@@ -19,12 +27,33 @@ OfxStatus MemoryLedger::allocate(size_t bytes, void** block) {
         ++counts_.failedAllocations;
         return kOfxStatErrMemory;
     }
-    void* p = std::malloc(bytes ? bytes : 1);
+    void* p = nullptr;
+    size_t capacity = bytes ? bytes : 1;
+    if (bytes >= kKeptFrom) {
+        // The smallest kept block that holds it, if it wastes at most a quarter.
+        auto fit = spare_.lower_bound(bytes);
+        if (fit != spare_.end() && fit->first - bytes <= bytes / 4) {
+            p = fit->second;
+            capacity = fit->first;
+            spareBytes_ -= capacity;
+            spare_.erase(fit);
+        }
+    }
+    // A fresh block first gives back kept ones that no longer fit what is asked
+    // for, so live and kept bytes together stay within the peak.
+    while (!p && bytes >= kKeptFrom && !spare_.empty() &&
+           counts_.liveBytes + spareBytes_ + capacity > counts_.peakBytes) {
+        auto largest = std::prev(spare_.end());
+        spareBytes_ -= largest->first;
+        std::free(largest->second);
+        spare_.erase(largest);
+    }
+    if (!p) p = std::malloc(capacity);
     if (!p) {
         ++counts_.failedAllocations;
         return kOfxStatErrMemory;
     }
-    live_[p] = bytes;
+    live_[p] = Block{bytes, capacity};
     ++counts_.allocations;
     counts_.liveBytes += bytes;
     if (counts_.liveBytes > counts_.peakBytes) counts_.peakBytes = counts_.liveBytes;
@@ -39,10 +68,16 @@ OfxStatus MemoryLedger::release(void* block) {
         ++counts_.badFrees;
         return kOfxStatErrBadHandle;
     }
-    counts_.liveBytes -= it->second;
+    const Block freed = it->second;
+    counts_.liveBytes -= freed.bytes;
     ++counts_.frees;
-    std::free(block);
     live_.erase(it);
+    if (freed.capacity >= kKeptFrom && spareBytes_ + freed.capacity <= counts_.peakBytes) {
+        spare_.emplace(freed.capacity, block);
+        spareBytes_ += freed.capacity;
+    } else {
+        std::free(block);
+    }
     return kOfxStatOK;
 }
 

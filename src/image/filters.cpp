@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "base/isa.h"
 #include "base/qvmem.h"
 #include "image/pixel_format.h"
 #include "mp/kqmp.h"
@@ -26,21 +27,24 @@ constexpr int32_t kColumnLanes = 16;
 // Interior outputs summed together in registers, tap by tap; a multiple of 4.
 constexpr int32_t kInteriorBlock = 16;
 
-// Floats in each of a thread's two line buffers: room for a row, or for a
-// block of up to kColumnLanes interleaved columns, each with its slack.
+// Floats in each of a thread's two line buffers: room for a row of all
+// channels, or for a block of up to kColumnLanes interleaved element columns,
+// each with its slack.
 size_t LineBufferFloats(const PLImage* image, int32_t r) {
+    const size_t channels = static_cast<size_t>(image->numChannels);
     const size_t width = static_cast<size_t>(image->width);
     const size_t height = static_cast<size_t>(image->height);
-    const size_t line = (width > height ? width : height) + kLineSlack + 2 * static_cast<size_t>(r);
-    const size_t lanes = width < kColumnLanes ? width : kColumnLanes;
+    const size_t line =
+        ((width > height ? width : height) + kLineSlack + 2 * static_cast<size_t>(r)) * channels;
+    const size_t lanes = width * channels < kColumnLanes ? width * channels : kColumnLanes;
     const size_t block = lanes * (height + kLineSlack);
     return line > block ? line : block;
 }
 
 // One renormalised edge output of every lane: taps j from `first` to `last`
 // (either way), in that order, with tap index r + j - i.
-void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int32_t r, int32_t i,
-                int32_t first, int32_t last) {
+PL_INLINE_HOT void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int32_t r,
+                              int32_t i, int32_t first, int32_t last) {
     float sum[kColumnLanes];
     for (int32_t k = 0; k < lanes; ++k) sum[k] = 0.0f;
     float norm = 0.0f;
@@ -56,23 +60,42 @@ void FilterEdge(const float* in, float* out, int32_t lanes, const float* w, int3
     for (int32_t k = 0; k < lanes; ++k) o[k] = sum[k] / norm;
 }
 
-// Four adjacent floats, multiplied and added lane by lane: each lane does
-// exactly the scalar operation (SSE on x86-64, no contraction).
-using Float4 = float __attribute__((vector_size(16)));
+// W adjacent floats (4, 8 or 16: one SSE, AVX2 or AVX-512 register),
+// multiplied and added lane by lane: each lane does exactly the scalar
+// operation (no contraction).
+// (An alias template would drop the attribute: the size depends on W.)
+template <int32_t W>
+struct FloatVectorOf;
+template <>
+struct FloatVectorOf<4> {
+    using Type = float __attribute__((vector_size(16)));
+};
+template <>
+struct FloatVectorOf<8> {
+    using Type = float __attribute__((vector_size(32)));
+};
+template <>
+struct FloatVectorOf<16> {
+    using Type = float __attribute__((vector_size(64)));
+};
+template <int32_t W>
+using FloatVector = typename FloatVectorOf<W>::Type;
 
 // Interior outputs m to m + kInteriorBlock - 1 of interleaved lines: each
 // sums its taps from 0 in tap order, without a division, in registers.
-void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes, const float* w,
-                         int32_t taps, int32_t r) {
-    constexpr int32_t kVectors = kInteriorBlock / 4;
-    Float4 sum[kVectors];
-    for (Float4& v : sum) v = Float4{0.0f, 0.0f, 0.0f, 0.0f};
+template <int32_t W>
+PL_INLINE_HOT void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes,
+                                       const float* w, int32_t taps, int32_t r) {
+    static_assert(kInteriorBlock % W == 0 && sizeof(FloatVector<W>) == W * sizeof(float), "whole registers");
+    constexpr int32_t kVectors = kInteriorBlock / W;
+    FloatVector<W> sum[kVectors];
+    for (FloatVector<W>& v : sum) v = FloatVector<W>{};
     const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
     for (int32_t t = 0; t < taps; ++t, p += lanes) {
         const float wt = w[t];
         for (int32_t q = 0; q < kVectors; ++q) {
-            Float4 v;
-            std::memcpy(&v, p + 4 * q, sizeof v);
+            FloatVector<W> v;
+            std::memcpy(&v, p + W * q, sizeof v);
             sum[q] += v * wt;
         }
     }
@@ -84,8 +107,9 @@ void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes
 // are dropped and the rest renormalised; the interior needs no division
 // because the kernels are normalised. Every output is the same sum in the
 // same tap order whatever the lane count.
-void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const float* w, int32_t taps,
-                int32_t r) {
+template <int32_t W>
+PL_INLINE_HOT void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const float* w,
+                              int32_t taps, int32_t r) {
     for (int32_t i = 0; i < r && i < n; ++i)
         FilterEdge(in, out, lanes, w, r, i, 0, i + r < n ? i + r : n - 1);
     // A line shorter than r has no right edge: its loop starts below 0 and stops.
@@ -96,7 +120,8 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
     // keep their sums in registers and vectorise.
     const ptrdiff_t end = static_cast<ptrdiff_t>(n - r) * lanes;
     ptrdiff_t m = static_cast<ptrdiff_t>(r) * lanes;
-    for (; end - m >= kInteriorBlock; m += kInteriorBlock) FilterInteriorBlock(in, out, m, lanes, w, taps, r);
+    for (; end - m >= kInteriorBlock; m += kInteriorBlock)
+        FilterInteriorBlock<W>(in, out, m, lanes, w, taps, r);
     for (; m < end; ++m) {
         float sum = 0.0f;
         const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
@@ -105,69 +130,119 @@ void FilterLine(const float* in, float* out, int32_t n, int32_t lanes, const flo
     }
 }
 
-// One pass over rows (Columns false) or columns of one channel, through this
-// thread's pair of line buffers. The column pass takes up to kColumnLanes
-// adjacent columns at a time, interleaved, so that it reads along rows.
-// Packed images (one channel) have adjacent elements along a row, which lets
-// the moves between image and buffer vectorise.
-template <typename P, bool Columns, bool Packed>
-void FilterLines(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+// One pass over rows (Columns false) or columns, through this thread's pair of
+// line buffers. A row's channels are filtered together, as interleaved lines;
+// the column pass runs on a one-channel view of the image (every element its
+// own column) and takes up to kColumnLanes adjacent columns at a time,
+// interleaved, so that it reads along rows. Every element is the same sum in
+// the same order as when each channel is filtered alone. Packed images (one
+// channel) have adjacent elements along a row, which lets the moves between
+// image and buffer vectorise. Lines are read from `source` (of the image's
+// size and format, or the image itself) and written to the image.
+template <typename P, bool Columns, bool Packed, int32_t W>
+PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
+    const PLImage* source = args->next<const PLImage*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
     const int32_t r = args->next<int32_t>();
-    const int32_t channel = args->next<int32_t>();
+    const size_t bufferFloats = *args->next<const size_t*>();
     float* buffers = args->next<float*>();
 
-    const size_t bufferFloats = LineBufferFloats(image, r);
     float* in = buffers + 2 * bufferFloats * static_cast<size_t>(threadIndex);
     float* out = in + bufferFloats;
     const int32_t n = Columns ? image->height : image->width;
     const ptrdiff_t pixel = Packed ? static_cast<ptrdiff_t>(sizeof(T)) : image->pixelStride;
     const int32_t pastLine = taps - (2 * r + 1);
-    const size_t offset = static_cast<size_t>(channel) * sizeof(T);
+    // Lanes of a block: a row's channels, or neighbouring columns.
+    const ptrdiff_t laneStep = Columns ? pixel : static_cast<ptrdiff_t>(sizeof(T));
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
-    auto along = [=](int32_t i) -> ptrdiff_t {
-        return Columns ? PLOffset(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    auto along = [=](const PLImage* of, int32_t i) -> ptrdiff_t {
+        return Columns ? PLOffset(i, of->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    };
+    auto lineStart = [=](const PLImage* of, int32_t line) -> uint8_t* {
+        return Columns ? of->Row(0) + PLOffset(line, of->pixelStride) : of->Row(line);
     };
     for (int32_t line = firstLine; line <= lastLine;) {
         const int32_t remaining = lastLine - line + 1;
-        const int32_t lanes = !Columns ? 1 : remaining < kColumnLanes ? remaining : kColumnLanes;
-        uint8_t* start =
-            (Columns ? image->Row(0) + PLOffset(line, image->pixelStride) : image->Row(line)) + offset;
+        const int32_t lanes = !Columns                   ? image->numChannels
+                              : remaining < kColumnLanes ? remaining
+                                                         : kColumnLanes;
+        const uint8_t* read = lineStart(source, line);
         for (int32_t i = 0; i < n; ++i) {
-            const uint8_t* from = start + along(i);
+            const uint8_t* from = read + along(source, i);
             float* to = in + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * pixel);
+            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * laneStep);
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
-        FilterLine(in, out, n, lanes, kernel, taps, r);
+        FilterLine<W>(in, out, n, lanes, kernel, taps, r);
+        uint8_t* start = lineStart(image, line);
         for (int32_t i = 0; i < n; ++i) {
-            uint8_t* to = start + along(i);
+            uint8_t* to = start + along(image, i);
             const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * pixel, P::Round(from[k]));
+            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * laneStep, P::Round(from[k]));
         }
-        line += lanes;
+        line += Columns ? lanes : 1;  // a row pass's lanes are channels of one row
+    }
+}
+
+// The pass built for each path.
+template <typename P, bool Columns, bool Packed>
+void FilterLinesBaseline(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 4>(threadIndex, firstLine, lastLine, args);
+}
+template <typename P, bool Columns, bool Packed>
+PL_TARGET_AVX2 void FilterLinesAvx2(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
+                                    kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 8>(threadIndex, firstLine, lastLine, args);
+}
+template <typename P, bool Columns, bool Packed>
+PL_TARGET_AVX512 void FilterLinesAvx512(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
+                                        kqmp_args* args) {
+    FilterLines<P, Columns, Packed, 16>(threadIndex, firstLine, lastLine, args);
+}
+
+template <typename P, bool Columns, bool Packed>
+kqmp_worker* LinePassFor(PLIsa isa) {
+    switch (isa) {
+        case PLIsaAvx512:
+            return FilterLinesAvx512<P, Columns, Packed>;
+        case PLIsaAvx2:
+            return FilterLinesAvx2<P, Columns, Packed>;
+        default:
+            return FilterLinesBaseline<P, Columns, Packed>;
     }
 }
 
 template <typename P, bool Columns>
 kqmp_worker* LinePass(const PLImage* image) {
     return image->pixelStride == static_cast<int32_t>(sizeof(typename P::Element))
-               ? FilterLines<P, Columns, true>
-               : FilterLines<P, Columns, false>;
+               ? LinePassFor<P, Columns, true>(PLActiveIsa())
+               : LinePassFor<P, Columns, false>(PLActiveIsa());
 }
 
+// The row pass reads `source`; the column pass then works on the image.
 template <typename P>
-void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
-                    float* buffers) {
+void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, int32_t taps, int32_t r,
+                    int32_t axes, size_t bufferFloats, float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
-    for (int32_t c = 0; c < image->numChannels; ++c) {
-        if (rows) kqmp_runrows(image->height, LinePass<P, false>(image), image, kernel, taps, r, c, buffers);
-        if (columns) kqmp_runrows(image->width, LinePass<P, true>(image), image, kernel, taps, r, c, buffers);
+    if (rows)
+        kqmp_runrows(image->height, LinePass<P, false>(image), image, source, kernel, taps, r, &bufferFloats,
+                     buffers);
+    if (columns) {
+        const PLImage* columnSource = rows ? image : source;
+        // Channels are adjacent in a pixel, so the elements of a row are one channel's row.
+        auto elements = [](const PLImage* of) {
+            return PLImage(of->data, of->width * of->numChannels, of->height, of->rowBytes, 1, of->pixelType,
+                           of->flipped);
+        };
+        PLImage view = elements(image);
+        const PLImage sourceView = elements(columnSource);
+        kqmp_runrows(view.width, LinePass<P, true>(&view), &view, &sourceView, kernel, taps, r, &bufferFloats,
+                     buffers);
     }
 }
 
@@ -195,7 +270,10 @@ int32_t MakerRadius(float radius) {
 
 }  // namespace
 
-void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
+namespace {
+
+void SeparableFilter(float radius, PLImage* image, const PLImage* source, int32_t taps, const float* kernel,
+                     int32_t axes) {
     if (radius < 0.001f) return;
     const int32_t r = PLTruncI32(radius);
     // A kernel must cover the 2r + 1 taps the edges index, and may reach at
@@ -206,13 +284,25 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
     const int64_t longest = image->width > image->height ? image->width : image->height;
     if (longest + kLineSlack + 2 * static_cast<int64_t>(r) > INT32_MAX) throw PLErrOutOfMemory;
     const int32_t rowThreads = kqmp_threadsfor(image->height);
-    const int32_t columnThreads = kqmp_threadsfor(image->width);
+    // The column pass runs over every element of a row.
+    const int64_t elements = static_cast<int64_t>(image->width) * image->numChannels;
+    if (elements > INT32_MAX) throw PLErrOutOfMemory;
+    const int32_t columnThreads = kqmp_threadsfor(static_cast<int32_t>(elements));
     const int32_t threads = rowThreads > columnThreads ? rowThreads : columnThreads;
-    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * LineBufferFloats(image, r));
+    const size_t bufferFloats = LineBufferFloats(image, r);
+    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
 
     PLVisitPixelType(image->pixelType, [&](auto pixel) {
-        FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, buffers.get());
+        FilterChannels<decltype(pixel)>(image, source, kernel, taps, r, axes, bufferFloats, buffers.get());
     });
+}
+
+const float kBinomial5[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
+
+}  // namespace
+
+void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
+    SeparableFilter(radius, image, image, taps, kernel, axes);
 }
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
@@ -260,6 +350,13 @@ void PLBinomial3Blur(PLImage* image, int32_t axes) {
 }
 
 void PLBinomial5Blur(PLImage* image, int32_t axes) {
-    static const float kernel[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
-    PLSeparableFilter(2.0f, image, 5, kernel, axes);
+    PLSeparableFilter(2.0f, image, 5, kBinomial5, axes);
+}
+
+void PLBinomial5BlurInto(PLImage* image, const PLImage* source) {
+    if (!image || !source) return;
+    if (PLDimensionsDiffer(image, source) || image->numChannels != source->numChannels ||
+        image->pixelType != source->pixelType)
+        throw PLErrFailed;
+    SeparableFilter(2.0f, image, source, 5, kBinomial5, 0);
 }

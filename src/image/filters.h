@@ -15,6 +15,9 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes);
 void PLBinomial5Blur(PLImage* image, int32_t axes);
+// Both axes of `source` into `image`, which must match it in size and format:
+// the same values as a copy blurred in place, without the copy.
+void PLBinomial5BlurInto(PLImage* image, const PLImage* source);
 
 // Kept for completeness: nothing on the plug-in's path makes these kernels.
 void PLBoxBlur(float radius, PLImage* image, int32_t axes);

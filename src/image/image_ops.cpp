@@ -10,6 +10,7 @@
 #include <type_traits>
 
 #include "image/pixel_format.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 
 namespace {
@@ -86,7 +87,7 @@ void UnpremultiplyRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_ar
 // Covers width elements of each row whatever numChannels is: the whole row of
 // the one-channel masks it is meant for.
 template <typename P>
-void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void InvertRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     PLImage* image = args->next<PLImage*>();
     const int32_t width = image->width;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
@@ -103,7 +104,7 @@ void ClearRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args
 }
 
 template <typename DstPixel, typename SrcPixel>
-void CopyChannelRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void CopyChannelRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     using Dst = typename DstPixel::Element;
     using Src = typename SrcPixel::Element;
     PLImage* dst = args->next<PLImage*>();
@@ -232,8 +233,9 @@ void PLUnpremultiply(PLImage* image) {
 
 void PLInvertImage(PLImage* image) {
     if (!PLHasPixels(image)) return;
-    PLVisitPixelType(image->pixelType,
-                     [&](auto pixel) { kqmp_runrows(image->height, InvertRows<decltype(pixel)>, image); });
+    PLVisitPixelType(image->pixelType, [&](auto pixel) {
+        kqmp_runrows(image->height, kqmp_forisa<InvertRows<decltype(pixel)>>(), image);
+    });
 }
 
 void PLClearImage(PLImage* image) {
@@ -252,8 +254,8 @@ void PLCopyChannelIntoChannel(PLImage* dst, int32_t dstChannel, const PLImage* s
         return;
     PLVisitPixelType(dst->pixelType, [&](auto dstPixel) {
         PLVisitPixelType(src->pixelType, [&](auto srcPixel) {
-            kqmp_runrows(dst->height, CopyChannelRows<decltype(dstPixel), decltype(srcPixel)>, dst,
-                         &dstChannel, src, &srcChannel);
+            kqmp_runrows(dst->height, kqmp_forisa<CopyChannelRows<decltype(dstPixel), decltype(srcPixel)>>(),
+                         dst, &dstChannel, src, &srcChannel);
         });
     });
 }

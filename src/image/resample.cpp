@@ -8,6 +8,7 @@
 
 #include "image/bilinear.h"
 #include "image/pixel_format.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 
 namespace {
@@ -37,7 +38,7 @@ struct ColumnTap {
 // and kept while consecutive destination rows share it; the vertical step
 // then runs across the row. Four channels weight the corners directly.
 template <typename DstPixel, int C, typename SrcPixel, bool Scaled>
-void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void ResampleRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     using D = typename DstPixel::Element;
     using S = typename SrcPixel::Element;
     const PLImage* dst = args->next<PLImage*>();
@@ -128,8 +129,8 @@ void PLResampleWithSteps(PLImage* dst, const PLImage* src, float stepX, float st
             using DstPixel = typename DstFormat::Traits;
             constexpr int C = DstFormat::kChannels;
             using SrcPixel = decltype(srcPixel);
-            kqmp_worker* const worker = scaled ? ResampleRows<DstPixel, C, SrcPixel, true>
-                                               : ResampleRows<DstPixel, C, SrcPixel, false>;
+            kqmp_worker* const worker = scaled ? kqmp_forisa<ResampleRows<DstPixel, C, SrcPixel, true>>()
+                                               : kqmp_forisa<ResampleRows<DstPixel, C, SrcPixel, false>>();
             kqmp_runrows(dst->height, worker, dst, src, static_cast<const float*>(factors));
         });
     });

@@ -8,6 +8,7 @@
 
 #include "image/image_ops.h"
 #include "image/pixel_format.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 #include "vectors/fill.h"
 
@@ -29,8 +30,8 @@ int32_t DecodablePixels(const PLImage* flow, const PLImage* vectors) {
 // The divisor is one below white (254, 65534), so that the middle codes 127
 // and 32767 stand for exactly zero motion.
 template <typename P>
-void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, int32_t n, int32_t firstRow,
-                       int32_t lastRow) {
+PL_INLINE_HOT void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, int32_t n,
+                                     int32_t firstRow, int32_t lastRow) {
     using T = typename P::Element;
     const double span = static_cast<double>(P::kWhite) - 1.0;
     for (int32_t y = firstRow; y <= lastRow; ++y) {
@@ -51,8 +52,8 @@ void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, in
     }
 }
 
-void DecodeFloatRows(const PLImage* flow, const PLImage* vectors, float m, int32_t n, int32_t firstRow,
-                     int32_t lastRow) {
+PL_INLINE_HOT void DecodeFloatRows(const PLImage* flow, const PLImage* vectors, float m, int32_t n,
+                                   int32_t firstRow, int32_t lastRow) {
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* out = flow->Row(y);
         const uint8_t* in = vectors->Row(y);
@@ -72,7 +73,7 @@ void DecodeFloatRows(const PLImage* flow, const PLImage* vectors, float m, int32
     }
 }
 
-void DecodeRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void DecodeRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* flow = args->next<PLImage*>();
     const PLImage* vectors = args->next<const PLImage*>();
     const float maxDisplace = *args->next<const float*>();
@@ -94,7 +95,7 @@ void PLDecodeMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vect
     if (!(flow->numChannels == 2 || vectors->numChannels == 4)) return;
     if (PLDimensionsDiffer(flow, vectors)) return;
     if (flow->pixelType != PLPixelFloat) return;
-    kqmp_runrows(flow->height, DecodeRows, flow, vectors, &maxDisplace);
+    kqmp_runrows(flow->height, kqmp_forisa<DecodeRows>(), flow, vectors, &maxDisplace);
 }
 
 void PLDecodeAndFillMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vectors) {

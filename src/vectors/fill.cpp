@@ -9,6 +9,7 @@
 #include "image/image_ops.h"
 #include "image/pixel_format.h"
 #include "image/resample.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 #include "vectors/fill.h"
 
@@ -93,7 +94,184 @@ void Push(PLImage* dst, const PLImage* src) {
     PLResampleWithSteps(dst, src, stepX, stepY);
 }
 
+// The two-channel fill's levels: finest first, halved up to the first 2 x 2
+// level past the finest, the top one. Each level has its values (two
+// channels) and weights (one) and, above the finest, its filled image (two),
+// at 64-byte aligned offsets into one scratch block.
+constexpr int32_t kMaxLevels = 40;
+constexpr size_t kAlignment = 64;
+
+struct FlowLevels {
+    int32_t count = 0;
+    int32_t width[kMaxLevels] = {};
+    int32_t height[kMaxLevels] = {};
+    size_t values[kMaxLevels] = {};
+    size_t weights[kMaxLevels] = {};
+    size_t filled[kMaxLevels] = {};
+    size_t bytes = 0;
+};
+
+size_t Aligned(size_t bytes) {
+    return (bytes + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+FlowLevels LayOut(int32_t width, int32_t height) {
+    if (width < 1 || height < 1) throw PLErrFailed;
+    // Far past any memory; keeps the sums below from wrapping.
+    if (static_cast<uint64_t>(width) * static_cast<uint64_t>(height) > (uint64_t{1} << 56))
+        throw PLErrOutOfMemory;
+    FlowLevels levels;
+    int32_t w = width;
+    int32_t h = height;
+    for (;;) {
+        const int32_t l = levels.count++;
+        levels.width[l] = w;
+        levels.height[l] = h;
+        const size_t pixels = static_cast<size_t>(w) * static_cast<size_t>(h);
+        levels.values[l] = levels.bytes;
+        levels.bytes += Aligned(pixels * 2 * sizeof(float));
+        levels.weights[l] = levels.bytes;
+        levels.bytes += Aligned(pixels * sizeof(float));
+        if (l > 0) {
+            levels.filled[l] = levels.bytes;
+            levels.bytes += Aligned(pixels * 2 * sizeof(float));
+            if (w == 2 && h == 2) break;
+        }
+        w = HalveLevel(w);
+        h = HalveLevel(h);
+    }
+    return levels;
+}
+
+PLImage LevelImage(uint8_t* scratch, size_t offset, const FlowLevels& levels, int32_t l, int32_t channels) {
+    return PLImage(scratch + offset, levels.width[l], levels.height[l], channels, PLPixelFloat, 0);
+}
+
+// The flow's own memory as a level-0 image of one or two float channels.
+PLImage FlowMemory(const PLImage* flow, int32_t channels) {
+    return PLImage(flow->data, flow->width, flow->height, flow->rowBytes, channels, PLPixelFloat,
+                   flow->flipped);
+}
+
+// Level l's filled image; level 0's is the flow's memory.
+PLImage FilledLevel(const PLImage* flow, uint8_t* scratch, const FlowLevels& levels, int32_t l,
+                    int32_t channels) {
+    if (l == 0) return FlowMemory(flow, channels);
+    return LevelImage(scratch, levels.filled[l], levels, l, channels);
+}
+
+// Level 0 of both pyramids at once: weight 1 and the vector where the mask is
+// zero, weight 0 and a cleared vector elsewhere.
+template <typename MaskPixel>
+PL_INLINE_HOT void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const PLImage* values = args->next<PLImage*>();
+    const PLImage* weights = args->next<PLImage*>();
+    const PLImage* flow = args->next<const PLImage*>();
+    const PLImage* mask = args->next<const PLImage*>();
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        float* v = reinterpret_cast<float*>(values->Row(y));
+        float* w = reinterpret_cast<float*>(weights->Row(y));
+        const float* f = reinterpret_cast<const float*>(flow->Row(y));
+        const uint8_t* m = mask->Row(y);
+        for (int32_t x = 0; x < values->width; ++x) {
+            const bool known = MaskPixel::Load(m + PLOffset(x, mask->pixelStride)) == 0;
+            w[x] = known ? 1.0f : 0.0f;
+            v[2 * x] = known ? f[2 * x] : 0.0f;
+            v[2 * x + 1] = known ? f[2 * x + 1] : 0.0f;
+        }
+    }
+}
+
+// DivideRows for both channels over one weight. The top level has nothing
+// pushed into it: where the weight is zero it takes zero.
+template <bool kTop>
+PL_INLINE_HOT void DivideFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const PLImage* filled = args->next<PLImage*>();
+    const PLImage* values = args->next<const PLImage*>();
+    const PLImage* weights = args->next<const PLImage*>();
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        float* f = reinterpret_cast<float*>(filled->Row(y));
+        const float* v = reinterpret_cast<const float*>(values->Row(y));
+        const float* w = reinterpret_cast<const float*>(weights->Row(y));
+        for (int32_t x = 0; x < filled->width; ++x) {
+            if (w[x] != 0.0f) {
+                f[2 * x] = v[2 * x] / w[x];
+                f[2 * x + 1] = v[2 * x + 1] / w[x];
+            } else if (kTop) {
+                f[2 * x] = 0.0f;
+                f[2 * x + 1] = 0.0f;
+            }
+        }
+    }
+}
+
+template <bool kTop>
+void DivideFlow(PLImage* filled, const PLImage* values, const PLImage* weights) {
+    kqmp_runrows(filled->height, kqmp_forisa<DivideFlowRows<kTop>>(), filled, values, weights);
+}
+
 }  // namespace
+
+size_t PLFlowFillBytes(int32_t width, int32_t height) {
+    return LayOut(width, height).bytes;
+}
+
+void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* progress, uint8_t* scratch) {
+    if (!flow || !mask || !scratch || PLDimensionsDiffer(flow, mask)) return;
+    if (flow->numChannels != 2 || flow->pixelType != PLPixelFloat || !PLIsPathType(mask->pixelType)) return;
+    const FlowLevels levels = LayOut(flow->width, flow->height);
+    const int32_t top = levels.count - 1;
+    auto values = [&](int32_t l) { return LevelImage(scratch, levels.values[l], levels, l, 2); };
+    auto weights = [&](int32_t l) { return LevelImage(scratch, levels.weights[l], levels, l, 1); };
+
+    {
+        PLImage v = values(0);
+        PLImage w = weights(0);
+        PLVisitPixelType(mask->pixelType, [&](auto maskPixel) {
+            kqmp_runrows(flow->height, kqmp_forisa<LoadFlowRows<decltype(maskPixel)>>(), &v, &w, flow, mask);
+        });
+    }
+    // The flow's values now live in level 0, so the flow's memory is free to
+    // smooth level 0 in, as each filled level is for the level it belongs to.
+    for (int32_t l = 1; l <= top; ++l) {
+        const PLImage fromValues = values(l - 1);
+        const PLImage fromWeights = weights(l - 1);
+        PLImage toValues = values(l);
+        PLImage toWeights = weights(l);
+        PLImage workValues = FilledLevel(flow, scratch, levels, l - 1, 2);
+        PLBinomial5BlurInto(&workValues, &fromValues);
+        PLResample(&toValues, &workValues);
+        PLImage workWeights = FilledLevel(flow, scratch, levels, l - 1, 1);
+        PLBinomial5BlurInto(&workWeights, &fromWeights);
+        PLResample(&toWeights, &workWeights);
+    }
+
+    QVIdleAndProgressClass local(progress);
+    float total = 0.0f;
+    for (int32_t l = top; l >= 0; --l)
+        total += static_cast<float>(static_cast<int64_t>(levels.width[l]) * levels.height[l]);
+    float done = 0.0f;
+    for (int32_t l = top; l >= 0; --l) {
+        PLImage level = FilledLevel(flow, scratch, levels, l, 2);
+        PLImage* filled = l == 0 ? flow : &level;
+        const PLImage v = values(l);
+        const PLImage w = weights(l);
+        if (l == top)
+            DivideFlow<true>(filled, &v, &w);
+        else
+            DivideFlow<false>(filled, &v, &w);
+        PLSmoothLevel(filled, 0, 1);
+        local.reportCurrent();
+        if (l == 0) {
+            DivideFlow<false>(flow, &v, &w);
+        } else {
+            PLImage finer = FilledLevel(flow, scratch, levels, l - 1, 2);
+            Push(l == 1 ? flow : &finer, filled);
+        }
+        done += static_cast<float>(static_cast<int64_t>(levels.width[l]) * levels.height[l]);
+        local.ProgressIdle(done / total);
+    }
+}
 
 PLSingleChannelFill::PLSingleChannelFill(int32_t throwOnError, int32_t w, int32_t h) : width(w), height(h) {
     build(throwOnError);

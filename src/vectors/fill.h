@@ -5,6 +5,7 @@
 // PLFillFlowHoles runs it channel by channel.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/qvmem.h"
@@ -53,5 +54,17 @@ class PLSingleChannelFill : public QVMem {
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength);
 
 // Fills the holes of every channel of image, one channel at a time; a vector
-// is known where mask is zero.
+// is known where mask is zero. Kept for completeness: the engine fills with PLFillFlow.
 void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass* progress);
+
+// Bytes of the scratch PLFillFlow carves its levels from for a width x height
+// flow; throws PLErrOutOfMemory for a size that cannot be stated.
+size_t PLFlowFillBytes(int32_t width, int32_t height);
+
+// The same fill, to the bit, of a two-channel float flow: the weight pyramid
+// built once, both channels through every stage together, each level smoothed
+// from where it is into where it goes, and the flow's own memory used as the
+// finest working level. `scratch` holds PLFlowFillBytes(width, height) bytes.
+// A mask of another size or type, or a flow that isn't two float channels, is
+// left alone.
+void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* progress, uint8_t* scratch);

@@ -4,11 +4,12 @@
 #include "vectors/scale_flow.h"
 
 #include "image/pixel_format.h"
+#include "mp/isa_rows.h"
 #include "mp/kqmp.h"
 
 namespace {
 
-void ScaleFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void ScaleFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const PLImage* flow = args->next<PLImage*>();
     const float scaleX = *args->next<const float*>();
     const float scaleY = *args->next<const float*>();
@@ -25,5 +26,5 @@ void ScaleFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* 
 
 void PLScaleFlow(float scaleX, float scaleY, PLImage* flow) {
     if (!flow || flow->pixelType != PLPixelFloat || flow->numChannels != 2) return;
-    kqmp_runrows(flow->height, ScaleFlowRows, flow, &scaleX, &scaleY);
+    kqmp_runrows(flow->height, kqmp_forisa<ScaleFlowRows>(), flow, &scaleX, &scaleY);
 }

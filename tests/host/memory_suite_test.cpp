@@ -1,6 +1,8 @@
-// The host's memory suite: what it counts, when it fails, and bad frees.
+// The host's memory suite: what it counts, when it fails, bad frees, and the
+// large blocks it keeps for the next frame.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <vector>
 
 #include "host.h"
@@ -25,4 +27,36 @@ TEST(MemorySuite, CountsBytesRefusesBadFreesAndFailsWhenTold) {
     EXPECT_EQ(std::vector<uint64_t>(
                   {c.allocations, c.failedAllocations, c.frees, c.badFrees, c.liveBytes, c.peakBytes}),
               std::vector<uint64_t>({2, 1, 2, 2, 0, 128}));
+}
+
+// A frame's large blocks come back for the next frame's requests they fit
+// closely; kept bytes stay within the peak; counting and failure injection
+// see every request as before.
+TEST(MemorySuite, KeepsLargeBlocksForRequestsTheyFitWithinThePeak) {
+    constexpr size_t kMiB = size_t{1} << 20;
+    ofxhost::MemoryLedger ledger;
+    void* frame[3] = {};
+    const size_t sizes[3] = {8 * kMiB, 2 * kMiB, 1000};
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(ledger.allocate(sizes[i], &frame[i]), kOfxStatOK);
+    for (void* block : frame) ASSERT_EQ(ledger.release(block), kOfxStatOK);
+
+    void *again = nullptr, *small = nullptr, *loose = nullptr, *larger = nullptr;
+    ASSERT_EQ(ledger.allocate(7 * kMiB, &again), kOfxStatOK);
+    EXPECT_EQ(again, frame[0]) << "8 MiB holds 7 with less than a quarter spare";
+    std::memset(again, 2, 7 * kMiB);  // the whole of what was asked is usable
+    ASSERT_EQ(ledger.allocate(1000, &small), kOfxStatOK);
+    ASSERT_EQ(ledger.allocate(kMiB, &loose), kOfxStatOK);
+    EXPECT_NE(loose, frame[1]) << "2 MiB for 1 would waste half";
+    // Needs a fresh block; the kept 2 MiB goes back to stay within the peak.
+    ASSERT_EQ(ledger.allocate(9 * kMiB, &larger), kOfxStatOK);
+    for (void* block : {again, small, loose, larger}) ASSERT_EQ(ledger.release(block), kOfxStatOK);
+
+    const ofxhost::MemoryLedger::Counts c = ledger.counts();
+    EXPECT_EQ(std::vector<uint64_t>({c.allocations, c.frees, c.liveBytes, c.peakBytes}),
+              std::vector<uint64_t>({7, 7, 0, 7 * kMiB + 1000 + kMiB + 9 * kMiB}));
+    EXPECT_EQ(ledger.release(again), kOfxStatErrBadHandle) << "a kept block is not live";
+    ledger.failAfter(7);
+    void* refused = nullptr;
+    EXPECT_EQ(ledger.allocate(8 * kMiB, &refused), kOfxStatErrMemory) << "even with a kept block that fits";
+    EXPECT_EQ(refused, nullptr);
 }
