@@ -32,11 +32,9 @@ bool ChannelLayout::read(const std::string& path, std::string& error) {
         error = path + ": holds no image";
         return false;
     }
-    const bool exr = std::strcmp(in->format_name(), "openexr") == 0;
     for (const OIIO::ImageSpec& header : headers_) {
         if (!checkFrameSize(path, header.width, header.height, error)) return false;
-        if (exr && header.tile_width > 0 &&
-            !checkTileSize(path, header.tile_width, header.tile_height, error))
+        if (!checkParsedTiles(path, in->format_name(), header.tile_width, header.tile_height, error))
             return false;
     }
     return true;

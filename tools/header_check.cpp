@@ -108,6 +108,12 @@ bool checkTileSize(const std::string& path, int64_t width, int64_t height, std::
     return true;
 }
 
+bool checkParsedTiles(const std::string& path, const char* formatName, int64_t tileWidth, int64_t tileHeight,
+                      std::string& error) {
+    if (tileWidth <= 0 || std::strcmp(formatName, "openexr") != 0) return true;
+    return checkTileSize(path, tileWidth, tileHeight, error);
+}
+
 bool checkExrHeader(const std::string& path, std::string& error) {
     std::ifstream in(path, std::ios::binary | std::ios::ate);
     if (!in) return true;  // whoever opens it next says why it can't

@@ -25,6 +25,10 @@ bool checkFrameSize(const std::string& path, int64_t width, int64_t height, std:
 // False, with a message naming the file, for tiles of no pixels, past
 // kMaxTilePixels or with a side past kMaxFrameSide.
 bool checkTileSize(const std::string& path, int64_t width, int64_t height, std::string& error);
+// checkTileSize on the tiles an opened file's reader parsed, for OpenEXR files
+// (the read's tile buffers come from these); other formats and untiled files pass.
+bool checkParsedTiles(const std::string& path, const char* formatName, int64_t tileWidth, int64_t tileHeight,
+                      std::string& error);
 
 // False, with a message naming the file, for an OpenEXR file whose header is
 // cut short or has an attribute whose size runs past the end of the file

@@ -64,10 +64,7 @@ bool readChannelRange(OIIO::ImageInput& in, const std::string& path, const OIIO:
                       int first, int end, OIIO::TypeDesc type, double scale, bool nearest,
                       OIIO::ImageBuf& file, std::string& error) {
     if (!checkFrameSize(path, header.width, header.height, error)) return false;
-    // As OpenEXR parsed them: the tile buffers of the read come from these.
-    if (header.tile_width > 0 && std::strcmp(in.format_name(), "openexr") == 0 &&
-        !checkTileSize(path, header.tile_width, header.tile_height, error))
-        return false;
+    if (!checkParsedTiles(path, in.format_name(), header.tile_width, header.tile_height, error)) return false;
     const int64_t bytes = static_cast<int64_t>(header.width) * header.height * (end - first) *
                           static_cast<int64_t>(type.size());
     if (bytes > kMaxReadBytes) {
