@@ -6,7 +6,19 @@
 // results are compared bit for bit.
 #include <cmath>
 #include <cstring>
+#if defined(__x86_64__)
+// GCC 12's AVX-512 header leaves a pass-through operand undefined on purpose.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <immintrin.h>
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+#endif
 
+#include "base/isa.h"
 #include "blur/motion_blur.h"
 #include "image/bilinear.h"
 #include "image/lanes.h"
@@ -94,22 +106,61 @@ inline void Walk(const SourceView<P, C>& src, float px, float py, float stepX, f
     }
 }
 
+// From the flow's grid to the source's and back, and the amount's half-step.
+struct Scales {
+    Scales(const PLImage& source, const PLImage& flow, float amount) {
+        const float sx = static_cast<float>(source.lastColumn) / static_cast<float>(flow.lastColumn);
+        const float sy = static_cast<float>(source.lastRow) / static_cast<float>(flow.lastRow);
+        kx = sx * amount * 0.5f;
+        ky = sy * amount * 0.5f;
+        invX = 1.0f / sx;
+        invY = 1.0f / sy;
+    }
+    float kx, ky, invX, invY;
+};
+
+using FlowReader = PLBilinearReader<PLPixel<PLPixelFloat>, 2, PLBeforeFirst::kKeepFraction>;
+
+// What one output pixel does: copy its source pixel (still), or walk n
+// samples forward and n - 1 back by (stepX, stepY).
+struct PixelPlan {
+    bool still;
+    int32_t n;
+    float stepX;
+    float stepY;
+};
+
+template <bool kBilinear>
+PL_INLINE_HOT PixelPlan Plan(const FlowReader& flowReader, float fx, float fy, float kx, float ky) {
+    const PLLanes vector = flowReader.template Read<false>(fx, fy) + 0.0f;
+    const float du = kx * vector[0];
+    const float dv = ky * vector[1];
+    const float d2 = du * du + dv * dv;
+    bool still;
+    if constexpr (kBilinear) {
+        still = static_cast<double>(d2) < 1e-06;
+    } else {
+        still = d2 < 1.0f;
+    }
+    if (still) return {true, 0, 0.0f, 0.0f};
+    const float len = std::sqrt(d2);
+    const int32_t n = PLTruncI32(len + 1.0f);
+    if (n < 2) return {false, 2, du, dv};
+    return {false, n, du / static_cast<float>(n - 1), dv / static_cast<float>(n - 1)};
+}
+
 template <typename P, int C, bool kBilinear, bool kCountOutside>
 void BlurRows(const BlurCall& call) {
     using T = typename P::Element;
     const PLImage& source = *call.source;
     const PLImage& flow = *call.flow;
-    const float sx = static_cast<float>(source.lastColumn) / static_cast<float>(flow.lastColumn);
-    const float sy = static_cast<float>(source.lastRow) / static_cast<float>(flow.lastRow);
-    const float kx = sx * call.amount * 0.5f;
-    const float ky = sy * call.amount * 0.5f;
-    const float invX = 1.0f / sx;
-    const float invY = 1.0f / sy;
+    const Scales scales(source, flow, call.amount);
+    const float kx = scales.kx, ky = scales.ky, invX = scales.invX, invY = scales.invY;
     QVIdleAndProgressClass rowProgress(call.progress);
 
     constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
     const SourceView<P, C> src(source);
-    const PLBilinearReader<PLPixel<PLPixelFloat>, 2, PLBeforeFirst::kKeepFraction> flowReader(flow);
+    const FlowReader flowReader(flow);
     const int32_t span = call.last - call.first;
 
     // Float counters drive the arithmetic; the integer ones address memory and
@@ -123,31 +174,14 @@ void BlurRows(const BlurCall& call) {
         const float fy = y * invY;
         float x = static_cast<float>(call.x0);
         for (int32_t column = call.x0; column <= call.x1; ++column, x += 1.0f, out += kPixelBytes) {
-            const PLLanes vector = flowReader.template Read<false>(invX * x, fy) + 0.0f;
-            const float du = kx * vector[0];
-            const float dv = ky * vector[1];
-            const float d2 = du * du + dv * dv;
-            bool still;
-            if constexpr (kBilinear) {
-                still = static_cast<double>(d2) < 1e-06;
-            } else {
-                still = d2 < 1.0f;
-            }
-            if (still) {
+            const PixelPlan plan = Plan<kBilinear>(flowReader, invX * x, fy, kx, ky);
+            if (plan.still) {
                 std::memcpy(out, sourceRow + PLOffset(column, kPixelBytes), kPixelBytes);
                 continue;
             }
-            const float len = std::sqrt(d2);
-            int32_t n = PLTruncI32(len + 1.0f);
-            float stepX, stepY;
-            if (n < 2) {
-                n = 2;
-                stepX = du;
-                stepY = dv;
-            } else {
-                stepX = du / static_cast<float>(n - 1);
-                stepY = dv / static_cast<float>(n - 1);
-            }
+            const int32_t n = plan.n;
+            const float stepX = plan.stepX;
+            const float stepY = plan.stepY;
             PLLanes sums = {};
             float count = 0.0f;
             if constexpr (kBilinear) {
@@ -166,9 +200,67 @@ void BlurRows(const BlurCall& call) {
     }
 }
 
+// The wide walk (blur/wide_walk.h), once for each instruction-set path, in a
+// region compiled for that path. Every helper in it is inlined, so no vector
+// crosses a call, and GCC's note on how one would is moot.
+#if defined(__x86_64__)
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2"))), apply_to = function)
+#else
+#pragma GCC diagnostic ignored "-Wpsabi"
+#pragma GCC push_options
+#pragma GCC target("avx2")
+#endif
+namespace avx2 {
+constexpr int kPixels = 2;
+#include "blur/wide_walk.h"
+}  // namespace avx2
+#if defined(__clang__)
+#pragma clang attribute pop
+#pragma clang attribute push(__attribute__((target("avx2,avx512f,avx512vl,avx512bw,avx512dq"))), \
+                             apply_to = function)
+#else
+#pragma GCC pop_options
+#pragma GCC push_options
+#pragma GCC target("avx2,avx512f,avx512vl,avx512bw,avx512dq")
+#endif
+namespace avx512 {
+constexpr int kPixels = 4;
+#include "blur/wide_walk.h"
+}  // namespace avx512
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+// Pixel offsets of the wide walk are 32-bit.
+bool FitsWideOffsets(const PLImage& image) {
+    const int64_t pixelBytes = 4 * static_cast<int64_t>(image.bytesPerElement);
+    const int64_t rowStep = image.rowStep < 0 ? -static_cast<int64_t>(image.rowStep) : image.rowStep;
+    return static_cast<int64_t>(image.lastRow) * rowStep +
+               static_cast<int64_t>(image.lastColumn) * pixelBytes <=
+           INT32_MAX;
+}
+#endif
+
 // One member of the family: its four bodies, chosen by edge rule then mode.
 template <typename P, int C>
 void BlurMember(const BlurCall& call, bool countOutside, bool bilinear) {
+#if defined(__x86_64__)
+    if constexpr (C == 4) {
+        if (bilinear && !countOutside && FitsWideOffsets(*call.source)) {
+            switch (PLActiveIsa()) {
+                case PLIsaAvx512:
+                    return avx512::BlurRows<P>(call);
+                case PLIsaAvx2:
+                    return avx2::BlurRows<P>(call);
+                default:
+                    break;
+            }
+        }
+    }
+#endif
     if (countOutside) {
         if (bilinear) {
             BlurRows<P, C, true, true>(call);

@@ -1,0 +1,225 @@
+// Several pixels' walks at once, for the plug-in's body (four channels,
+// bilinear, stop at the edge): kPixels pixels in one register of 4 kPixels
+// lanes, every per-pixel value (position, fraction, count) repeated in its
+// pixel's four lanes, so each lane does exactly its channel's operations of
+// the one-pixel body. A lane stops where its own walk would; the group goes on
+// while any lane walks.
+//
+// Included once per instruction-set path by kernels.cpp, inside a namespace
+// that defines kPixels and a region compiled for the path: GCC lowers vector
+// operations in each function before inlining it, so every helper here must
+// be compiled for the path itself. No include guard, no includes.
+
+using F = float __attribute__((vector_size(16 * kPixels)));
+using I = int32_t __attribute__((vector_size(16 * kPixels)));
+
+// a + b keeping a's NaN where both are NaN, as the one-pixel body's build
+// does; left to itself the compiler may swap the operands, and the sign of
+// a NaN output with them.
+PL_INLINE_HOT F AddKeepingFirstNaN(const F& a, const F& b) {
+    F sum;
+    asm("vaddps %2, %1, %0" : "=x"(sum) : "x"(a), "x"(b));
+    return sum;
+}
+
+// Integer pixels as one word each, widened to int32 lanes by the path's own
+// instruction: GCC takes a generic widening of bytes apart lane by lane.
+template <typename T, int N = kPixels>
+PL_INLINE_HOT auto Widen(const uint8_t* const (&at)[N]) {
+    using Word = std::conditional_t<sizeof(T) == 1, uint32_t, uint64_t>;
+    Word words[4] = {};
+    for (int j = 0; j < N; ++j) std::memcpy(&words[j], at[j], sizeof(Word));
+    if constexpr (sizeof(T) == 1) {
+        const __m128i bytes = _mm_setr_epi32(static_cast<int>(words[0]), static_cast<int>(words[1]),
+                                             static_cast<int>(words[2]), static_cast<int>(words[3]));
+        if constexpr (N == 2) {
+            return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes));
+        } else {
+            return _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(bytes));
+        }
+    } else {
+        const __m128i low =
+            _mm_set_epi64x(static_cast<long long>(words[1]), static_cast<long long>(words[0]));
+        if constexpr (N == 2) {
+            return _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(low));
+        } else {
+            const __m128i high =
+                _mm_set_epi64x(static_cast<long long>(words[3]), static_cast<long long>(words[2]));
+            return _mm512_cvtepi32_ps(_mm512_cvtepu16_epi32(_mm256_setr_m128i(low, high)));
+        }
+    }
+}
+
+// The four elements of each pixel at `at`, as the lanes of its pixel. Float
+// pixels are loaded whole and set side by side; integer ones are gathered as
+// whole words and widened together. (Templates, so that only the branch for
+// the type and kPixels is compiled.)
+template <typename T, int N = kPixels>
+PL_INLINE_HOT F LoadPixels(const uint8_t* const (&at)[N]) {
+    if constexpr (std::is_same_v<T, float>) {
+        PLLanes pixels[N];
+        for (int j = 0; j < N; ++j) pixels[j] = PLLoadLanes<float, 4>(at[j]);
+        if constexpr (N == 2) {
+            return __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
+        } else {
+            const auto low = __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
+            const auto high = __builtin_shufflevector(pixels[2], pixels[3], 0, 1, 2, 3, 4, 5, 6, 7);
+            return __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        }
+    } else {
+        return reinterpret_cast<F>(Widen<T>(at));
+    }
+}
+
+// Whether any lane is set, by folding halves: through memory the compiler
+// would take the mask apart into scalars.
+template <int N = kPixels>
+PL_INLINE_HOT bool Any(const I& mask) {
+    const auto half = [](const auto& v) {
+        if constexpr (sizeof(v) == 64) {
+            return __builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7) |
+                   __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15);
+        } else {
+            return __builtin_shufflevector(v, v, 0, 1, 2, 3) | __builtin_shufflevector(v, v, 4, 5, 6, 7);
+        }
+    };
+    auto folded = half(mask);
+    if constexpr (N == 4) {
+        const auto quarter = half(folded);
+        return (quarter[0] | quarter[1] | quarter[2] | quarter[3]) != 0;
+    } else {
+        return (folded[0] | folded[1] | folded[2] | folded[3]) != 0;
+    }
+}
+
+// Each pixel's value in its four lanes.
+template <typename V, typename T>
+PL_INLINE_HOT V Spread(const T (&values)[kPixels]) {
+    V v;
+    for (int lane = 0; lane < 4 * kPixels; ++lane) v[lane] = values[lane / 4];
+    return v;
+}
+
+// The source as the wide walk reads it: offsets of pixels from row 0 in 32
+// bits, which the caller has checked the image fits.
+template <typename P>
+struct Source {
+    static constexpr int32_t kPixelBytes = 4 * static_cast<int32_t>(sizeof(typename P::Element));
+    explicit Source(const PLImage& image)
+        : row0(image.Row(0)),
+          rowStep(image.rowStep),
+          right(image.lastColumn > 0 ? kPixelBytes : 0),
+          down(image.lastRow > 0 ? image.rowStep : 0),
+          lastColumn(image.lastColumn),
+          lastRow(image.lastRow),
+          fWidth(static_cast<float>(image.width)),
+          fHeight(static_cast<float>(image.height)) {}
+    const uint8_t* row0;
+    int32_t rowStep;
+    int32_t right;
+    int32_t down;
+    int32_t lastColumn;
+    int32_t lastRow;
+    float fWidth;
+    float fHeight;
+};
+
+// The index and fraction of one axis of a bilinear read inside the image,
+// lane by lane as the one-pixel read takes them.
+PL_INLINE_HOT void Tap(const F& u, int32_t last, I& index, F& fraction) {
+    index = __builtin_convertvector(u, I);
+    fraction = u - __builtin_convertvector(index, F);
+    const I past = index >= last;
+    index = past ? (I{} + (last - 1)) : index;
+    fraction = past ? (F{} + 1.0f) : fraction;
+    index = index < 0 ? I{} : index;  // an axis of one sample
+}
+
+template <typename P>
+PL_INLINE_HOT void Walk(const Source<P>& src, const F& startX, const F& startY, const F& stepX,
+                        const F& stepY, const I& m, F& sums, F& count) {
+    using T = typename P::Element;
+    F px = startX, py = startY;
+    I alive = m > 0;
+    for (int32_t k = 0;; ++k) {
+        alive &= (I{} + k) < m;
+        alive &= (px >= 0.0f) & (px < src.fWidth) & (py >= 0.0f) & (py < src.fHeight);
+        if (!Any(alive)) return;
+        // Lanes that have stopped read pixel 0, and throw it away.
+        I ix, iy;
+        F fx, fy;
+        Tap(alive ? px : F{}, src.lastColumn, ix, fx);
+        Tap(alive ? py : F{}, src.lastRow, iy, fy);
+        const I offset = iy * src.rowStep + ix * Source<P>::kPixelBytes;
+        const uint8_t *p0[kPixels], *p1[kPixels], *q0[kPixels], *q1[kPixels];
+        for (int j = 0; j < kPixels; ++j) {
+            p0[j] = src.row0 + offset[4 * j];
+            p1[j] = p0[j] + src.right;
+            q0[j] = p0[j] + src.down;
+            q1[j] = q0[j] + src.right;
+        }
+        const F top = LoadPixels<T>(p0);
+        const F bottom = LoadPixels<T>(q0);
+        const F a = AddKeepingFirstNaN((LoadPixels<T>(p1) - top) * fx, top);
+        const F b = AddKeepingFirstNaN((LoadPixels<T>(q1) - bottom) * fx, bottom);
+        const F sample = AddKeepingFirstNaN((b - a) * fy, a) + 0.0f;
+        sums = alive ? AddKeepingFirstNaN(sums, sample) : sums;
+        count = alive ? count + 1.0f : count;
+        px += stepX;
+        py += stepY;
+    }
+}
+
+template <typename P>
+void BlurRows(const BlurCall& call) {
+    using T = typename P::Element;
+    constexpr int32_t kPixelBytes = Source<P>::kPixelBytes;
+    const PLImage& source = *call.source;
+    const Scales scales(source, *call.flow, call.amount);
+    QVIdleAndProgressClass rowProgress(call.progress);
+    const Source<P> src(source);
+    const FlowReader flowReader(*call.flow);
+    const int32_t span = call.last - call.first;
+
+    float y = static_cast<float>(call.first);
+    for (int32_t row = call.first; row <= call.last; ++row, y += 1.0f) {
+        if (span > 0)
+            rowProgress.ProgressIdle((y - static_cast<float>(call.first)) / static_cast<float>(span));
+        uint8_t* out = call.output->Row(row) + PLOffset(call.x0, call.output->pixelStride);
+        const uint8_t* sourceRow = source.Row(row) + PLOffset(call.x0, kPixelBytes);
+        const float fy = y * scales.invY;
+        float x = static_cast<float>(call.x0);
+        for (int32_t column = call.x0; column <= call.x1; column += kPixels) {
+            const int32_t pixels = call.x1 - column + 1 < kPixels ? call.x1 - column + 1 : kPixels;
+            float xs[kPixels] = {}, stepX[kPixels] = {}, stepY[kPixels] = {};
+            int32_t n[kPixels] = {};  // 0: the pixel is still, or past the row
+            bool walks = false;
+            for (int j = 0; j < pixels; ++j, x += 1.0f) {
+                const PixelPlan plan = Plan<true>(flowReader, scales.invX * x, fy, scales.kx, scales.ky);
+                xs[j] = x;
+                if (plan.still) continue;
+                n[j] = plan.n;
+                stepX[j] = plan.stepX;
+                stepY[j] = plan.stepY;
+                walks = true;
+            }
+            F sums = {}, count = {};
+            if (walks) {
+                const F px = Spread<F>(xs), py = F{} + y;
+                const F sx = Spread<F>(stepX), sy = Spread<F>(stepY);
+                const I m = Spread<I>(n);
+                Walk<P>(src, px, py, sx, sy, m, sums, count);
+                Walk<P>(src, px - sx, py - sy, -sx, -sy, m - 1, sums, count);
+            }
+            const F average = sums * (1.0f / count);
+            for (int j = 0; j < pixels; ++j, out += kPixelBytes, sourceRow += kPixelBytes) {
+                if (n[j] == 0) {
+                    std::memcpy(out, sourceRow, kPixelBytes);
+                    continue;
+                }
+                for (int c = 0; c < 4; ++c)
+                    P::Store(out + c * static_cast<int32_t>(sizeof(T)), P::RoundClamp(average[4 * j + c]));
+            }
+        }
+    }
+}
