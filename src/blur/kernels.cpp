@@ -200,6 +200,13 @@ void BlurRows(const BlurCall& call) {
     }
 }
 
+// The smallest float above 1e-6: a float is below the double 1e-6 exactly
+// when it is below this.
+float StillBelow() {
+    const float nearest = static_cast<float>(1e-06);
+    return static_cast<double>(nearest) > 1e-06 ? nearest : std::nextafter(nearest, 1.0f);
+}
+
 // The wide walk (blur/wide_walk.h), once for each instruction-set path, in a
 // region compiled for that path. Every helper in it is inlined, so no vector
 // crosses a call, and GCC's note on how one would is moot.

@@ -54,18 +54,27 @@ PL_INLINE_HOT auto Widen(const uint8_t* const (&at)[N]) {
 // pixels are loaded whole and set side by side; integer ones are gathered as
 // whole words and widened together. (Templates, so that only the branch for
 // the type and kPixels is compiled.)
-template <typename T, int N = kPixels>
-PL_INLINE_HOT F LoadPixels(const uint8_t* const (&at)[N]) {
+// Pixels' lanes side by side.
+template <int N = kPixels>
+PL_INLINE_HOT auto Join(const PLLanes (&pixels)[N]) {
+    if constexpr (N == 2) {
+        return __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
+    } else {
+        const auto low = __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
+        const auto high = __builtin_shufflevector(pixels[2], pixels[3], 0, 1, 2, 3, 4, 5, 6, 7);
+        return __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    }
+}
+
+// The four elements of each pixel at `at`, as the lanes of its pixel: float
+// pixels loaded whole and set side by side, integer ones gathered as words
+// and widened together.
+template <typename T>
+PL_INLINE_HOT F LoadPixels(const uint8_t* const (&at)[kPixels]) {
     if constexpr (std::is_same_v<T, float>) {
-        PLLanes pixels[N];
-        for (int j = 0; j < N; ++j) pixels[j] = PLLoadLanes<float, 4>(at[j]);
-        if constexpr (N == 2) {
-            return __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
-        } else {
-            const auto low = __builtin_shufflevector(pixels[0], pixels[1], 0, 1, 2, 3, 4, 5, 6, 7);
-            const auto high = __builtin_shufflevector(pixels[2], pixels[3], 0, 1, 2, 3, 4, 5, 6, 7);
-            return __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-        }
+        PLLanes pixels[kPixels];
+        for (int j = 0; j < kPixels; ++j) pixels[j] = PLLoadLanes<float, 4>(at[j]);
+        return Join(pixels);
     } else {
         return reinterpret_cast<F>(Widen<T>(at));
     }
@@ -90,6 +99,32 @@ PL_INLINE_HOT bool Any(const I& mask) {
     } else {
         return (folded[0] | folded[1] | folded[2] | folded[3]) != 0;
     }
+}
+
+// Truncation with the hardware's answer, INT32_MIN, for NaN and values
+// outside int32, which is PLTruncI32's; and the correctly rounded root.
+// (Templates on the operand, so that only the branch for its width is compiled.)
+template <typename V>
+PL_INLINE_HOT auto TruncateOf(const V& v) {
+    if constexpr (sizeof(V) == 32) {
+        return _mm256_cvttps_epi32(reinterpret_cast<__m256>(v));
+    } else {
+        return _mm512_cvttps_epi32(reinterpret_cast<__m512>(v));
+    }
+}
+template <typename V>
+PL_INLINE_HOT auto SquareRootOf(const V& v) {
+    if constexpr (sizeof(V) == 32) {
+        return _mm256_sqrt_ps(reinterpret_cast<__m256>(v));
+    } else {
+        return _mm512_sqrt_ps(reinterpret_cast<__m512>(v));
+    }
+}
+PL_INLINE_HOT I Truncate(const F& v) {
+    return reinterpret_cast<I>(TruncateOf(v));
+}
+PL_INLINE_HOT F SquareRoot(const F& v) {
+    return reinterpret_cast<F>(SquareRootOf(v));
 }
 
 // Each pixel's value in its four lanes.
@@ -170,6 +205,71 @@ PL_INLINE_HOT void Walk(const Source<P>& src, const F& startX, const F& startY, 
     }
 }
 
+// Lane `Lane` of each pixel in all four of its lanes.
+template <int Lane, int N = kPixels>
+PL_INLINE_HOT auto EachPixels(const F& v) {
+    constexpr int c = Lane;
+    if constexpr (N == 2) {
+        return __builtin_shufflevector(v, v, c, c, c, c, 4 + c, 4 + c, 4 + c, 4 + c);
+    } else {
+        return __builtin_shufflevector(v, v, c, c, c, c, 4 + c, 4 + c, 4 + c, 4 + c, 8 + c, 8 + c, 8 + c,
+                                       8 + c, 12 + c, 12 + c, 12 + c, 12 + c);
+    }
+}
+
+// The flow as the wide plan reads it: a row's vertical tap is shared by all
+// its pixels, so only the horizontal one goes lane by lane.
+struct FlowRow {
+    const uint8_t* row;  // the upper row of the tap
+    int32_t down;
+    int32_t right;
+    int32_t lastColumn;
+    float fraction;
+};
+
+FlowRow FlowRowAt(const PLImage& flow, float fy) {
+    const PLCellTap ty = PLLastCellTap<PLBeforeFirst::kKeepFraction>(fy, flow.lastRow);
+    return {flow.Row(0) + PLOffset(ty.index, flow.rowStep), flow.lastRow > 0 ? flow.rowStep : 0,
+            flow.lastColumn > 0 ? 2 * static_cast<int32_t>(sizeof(float)) : 0, flow.lastColumn, ty.fraction};
+}
+
+// Plan (the one-pixel body's) for every pixel of a group at once: n is 0 for
+// a still pixel, else the samples forward, with the steps.
+PL_INLINE_HOT void PlanGroup(const FlowRow& flow, const F& fx, float kx, float ky, float stillBelow, I& n,
+                             F& stepX, F& stepY) {
+    I ix = Truncate(fx);
+    F f = fx - __builtin_convertvector(ix, F);
+    const I past = ix >= flow.lastColumn;
+    ix = past ? (I{} + (flow.lastColumn - 1)) : ix;
+    f = past ? (F{} + 1.0f) : f;
+    ix = ix < 0 ? I{} : ix;
+    PLLanes p0[kPixels], p1[kPixels], q0[kPixels], q1[kPixels];
+    for (int j = 0; j < kPixels; ++j) {
+        const uint8_t* p = flow.row + static_cast<ptrdiff_t>(ix[4 * j]) * (2 * sizeof(float));
+        p0[j] = PLLoadLanes<float, 2>(p);
+        p1[j] = PLLoadLanes<float, 2>(p + flow.right);
+        q0[j] = PLLoadLanes<float, 2>(p + flow.down);
+        q1[j] = PLLoadLanes<float, 2>(p + flow.down + flow.right);
+    }
+    const F top = Join(p0);
+    const F bottom = Join(q0);
+    // A NaN vector walks one sample whatever its sign, so these additions may
+    // take their operands in either order.
+    const F a = (Join(p1) - top) * f + top;
+    const F b = (Join(q1) - bottom) * f + bottom;
+    const F vector = ((b - a) * flow.fraction + a) + 0.0f;
+    const F du = EachPixels<0>(vector) * kx;
+    const F dv = EachPixels<1>(vector) * ky;
+    const F d2 = du * du + dv * dv;
+    const I still = d2 < stillBelow;
+    const I whole = Truncate(SquareRoot(d2) + 1.0f);
+    const I one = whole < 2;
+    n = one ? (I{} + 2) : whole;
+    stepX = one ? du : du / __builtin_convertvector(n - 1, F);
+    stepY = one ? dv : dv / __builtin_convertvector(n - 1, F);
+    n = still ? I{} : n;
+}
+
 template <typename P>
 void BlurRows(const BlurCall& call) {
     using T = typename P::Element;
@@ -178,8 +278,8 @@ void BlurRows(const BlurCall& call) {
     const Scales scales(source, *call.flow, call.amount);
     QVIdleAndProgressClass rowProgress(call.progress);
     const Source<P> src(source);
-    const FlowReader flowReader(*call.flow);
     const int32_t span = call.last - call.first;
+    const float stillBelow = StillBelow();
 
     float y = static_cast<float>(call.first);
     for (int32_t row = call.first; row <= call.last; ++row, y += 1.0f) {
@@ -188,32 +288,28 @@ void BlurRows(const BlurCall& call) {
         uint8_t* out = call.output->Row(row) + PLOffset(call.x0, call.output->pixelStride);
         const uint8_t* sourceRow = source.Row(row) + PLOffset(call.x0, kPixelBytes);
         const float fy = y * scales.invY;
+        const FlowRow flow = FlowRowAt(*call.flow, fy);
         float x = static_cast<float>(call.x0);
         for (int32_t column = call.x0; column <= call.x1; column += kPixels) {
             const int32_t pixels = call.x1 - column + 1 < kPixels ? call.x1 - column + 1 : kPixels;
-            float xs[kPixels] = {}, stepX[kPixels] = {}, stepY[kPixels] = {};
-            int32_t n[kPixels] = {};  // 0: the pixel is still, or past the row
-            bool walks = false;
-            for (int j = 0; j < pixels; ++j, x += 1.0f) {
-                const PixelPlan plan = Plan<true>(flowReader, scales.invX * x, fy, scales.kx, scales.ky);
-                xs[j] = x;
-                if (plan.still) continue;
-                n[j] = plan.n;
-                stepX[j] = plan.stepX;
-                stepY[j] = plan.stepY;
-                walks = true;
-            }
+            float xs[kPixels];
+            for (int j = 0; j < kPixels; ++j, x += 1.0f) xs[j] = x;
+            const F px = Spread<F>(xs);
+            I n;
+            F sx, sy;
+            PlanGroup(flow, scales.invX * px, scales.kx, scales.ky, stillBelow, n, sx, sy);
+            // Lanes past the row take no samples.
+            if (pixels < kPixels)
+                for (int lane = 4 * pixels; lane < 4 * kPixels; ++lane) n[lane] = 0;
             F sums = {}, count = {};
-            if (walks) {
-                const F px = Spread<F>(xs), py = F{} + y;
-                const F sx = Spread<F>(stepX), sy = Spread<F>(stepY);
-                const I m = Spread<I>(n);
-                Walk<P>(src, px, py, sx, sy, m, sums, count);
-                Walk<P>(src, px - sx, py - sy, -sx, -sy, m - 1, sums, count);
+            if (Any(n)) {
+                const F py = F{} + y;
+                Walk<P>(src, px, py, sx, sy, n, sums, count);
+                Walk<P>(src, px - sx, py - sy, -sx, -sy, n - 1, sums, count);
             }
             const F average = sums * (1.0f / count);
             for (int j = 0; j < pixels; ++j, out += kPixelBytes, sourceRow += kPixelBytes) {
-                if (n[j] == 0) {
+                if (n[4 * j] == 0) {
                     std::memcpy(out, sourceRow, kPixelBytes);
                     continue;
                 }

@@ -71,9 +71,9 @@ TYPED_TEST(EveryFormat, StillCopiesAndAgreementWithTheFloatMember) {
 
 TEST(BlurKernel, SampleCountsAndStepsFromTheHalfLength) {
     // On a ramp v(x) = x a bilinear sample is its own position: the sum is the
-    // sum of the positions.
-    ImagePtr ramp = Pattern(32, 4, 1, PLPixelFloat, [](int32_t x, int32_t, int32_t) { return float(x); });
-    ImagePtr out = MakeImage(32, 4, 1, PLPixelFloat);
+    // sum of the positions. Four channels: the plug-in's body, on every path.
+    ImagePtr ramp = Pattern(32, 4, 4, PLPixelFloat, [](int32_t x, int32_t, int32_t) { return float(x); });
+    ImagePtr out = MakeImage(32, 4, 4, PLPixelFloat);
     const float step = 3.7f / 3.0f;
     const float f1 = 16.0f + step, f2 = f1 + step, f3 = f2 + step, b1 = 16.0f - step, b2 = b1 - step,
                 b3 = b2 - step;
@@ -95,8 +95,8 @@ TEST(BlurKernel, SampleCountsAndStepsFromTheHalfLength) {
         du = std::nextafter(du, 0.0f);
     while (static_cast<double>(du * du) < 1e-06) du = std::nextafter(du, 1.0f);
     ImagePtr spike =
-        Pattern(12, 4, 1, PLPixelFloat, [](int32_t x, int32_t, int32_t) { return x == 5 ? 90 : 0; });
-    ImagePtr spikeOut = MakeImage(12, 4, 1, PLPixelFloat);
+        Pattern(12, 4, 4, PLPixelFloat, [](int32_t x, int32_t, int32_t) { return x == 5 ? 90 : 0; });
+    ImagePtr spikeOut = MakeImage(12, 4, 4, PLPixelFloat);
     Blur(*spikeOut, *spike, *UniformFlow(12, 4, du, 0.0f), 2.0f);
     const float s1 = (0.0f - 90.0f) * ((5.0f + du) - 5.0f) + 90.0f, s2 = 90.0f * ((5.0f - du) - 4.0f);
     EXPECT_EQ(Get<float>(*spikeOut, 5, 1), (90.0f + s1 + s2) * (1.0f / 3.0f));
