@@ -6,6 +6,7 @@
 // results are compared bit for bit.
 #include <cmath>
 #include <cstring>
+#include <utility>
 #if defined(__x86_64__)
 // GCC 12's AVX-512 header leaves a pass-through operand undefined on purpose.
 #if defined(__GNUC__) && !defined(__clang__)
@@ -220,6 +221,7 @@ float StillBelow() {
 #endif
 namespace avx2 {
 constexpr int kPixels = 2;
+constexpr int kGroups = 4;
 #include "blur/wide_walk.h"
 }  // namespace avx2
 #if defined(__clang__)
@@ -233,6 +235,7 @@ constexpr int kPixels = 2;
 #endif
 namespace avx512 {
 constexpr int kPixels = 4;
+constexpr int kGroups = 4;
 #include "blur/wide_walk.h"
 }  // namespace avx512
 #if defined(__clang__)
@@ -241,8 +244,10 @@ constexpr int kPixels = 4;
 #pragma GCC pop_options
 #endif
 
-// Pixel offsets of the wide walk are 32-bit.
-bool FitsWideOffsets(const PLImage& image) {
+// The wide walk addresses pixels in 32 bits and loads each with its right
+// neighbour, so the source must fit and be two pixels wide.
+bool WalksWide(const PLImage& image) {
+    if (image.lastColumn < 1) return false;
     const int64_t pixelBytes = 4 * static_cast<int64_t>(image.bytesPerElement);
     const int64_t rowStep = image.rowStep < 0 ? -static_cast<int64_t>(image.rowStep) : image.rowStep;
     return static_cast<int64_t>(image.lastRow) * rowStep +
@@ -256,7 +261,7 @@ template <typename P, int C>
 void BlurMember(const BlurCall& call, bool countOutside, bool bilinear) {
 #if defined(__x86_64__)
     if constexpr (C == 4) {
-        if (bilinear && !countOutside && FitsWideOffsets(*call.source)) {
+        if (bilinear && !countOutside && WalksWide(*call.source)) {
             switch (PLActiveIsa()) {
                 case PLIsaAvx512:
                     return avx512::BlurRows<P>(call);

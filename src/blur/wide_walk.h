@@ -6,7 +6,7 @@
 // while any lane walks.
 //
 // Included once per instruction-set path by kernels.cpp, inside a namespace
-// that defines kPixels and a region compiled for the path: GCC lowers vector
+// that defines kPixels, kGroups and a region compiled for the path: GCC lowers vector
 // operations in each function before inlining it, so every helper here must
 // be compiled for the path itself. No include guard, no includes.
 
@@ -22,38 +22,6 @@ PL_INLINE_HOT F AddKeepingFirstNaN(const F& a, const F& b) {
     return sum;
 }
 
-// Integer pixels as one word each, widened to int32 lanes by the path's own
-// instruction: GCC takes a generic widening of bytes apart lane by lane.
-template <typename T, int N = kPixels>
-PL_INLINE_HOT auto Widen(const uint8_t* const (&at)[N]) {
-    using Word = std::conditional_t<sizeof(T) == 1, uint32_t, uint64_t>;
-    Word words[4] = {};
-    for (int j = 0; j < N; ++j) std::memcpy(&words[j], at[j], sizeof(Word));
-    if constexpr (sizeof(T) == 1) {
-        const __m128i bytes = _mm_setr_epi32(static_cast<int>(words[0]), static_cast<int>(words[1]),
-                                             static_cast<int>(words[2]), static_cast<int>(words[3]));
-        if constexpr (N == 2) {
-            return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes));
-        } else {
-            return _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(bytes));
-        }
-    } else {
-        const __m128i low =
-            _mm_set_epi64x(static_cast<long long>(words[1]), static_cast<long long>(words[0]));
-        if constexpr (N == 2) {
-            return _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(low));
-        } else {
-            const __m128i high =
-                _mm_set_epi64x(static_cast<long long>(words[3]), static_cast<long long>(words[2]));
-            return _mm512_cvtepi32_ps(_mm512_cvtepu16_epi32(_mm256_setr_m128i(low, high)));
-        }
-    }
-}
-
-// The four elements of each pixel at `at`, as the lanes of its pixel. Float
-// pixels are loaded whole and set side by side; integer ones are gathered as
-// whole words and widened together. (Templates, so that only the branch for
-// the type and kPixels is compiled.)
 // Pixels' lanes side by side.
 template <int N = kPixels>
 PL_INLINE_HOT auto Join(const PLLanes (&pixels)[N]) {
@@ -66,18 +34,59 @@ PL_INLINE_HOT auto Join(const PLLanes (&pixels)[N]) {
     }
 }
 
-// The four elements of each pixel at `at`, as the lanes of its pixel: float
-// pixels loaded whole and set side by side, integer ones gathered as words
-// and widened together.
-template <typename T>
-PL_INLINE_HOT F LoadPixels(const uint8_t* const (&at)[kPixels]) {
+// Each pixel at `at` and its right neighbour, in one load per pixel, split
+// into the pixels' lanes (first) and the neighbours' (second). Integer
+// elements are widened by the path's own instruction: GCC takes a generic
+// widening of bytes apart lane by lane. (Templates returning the
+// instructions' own types, so that only the branch for T and N is compiled.)
+template <typename T, int N = kPixels>
+PL_INLINE_HOT auto PairsOf(const uint8_t* const (&at)[N]) {
     if constexpr (std::is_same_v<T, float>) {
-        PLLanes pixels[kPixels];
-        for (int j = 0; j < kPixels; ++j) pixels[j] = PLLoadLanes<float, 4>(at[j]);
-        return Join(pixels);
+        if constexpr (N == 2) {
+            const __m256 l0 = _mm256_loadu_ps(reinterpret_cast<const float*>(at[0]));
+            const __m256 l1 = _mm256_loadu_ps(reinterpret_cast<const float*>(at[1]));
+            return std::make_pair(_mm256_permute2f128_ps(l0, l1, 0x20), _mm256_permute2f128_ps(l0, l1, 0x31));
+        } else {
+            auto load = [&](int j) { return _mm256_loadu_ps(reinterpret_cast<const float*>(at[j])); };
+            const __m512 z01 = _mm512_insertf32x8(_mm512_castps256_ps512(load(0)), load(1), 1);
+            const __m512 z23 = _mm512_insertf32x8(_mm512_castps256_ps512(load(2)), load(3), 1);
+            return std::make_pair(_mm512_shuffle_f32x4(z01, z23, _MM_SHUFFLE(2, 0, 2, 0)),
+                                  _mm512_shuffle_f32x4(z01, z23, _MM_SHUFFLE(3, 1, 3, 1)));
+        }
+    } else if constexpr (sizeof(T) == 1) {
+        long long words[4] = {};
+        for (int j = 0; j < N; ++j) std::memcpy(&words[j], at[j], sizeof words[j]);
+        const __m128 x01 = _mm_castsi128_ps(_mm_set_epi64x(words[1], words[0]));
+        const __m128 x23 = _mm_castsi128_ps(_mm_set_epi64x(words[3], words[2]));
+        const __m128i first = _mm_castps_si128(_mm_shuffle_ps(x01, x23, _MM_SHUFFLE(2, 0, 2, 0)));
+        const __m128i second = _mm_castps_si128(_mm_shuffle_ps(x01, x23, _MM_SHUFFLE(3, 1, 3, 1)));
+        if constexpr (N == 2) {
+            return std::make_pair(_mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(first)),
+                                  _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(second)));
+        } else {
+            return std::make_pair(_mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(first)),
+                                  _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(second)));
+        }
     } else {
-        return reinterpret_cast<F>(Widen<T>(at));
+        auto load = [&](int j) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at[j])); };
+        if constexpr (N == 2) {
+            const __m128i l0 = load(0), l1 = load(1);
+            return std::make_pair(_mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(_mm_unpacklo_epi64(l0, l1))),
+                                  _mm256_cvtepi32_ps(_mm256_cvtepu16_epi32(_mm_unpackhi_epi64(l0, l1))));
+        } else {
+            const __m256i y02 = _mm256_setr_m128i(load(0), load(2));
+            const __m256i y13 = _mm256_setr_m128i(load(1), load(3));
+            return std::make_pair(_mm512_cvtepi32_ps(_mm512_cvtepu16_epi32(_mm256_unpacklo_epi64(y02, y13))),
+                                  _mm512_cvtepi32_ps(_mm512_cvtepu16_epi32(_mm256_unpackhi_epi64(y02, y13))));
+        }
     }
+}
+
+template <typename T>
+PL_INLINE_HOT void LoadPairs(const uint8_t* const (&at)[kPixels], F& first, F& second) {
+    const auto pairs = PairsOf<T>(at);
+    first = reinterpret_cast<F>(pairs.first);
+    second = reinterpret_cast<F>(pairs.second);
 }
 
 // Whether any lane is set, by folding halves: through memory the compiler
@@ -143,7 +152,6 @@ struct Source {
     explicit Source(const PLImage& image)
         : row0(image.Row(0)),
           rowStep(image.rowStep),
-          right(image.lastColumn > 0 ? kPixelBytes : 0),
           down(image.lastRow > 0 ? image.rowStep : 0),
           lastColumn(image.lastColumn),
           lastRow(image.lastRow),
@@ -151,7 +159,6 @@ struct Source {
           fHeight(static_cast<float>(image.height)) {}
     const uint8_t* row0;
     int32_t rowStep;
-    int32_t right;
     int32_t down;
     int32_t lastColumn;
     int32_t lastRow;
@@ -170,38 +177,59 @@ PL_INLINE_HOT void Tap(const F& u, int32_t last, I& index, F& fraction) {
     index = index < 0 ? I{} : index;  // an axis of one sample
 }
 
+// One group's walk in one direction: where it starts, how it steps, how many
+// samples it may take, and what it has taken.
+struct Walker {
+    F px, py, stepX, stepY;
+    I m;
+    F sums, count;
+};
+
+// kGroups groups walk together, so that one group's chain of dependent
+// operations overlaps the other's, and a walk's end costs once for both.
 template <typename P>
-PL_INLINE_HOT void Walk(const Source<P>& src, const F& startX, const F& startY, const F& stepX,
-                        const F& stepY, const I& m, F& sums, F& count) {
+PL_INLINE_HOT void Walk(const Source<P>& src, Walker (&groups)[kGroups]) {
     using T = typename P::Element;
-    F px = startX, py = startY;
-    I alive = m > 0;
+    I alive[kGroups];
+    F px[kGroups], py[kGroups];
+    for (int g = 0; g < kGroups; ++g) {
+        alive[g] = groups[g].m > 0;
+        px[g] = groups[g].px;
+        py[g] = groups[g].py;
+    }
     for (int32_t k = 0;; ++k) {
-        alive &= (I{} + k) < m;
-        alive &= (px >= 0.0f) & (px < src.fWidth) & (py >= 0.0f) & (py < src.fHeight);
-        if (!Any(alive)) return;
-        // Lanes that have stopped read pixel 0, and throw it away.
-        I ix, iy;
-        F fx, fy;
-        Tap(alive ? px : F{}, src.lastColumn, ix, fx);
-        Tap(alive ? py : F{}, src.lastRow, iy, fy);
-        const I offset = iy * src.rowStep + ix * Source<P>::kPixelBytes;
-        const uint8_t *p0[kPixels], *p1[kPixels], *q0[kPixels], *q1[kPixels];
-        for (int j = 0; j < kPixels; ++j) {
-            p0[j] = src.row0 + offset[4 * j];
-            p1[j] = p0[j] + src.right;
-            q0[j] = p0[j] + src.down;
-            q1[j] = q0[j] + src.right;
+        I any = {};
+        for (int g = 0; g < kGroups; ++g) {
+            const Walker& w = groups[g];
+            alive[g] &= (I{} + k) < w.m;
+            alive[g] &= (px[g] >= 0.0f) & (px[g] < src.fWidth) & (py[g] >= 0.0f) & (py[g] < src.fHeight);
+            any |= alive[g];
         }
-        const F top = LoadPixels<T>(p0);
-        const F bottom = LoadPixels<T>(q0);
-        const F a = AddKeepingFirstNaN((LoadPixels<T>(p1) - top) * fx, top);
-        const F b = AddKeepingFirstNaN((LoadPixels<T>(q1) - bottom) * fx, bottom);
-        const F sample = AddKeepingFirstNaN((b - a) * fy, a) + 0.0f;
-        sums = alive ? AddKeepingFirstNaN(sums, sample) : sums;
-        count = alive ? count + 1.0f : count;
-        px += stepX;
-        py += stepY;
+        if (!Any(any)) return;
+        for (int g = 0; g < kGroups; ++g) {
+            Walker& w = groups[g];
+            // Lanes that have stopped read pixel 0, and throw it away.
+            I ix, iy;
+            F fx, fy;
+            Tap(alive[g] ? px[g] : F{}, src.lastColumn, ix, fx);
+            Tap(alive[g] ? py[g] : F{}, src.lastRow, iy, fy);
+            const I offset = iy * src.rowStep + ix * Source<P>::kPixelBytes;
+            const uint8_t *upper[kPixels], *lower[kPixels];
+            for (int j = 0; j < kPixels; ++j) {
+                upper[j] = src.row0 + offset[4 * j];
+                lower[j] = upper[j] + src.down;
+            }
+            F top, topRight, bottom, bottomRight;
+            LoadPairs<T>(upper, top, topRight);
+            LoadPairs<T>(lower, bottom, bottomRight);
+            const F a = AddKeepingFirstNaN((topRight - top) * fx, top);
+            const F b = AddKeepingFirstNaN((bottomRight - bottom) * fx, bottom);
+            const F sample = AddKeepingFirstNaN((b - a) * fy, a) + 0.0f;
+            w.sums = alive[g] ? AddKeepingFirstNaN(w.sums, sample) : w.sums;
+            w.count = alive[g] ? w.count + 1.0f : w.count;
+            px[g] += w.stepX;
+            py[g] += w.stepY;
+        }
     }
 }
 
@@ -290,31 +318,47 @@ void BlurRows(const BlurCall& call) {
         const float fy = y * scales.invY;
         const FlowRow flow = FlowRowAt(*call.flow, fy);
         float x = static_cast<float>(call.x0);
-        for (int32_t column = call.x0; column <= call.x1; column += kPixels) {
-            const int32_t pixels = call.x1 - column + 1 < kPixels ? call.x1 - column + 1 : kPixels;
-            float xs[kPixels];
-            for (int j = 0; j < kPixels; ++j, x += 1.0f) xs[j] = x;
-            const F px = Spread<F>(xs);
-            I n;
-            F sx, sy;
-            PlanGroup(flow, scales.invX * px, scales.kx, scales.ky, stillBelow, n, sx, sy);
-            // Lanes past the row take no samples.
-            if (pixels < kPixels)
-                for (int lane = 4 * pixels; lane < 4 * kPixels; ++lane) n[lane] = 0;
-            F sums = {}, count = {};
-            if (Any(n)) {
-                const F py = F{} + y;
-                Walk<P>(src, px, py, sx, sy, n, sums, count);
-                Walk<P>(src, px - sx, py - sy, -sx, -sy, n - 1, sums, count);
+        for (int32_t column = call.x0; column <= call.x1; column += kGroups * kPixels) {
+            Walker groups[kGroups];
+            int32_t pixels[kGroups];
+            bool walks = false;
+            for (int g = 0; g < kGroups; ++g) {
+                const int32_t left = call.x1 - column - g * kPixels + 1;
+                pixels[g] = left < 0 ? 0 : left < kPixels ? left : kPixels;
+                float xs[kPixels];
+                for (int j = 0; j < kPixels; ++j, x += 1.0f) xs[j] = x;
+                Walker& w = groups[g];
+                w.px = Spread<F>(xs);
+                w.py = F{} + y;
+                PlanGroup(flow, scales.invX * w.px, scales.kx, scales.ky, stillBelow, w.m, w.stepX, w.stepY);
+                // Lanes past the row take no samples.
+                for (int lane = 4 * pixels[g]; lane < 4 * kPixels; ++lane) w.m[lane] = 0;
+                w.sums = w.count = F{};
+                walks = walks || Any(w.m);
             }
-            const F average = sums * (1.0f / count);
-            for (int j = 0; j < pixels; ++j, out += kPixelBytes, sourceRow += kPixelBytes) {
-                if (n[4 * j] == 0) {
-                    std::memcpy(out, sourceRow, kPixelBytes);
-                    continue;
+            if (walks) {
+                Walk<P>(src, groups);
+                for (Walker& w : groups) {
+                    w.px -= w.stepX;
+                    w.py -= w.stepY;
+                    w.stepX = -w.stepX;
+                    w.stepY = -w.stepY;
+                    w.m -= 1;
                 }
-                for (int c = 0; c < 4; ++c)
-                    P::Store(out + c * static_cast<int32_t>(sizeof(T)), P::RoundClamp(average[4 * j + c]));
+                Walk<P>(src, groups);
+            }
+            for (int g = 0; g < kGroups; ++g) {
+                const Walker& w = groups[g];
+                const F average = w.sums * (1.0f / w.count);
+                for (int j = 0; j < pixels[g]; ++j, out += kPixelBytes, sourceRow += kPixelBytes) {
+                    if (!walks || w.m[4 * j] < 0) {  // still: no samples either way
+                        std::memcpy(out, sourceRow, kPixelBytes);
+                        continue;
+                    }
+                    for (int c = 0; c < 4; ++c)
+                        P::Store(out + c * static_cast<int32_t>(sizeof(T)),
+                                 P::RoundClamp(average[4 * j + c]));
+                }
             }
         }
     }
