@@ -169,20 +169,46 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
         const int32_t lanes = !Columns                   ? image->numChannels
                               : remaining < kColumnLanes ? remaining
                                                          : kColumnLanes;
+        // A dense row, or a full block of columns, moves in runs of adjacent
+        // elements whose length the compiler knows, so the moves vectorise.
+        const bool denseRow = !Columns && pixel == lanes * static_cast<ptrdiff_t>(sizeof(T));
+        const bool fullBlock = Columns && Packed && lanes == kColumnLanes;
         const uint8_t* read = lineStart(source, line);
-        for (int32_t i = 0; i < n; ++i) {
-            const uint8_t* from = read + along(source, i);
-            float* to = in + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * laneStep);
+        if (denseRow) {
+            for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(n) * lanes; ++m)
+                in[m] = P::LoadFloat(read + m * static_cast<ptrdiff_t>(sizeof(T)));
+        } else if (fullBlock) {
+            for (int32_t i = 0; i < n; ++i) {
+                const uint8_t* from = read + along(source, i);
+                float* to = in + static_cast<ptrdiff_t>(i) * kColumnLanes;
+                for (int32_t k = 0; k < kColumnLanes; ++k) to[k] = P::LoadFloat(from + k * sizeof(T));
+            }
+        } else {
+            for (int32_t i = 0; i < n; ++i) {
+                const uint8_t* from = read + along(source, i);
+                float* to = in + static_cast<ptrdiff_t>(i) * lanes;
+                for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * laneStep);
+            }
         }
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
         FilterLine<W>(in, out, n, lanes, kernel, taps, r);
         uint8_t* start = lineStart(image, line);
-        for (int32_t i = 0; i < n; ++i) {
-            uint8_t* to = start + along(image, i);
-            const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
-            for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * laneStep, P::Round(from[k]));
+        if (denseRow) {
+            for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(n) * lanes; ++m)
+                P::Store(start + m * static_cast<ptrdiff_t>(sizeof(T)), P::Round(out[m]));
+        } else if (fullBlock) {
+            for (int32_t i = 0; i < n; ++i) {
+                uint8_t* to = start + along(image, i);
+                const float* from = out + static_cast<ptrdiff_t>(i) * kColumnLanes;
+                for (int32_t k = 0; k < kColumnLanes; ++k) P::Store(to + k * sizeof(T), P::Round(from[k]));
+            }
+        } else {
+            for (int32_t i = 0; i < n; ++i) {
+                uint8_t* to = start + along(image, i);
+                const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
+                for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * laneStep, P::Round(from[k]));
+            }
         }
         line += Columns ? lanes : 1;  // a row pass's lanes are channels of one row
     }
