@@ -173,8 +173,13 @@ PL_INLINE_HOT void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow
         float* w = reinterpret_cast<float*>(weights->Row(y));
         const float* f = reinterpret_cast<const float*>(flow->Row(y));
         const uint8_t* m = mask->Row(y);
+        // The engine's masks are one channel: their samples lie side by side.
+        const ptrdiff_t step = mask->pixelStride;
+        const bool dense = step == static_cast<ptrdiff_t>(sizeof(typename MaskPixel::Element));
         for (int32_t x = 0; x < values->width; ++x) {
-            const bool known = MaskPixel::Load(m + PLOffset(x, mask->pixelStride)) == 0;
+            const ptrdiff_t at =
+                dense ? x * static_cast<ptrdiff_t>(sizeof(typename MaskPixel::Element)) : x * step;
+            const bool known = MaskPixel::Load(m + at) == 0;
             w[x] = known ? 1.0f : 0.0f;
             v[2 * x] = known ? f[2 * x] : 0.0f;
             v[2 * x + 1] = known ? f[2 * x + 1] : 0.0f;
@@ -193,7 +198,21 @@ PL_INLINE_HOT void DivideFlowRows(int32_t, bool, int32_t firstRow, int32_t lastR
         float* f = reinterpret_cast<float*>(filled->Row(y));
         const float* v = reinterpret_cast<const float*>(values->Row(y));
         const float* w = reinterpret_cast<const float*>(weights->Row(y));
-        for (int32_t x = 0; x < filled->width; ++x) {
+        // Two pixels (four quotients) at a time, without branches: where the
+        // weight is zero the quotient is taken by 1 and thrown away.
+        using Four = float __attribute__((vector_size(16)));
+        int32_t x = 0;
+        for (; x + 2 <= filled->width; x += 2) {
+            Four value, kept = {};
+            std::memcpy(&value, v + 2 * x, sizeof value);
+            if constexpr (!kTop) std::memcpy(&kept, f + 2 * x, sizeof kept);
+            const Four weight = {w[x], w[x], w[x + 1], w[x + 1]};
+            const auto known = weight != 0.0f;
+            const Four quotient = value / (known ? weight : Four{} + 1.0f);
+            const Four result = known ? quotient : kept;
+            std::memcpy(f + 2 * x, &result, sizeof result);
+        }
+        for (; x < filled->width; ++x) {
             if (w[x] != 0.0f) {
                 f[2 * x] = v[2 * x] / w[x];
                 f[2 * x + 1] = v[2 * x + 1] / w[x];
