@@ -6,9 +6,10 @@
 // while any lane walks.
 //
 // Included once per instruction-set path by kernels.cpp, inside a namespace
-// that defines kPixels, kGroups and a region compiled for the path: GCC lowers vector
-// operations in each function before inlining it, so every helper here must
-// be compiled for the path itself. No include guard, no includes.
+// that defines kPixels and kGroups, in a region compiled for the path: GCC
+// lowers vector operations in each function before inlining it, so every
+// helper here must be compiled for the path itself. No include guard, no
+// includes.
 
 using F = float __attribute__((vector_size(16 * kPixels)));
 using I = int32_t __attribute__((vector_size(16 * kPixels)));
