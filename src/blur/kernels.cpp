@@ -51,28 +51,62 @@ struct BlurCall {
     QVIdleAndProgressClass* progress;
 };
 
+// a + b keeping a's NaN where both are NaN. Left to itself the compiler picks
+// either operand order, differently from one build to another, and the sign
+// of a NaN output with it; the wide paths keep the same rule.
+inline PLLanes AddKeepingFirstNaN(PLLanes a, PLLanes b) {
+#if defined(__SSE__)
+    asm("addps %2, %0" : "=x"(a) : "0"(a), "x"(b));
+    return a;
+#else
+    return a + b;
+#endif
+}
+
 // Everything one body needs about the source while walking.
 template <typename P, int C>
 struct SourceView {
     using T = typename P::Element;
     explicit SourceView(const PLImage& image)
-        : bilinear(image),
-          row0(image.Row(0)),
+        : row0(image.Row(0)),
           rowStep(image.rowStep),
+          right(image.lastColumn > 0 ? kPixelBytes : 0),
+          down(image.lastRow > 0 ? image.rowStep : 0),
           width(image.width),
           height(image.height),
+          lastColumn(image.lastColumn),
+          lastRow(image.lastRow),
           fWidth(static_cast<float>(image.width)),
           fHeight(static_cast<float>(image.height)) {}
 
     static constexpr int32_t kPixelBytes = C * static_cast<int32_t>(sizeof(T));
-    PLBilinearReader<P, C, PLBeforeFirst::kKeepFraction> bilinear;
     const uint8_t* row0;
     int32_t rowStep;
+    int32_t right;
+    int32_t down;
     int32_t width;
     int32_t height;
+    int32_t lastColumn;
+    int32_t lastRow;
     float fWidth;
     float fHeight;
 };
+
+// The bilinear read with the last-cell rule (PLBilinearReader's, for a
+// position inside the source), its additions in a fixed operand order.
+template <typename P, int C>
+inline PLLanes ReadInside(const SourceView<P, C>& src, float px, float py) {
+    using T = typename P::Element;
+    const PLCellTap tx = PLLastCellTap<PLBeforeFirst::kKeepFraction, true>(px, src.lastColumn);
+    const PLCellTap ty = PLLastCellTap<PLBeforeFirst::kKeepFraction, true>(py, src.lastRow);
+    const uint8_t* p = src.row0 + PLOffset(ty.index, src.rowStep) + PLOffset(tx.index, src.kPixelBytes);
+    const uint8_t* q = p + src.down;
+    const PLLanes p0 = PLLoadLanes<T, C>(p);
+    const PLLanes q0 = PLLoadLanes<T, C>(q);
+    const PLLanes a = AddKeepingFirstNaN((PLLoadLanes<T, C>(p + src.right) - p0) * tx.fraction, p0);
+    const PLLanes b = AddKeepingFirstNaN((PLLoadLanes<T, C>(q + src.right) - q0) * tx.fraction, q0);
+    return AddKeepingFirstNaN((b - a) * ty.fraction, a);
+}
 
 // Up to m samples from (px, py), advancing by repeated addition. A straight
 // walk that has left the source never comes back (each coordinate moves
@@ -89,7 +123,7 @@ inline void Walk(const SourceView<P, C>& src, float px, float py, float stepX, f
                 if constexpr (kCountOutside) count = AddOnes(count, m - k);
                 return;
             }
-            sums += src.bilinear.template Read<true>(px, py) + 0.0f;
+            sums = AddKeepingFirstNaN(sums, ReadInside(src, px, py) + 0.0f);
         } else {
             const int32_t ix = PLTruncI32(px);
             const int32_t iy = PLTruncI32(py);
@@ -99,7 +133,7 @@ inline void Walk(const SourceView<P, C>& src, float px, float py, float stepX, f
             }
             const uint8_t* at =
                 src.row0 + PLOffset(iy, src.rowStep) + PLOffset(ix, SourceView<P, C>::kPixelBytes);
-            sums += PLLoadLanes<typename P::Element, C>(at);
+            sums = AddKeepingFirstNaN(sums, PLLoadLanes<typename P::Element, C>(at));
         }
         count += 1.0f;
         px += stepX;
