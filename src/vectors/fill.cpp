@@ -173,13 +173,8 @@ PL_INLINE_HOT void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow
         float* w = reinterpret_cast<float*>(weights->Row(y));
         const float* f = reinterpret_cast<const float*>(flow->Row(y));
         const uint8_t* m = mask->Row(y);
-        // The engine's masks are one channel: their samples lie side by side.
-        const ptrdiff_t step = mask->pixelStride;
-        const bool dense = step == static_cast<ptrdiff_t>(sizeof(typename MaskPixel::Element));
         for (int32_t x = 0; x < values->width; ++x) {
-            const ptrdiff_t at =
-                dense ? x * static_cast<ptrdiff_t>(sizeof(typename MaskPixel::Element)) : x * step;
-            const bool known = MaskPixel::Load(m + at) == 0;
+            const bool known = MaskPixel::Load(m + PLOffset(x, mask->pixelStride)) == 0;
             w[x] = known ? 1.0f : 0.0f;
             v[2 * x] = known ? f[2 * x] : 0.0f;
             v[2 * x + 1] = known ? f[2 * x + 1] : 0.0f;
