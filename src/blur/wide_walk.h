@@ -145,32 +145,12 @@ PL_INLINE_HOT V Spread(const T (&values)[kPixels]) {
     return v;
 }
 
-// The source as the wide walk reads it: offsets of pixels from row 0 in 32
-// bits, which the caller has checked the image fits.
-template <typename P>
-struct Source {
-    static constexpr int32_t kPixelBytes = 4 * static_cast<int32_t>(sizeof(typename P::Element));
-    explicit Source(const PLImage& image)
-        : row0(image.Row(0)),
-          rowStep(image.rowStep),
-          down(image.lastRow > 0 ? image.rowStep : 0),
-          lastColumn(image.lastColumn),
-          lastRow(image.lastRow),
-          fWidth(static_cast<float>(image.width)),
-          fHeight(static_cast<float>(image.height)) {}
-    const uint8_t* row0;
-    int32_t rowStep;
-    int32_t down;
-    int32_t lastColumn;
-    int32_t lastRow;
-    float fWidth;
-    float fHeight;
-};
-
-// The index and fraction of one axis of a bilinear read inside the image,
-// lane by lane as the one-pixel read takes them.
+// The index and fraction of one axis of a bilinear read, lane by lane as
+// PLLastCellTap takes them (index 0 with the fraction as computed below the
+// first sample). Any coordinate gives an index inside the axis, so lanes
+// that have stopped may pass theirs.
 PL_INLINE_HOT void Tap(const F& u, int32_t last, I& index, F& fraction) {
-    index = __builtin_convertvector(u, I);
+    index = Truncate(u);
     fraction = u - __builtin_convertvector(index, F);
     const I past = index >= last;
     index = past ? (I{} + (last - 1)) : index;
@@ -188,8 +168,10 @@ struct Walker {
 
 // kGroups groups walk together, so that one group's chain of dependent
 // operations overlaps the other's, and a walk's end costs once for both.
+// Pixels are addressed by 32-bit offsets from row 0, which the caller has
+// checked the source fits.
 template <typename P>
-PL_INLINE_HOT void Walk(const Source<P>& src, Walker (&groups)[kGroups]) {
+PL_INLINE_HOT void Walk(const SourceView<P, 4>& src, Walker (&groups)[kGroups]) {
     using T = typename P::Element;
     I alive[kGroups];
     F px[kGroups], py[kGroups];
@@ -209,12 +191,12 @@ PL_INLINE_HOT void Walk(const Source<P>& src, Walker (&groups)[kGroups]) {
         if (!Any(any)) return;
         for (int g = 0; g < kGroups; ++g) {
             Walker& w = groups[g];
-            // Lanes that have stopped read pixel 0, and throw it away.
+            // Lanes that have stopped read a pixel inside, and throw it away.
             I ix, iy;
             F fx, fy;
-            Tap(alive[g] ? px[g] : F{}, src.lastColumn, ix, fx);
-            Tap(alive[g] ? py[g] : F{}, src.lastRow, iy, fy);
-            const I offset = iy * src.rowStep + ix * Source<P>::kPixelBytes;
+            Tap(px[g], src.lastColumn, ix, fx);
+            Tap(py[g], src.lastRow, iy, fy);
+            const I offset = iy * src.rowStep + ix * src.kPixelBytes;
             const uint8_t *upper[kPixels], *lower[kPixels];
             for (int j = 0; j < kPixels; ++j) {
                 upper[j] = src.row0 + offset[4 * j];
@@ -266,12 +248,9 @@ FlowRow FlowRowAt(const PLImage& flow, float fy) {
 // a still pixel, else the samples forward, with the steps.
 PL_INLINE_HOT void PlanGroup(const FlowRow& flow, const F& fx, float kx, float ky, float stillBelow, I& n,
                              F& stepX, F& stepY) {
-    I ix = Truncate(fx);
-    F f = fx - __builtin_convertvector(ix, F);
-    const I past = ix >= flow.lastColumn;
-    ix = past ? (I{} + (flow.lastColumn - 1)) : ix;
-    f = past ? (F{} + 1.0f) : f;
-    ix = ix < 0 ? I{} : ix;
+    I ix;
+    F f;
+    Tap(fx, flow.lastColumn, ix, f);
     PLLanes p0[kPixels], p1[kPixels], q0[kPixels], q1[kPixels];
     for (int j = 0; j < kPixels; ++j) {
         const uint8_t* p = flow.row + static_cast<ptrdiff_t>(ix[4 * j]) * (2 * sizeof(float));
@@ -302,11 +281,11 @@ PL_INLINE_HOT void PlanGroup(const FlowRow& flow, const F& fx, float kx, float k
 template <typename P>
 void BlurRows(const BlurCall& call) {
     using T = typename P::Element;
-    constexpr int32_t kPixelBytes = Source<P>::kPixelBytes;
     const PLImage& source = *call.source;
     const Scales scales(source, *call.flow, call.amount);
     QVIdleAndProgressClass rowProgress(call.progress);
-    const Source<P> src(source);
+    const SourceView<P, 4> src(source);
+    constexpr int32_t kPixelBytes = SourceView<P, 4>::kPixelBytes;
     const int32_t span = call.last - call.first;
     const float stillBelow = StillBelow();
 
