@@ -24,6 +24,7 @@ struct Frame {
     std::unique_ptr<PLImage> vectors{new PLImage(kWidth, kHeight, 4, PLPixelUChar, 0)};
     std::unique_ptr<PLImage> flow{new PLImage(kWidth, kHeight, 2, PLPixelFloat, 0)};
     std::unique_ptr<PLImage> mask{new PLImage(kWidth, kHeight, 1, PLPixelUChar, 0)};
+    QVMemBlock<uint8_t> levels{PLFlowFillBytes(kWidth, kHeight)};
 
     Frame() {
         uint32_t state = 12345;
@@ -76,7 +77,7 @@ void BM_Mask(benchmark::State& state) {
 void BM_Fill(benchmark::State& state) {
     Frame& f = SharedFrame();
     setThreadCount(static_cast<int32_t>(state.range(0)));
-    for (auto _ : state) PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
+    for (auto _ : state) PLFillFlow(f.flow.get(), f.mask.get(), nullptr, f.levels.get());
     setThreadCount(0);
 }
 
@@ -93,7 +94,7 @@ void BM_AllStages(benchmark::State& state) {
     for (auto _ : state) {
         PLDecodeMotionVectors(32.0f, f.flow.get(), f.vectors.get());
         f.PrepareMask();
-        PLFillFlowHoles(f.flow.get(), f.mask.get(), nullptr);
+        PLFillFlow(f.flow.get(), f.mask.get(), nullptr, f.levels.get());
         PLScaleFlow(1.5f, 1.5f, f.flow.get());
     }
     setThreadCount(0);

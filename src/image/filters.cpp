@@ -249,6 +249,235 @@ kqmp_worker* LinePass(const PLImage* image) {
                : LinePassFor<P, Columns, false>(PLActiveIsa());
 }
 
+// The hole smoothing's two passes (PLGaussianBlurHoles) on float images, a
+// pixel known where its weight is non-zero and then worth value / weight.
+// The row pass leaves each known pixel's quotient in the image and the rows
+// filtered in `values`; the column pass then runs along rows, reading the
+// filtered rows around each output row, and writes only the holes. Every
+// image is read and written in row order.
+struct HoleImages {
+    PLImage* image;
+    PLImage* values;
+    const PLImage* weights;
+};
+
+// The quotient is taken by 1 where the weight is zero and thrown away, so
+// that the loops vectorise without a branch.
+PL_INLINE_HOT float KnownOr(float weight, float value, float otherwise) {
+    const bool known = weight != 0.0f;
+    const float quotient = value / (known ? weight : 1.0f);
+    return known ? quotient : otherwise;
+}
+
+using Lanes = FloatVector<kColumnLanes>;
+using PixelWeights = FloatVector<kColumnLanes / 2>;
+
+// KnownOr of kColumnLanes / 2 two-channel pixels whose weights are at `w`.
+// (Vectors stay in memory operands: an AVX-512 vector returned by value
+// changes the ABI.)
+PL_INLINE_HOT void KnownOrPairs(const float* w, const float* value, const float* otherwise, float* to) {
+    PixelWeights pixels;
+    std::memcpy(&pixels, w, sizeof pixels);
+    const Lanes weight =
+        __builtin_shufflevector(pixels, pixels, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7);
+    Lanes v, o;
+    std::memcpy(&v, value, sizeof v);
+    std::memcpy(&o, otherwise, sizeof o);
+    const auto known = weight != 0.0f;
+    const Lanes quotient = v / (known ? weight : Lanes{} + 1.0f);
+    const Lanes result = known ? quotient : o;
+    std::memcpy(to, &result, sizeof result);
+}
+
+template <int32_t W>
+PL_INLINE_HOT void HoleRows(int32_t threadIndex, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const HoleImages& at = *args->next<const HoleImages*>();
+    const float* kernel = args->next<const float*>();
+    const int32_t taps = args->next<int32_t>();
+    const int32_t r = args->next<int32_t>();
+    const size_t bufferFloats = *args->next<const size_t*>();
+    float* buffers = args->next<float*>();
+
+    float* in = buffers + 2 * bufferFloats * static_cast<size_t>(threadIndex);
+    float* out = in + bufferFloats;
+    const int32_t n = at.image->width;
+    const int32_t lanes = at.image->numChannels;
+    const size_t rowBytes = static_cast<size_t>(n) * static_cast<size_t>(lanes) * sizeof(float);
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        float* f = reinterpret_cast<float*>(at.image->Row(y));
+        float* v = reinterpret_cast<float*>(at.values->Row(y));
+        const float* w = reinterpret_cast<const float*>(at.weights->Row(y));
+        int32_t x = 0;
+        if (lanes == 2)
+            for (; x + kColumnLanes / 2 <= n; x += kColumnLanes / 2)
+                KnownOrPairs(w + x, v + 2 * x, f + 2 * x, in + 2 * x);
+        for (; x < n; ++x)
+            for (int32_t c = 0; c < lanes; ++c) {
+                const ptrdiff_t m = static_cast<ptrdiff_t>(x) * lanes + c;
+                in[m] = KnownOr(w[x], v[m], f[m]);
+            }
+        FilterLine<W>(in, out, n, lanes, kernel, taps, r);
+        std::memcpy(f, in, rowBytes);
+        std::memcpy(v, out, rowBytes);
+    }
+}
+
+// Output row i of kColumnLanes elements from element `e` of the filtered rows,
+// as FilterLine gives it along a column: the right edge, summed from the far
+// end, wins over the left; the interior sums its taps from 0 in tap order.
+template <int32_t W>
+PL_INLINE_HOT void ColumnOutputs(const PLImage& filtered, ptrdiff_t e, int32_t i, const float* kernel,
+                                 int32_t taps, int32_t r, float* out) {
+    constexpr int32_t kVectors = kColumnLanes / W;
+    FloatVector<W> sum[kVectors];
+    for (FloatVector<W>& v : sum) v = FloatVector<W>{};
+    auto add = [&](int32_t row, float weight) {
+        const float* p = reinterpret_cast<const float*>(filtered.Row(row)) + e;
+        for (int32_t q = 0; q < kVectors; ++q) {
+            FloatVector<W> v;
+            std::memcpy(&v, p + W * q, sizeof v);
+            sum[q] += v * weight;
+        }
+    };
+    const int32_t n = filtered.height;
+    const bool right = n - r >= 0 && i >= n - r;
+    if (right || i < r) {
+        float norm = 0.0f;
+        const int32_t first = right ? n - 1 : 0;
+        const int32_t last = right ? (i - r > 0 ? i - r : 0) : (i + r < n ? i + r : n - 1);
+        const int32_t step = right ? -1 : 1;
+        for (int32_t j = first;; j += step) {
+            norm += kernel[r + j - i];
+            add(j, kernel[r + j - i]);
+            if (j == last) break;
+        }
+        for (FloatVector<W>& v : sum) v = v / norm;
+    } else {
+        for (int32_t t = 0; t < taps; ++t) add(i - r + t, kernel[t]);
+    }
+    std::memcpy(out, sum, sizeof sum);
+}
+
+// The same for one element, the tail of a row.
+PL_INLINE_HOT float ColumnOutput(const PLImage& filtered, ptrdiff_t e, int32_t i, const float* kernel,
+                                 int32_t taps, int32_t r) {
+    auto at = [&](int32_t row) { return reinterpret_cast<const float*>(filtered.Row(row))[e]; };
+    const int32_t n = filtered.height;
+    const bool right = n - r >= 0 && i >= n - r;
+    float sum = 0.0f;
+    if (right || i < r) {
+        float norm = 0.0f;
+        const int32_t first = right ? n - 1 : 0;
+        const int32_t last = right ? (i - r > 0 ? i - r : 0) : (i + r < n ? i + r : n - 1);
+        const int32_t step = right ? -1 : 1;
+        for (int32_t j = first;; j += step) {
+            norm += kernel[r + j - i];
+            sum += at(j) * kernel[r + j - i];
+            if (j == last) break;
+        }
+        return sum / norm;
+    }
+    for (int32_t t = 0; t < taps; ++t) sum += at(i - r + t) * kernel[t];
+    return sum;
+}
+
+// Whether any of kColumnLanes / 2 pixels is a hole, through whole words:
+// the compiler would take the comparison apart lane by lane.
+PL_INLINE_HOT bool AnyHole(const PixelWeights& pixels) {
+    const auto zero = pixels == 0.0f;
+    uint64_t words[sizeof zero / sizeof(uint64_t)];
+    std::memcpy(words, &zero, sizeof words);
+    uint64_t any = 0;
+    for (uint64_t word : words) any |= word;
+    return any != 0;
+}
+
+// Columns, one output row at a time: runs of kColumnLanes elements that hold
+// no hole are skipped, as known pixels already hold their quotient. The
+// filtered row the next rows will need first is fetched ahead: the runs read
+// are too scattered for the hardware to see a stream.
+template <int32_t W>
+PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const HoleImages& at = *args->next<const HoleImages*>();
+    const float* kernel = args->next<const float*>();
+    const int32_t taps = args->next<int32_t>();
+    const int32_t r = args->next<int32_t>();
+
+    const int32_t width = at.image->width;
+    const int32_t channels = at.image->numChannels;
+    const ptrdiff_t elements = static_cast<ptrdiff_t>(width) * channels;
+    constexpr int32_t kAhead = 2;
+    for (int32_t i = firstRow; i <= lastRow; ++i) {
+        float* f = reinterpret_cast<float*>(at.image->Row(i));
+        const float* w = reinterpret_cast<const float*>(at.weights->Row(i));
+        const int32_t fetched = i + r + kAhead;
+        const float* ahead =
+            fetched < at.values->height ? reinterpret_cast<const float*>(at.values->Row(fetched)) : nullptr;
+        ptrdiff_t e = 0;
+        for (; e + kColumnLanes <= elements; e += kColumnLanes) {
+            if (ahead) __builtin_prefetch(ahead + e);
+            float sums[kColumnLanes];
+            if (channels == 2) {
+                PixelWeights pixels;
+                std::memcpy(&pixels, w + e / 2, sizeof pixels);
+                if (!AnyHole(pixels)) continue;
+                ColumnOutputs<W>(*at.values, e, i, kernel, taps, r, sums);
+                const Lanes weight =
+                    __builtin_shufflevector(pixels, pixels, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7);
+                Lanes kept, smoothed;
+                std::memcpy(&kept, f + e, sizeof kept);
+                std::memcpy(&smoothed, sums, sizeof smoothed);
+                const Lanes result = weight == 0.0f ? smoothed : kept;
+                std::memcpy(f + e, &result, sizeof result);
+                continue;
+            }
+            const int32_t firstPixel = static_cast<int32_t>(e / channels);
+            const int32_t lastPixel = static_cast<int32_t>((e + kColumnLanes - 1) / channels);
+            bool hole = false;
+            for (int32_t x = firstPixel; x <= lastPixel; ++x) hole |= w[x] == 0.0f;
+            if (!hole) continue;
+            ColumnOutputs<W>(*at.values, e, i, kernel, taps, r, sums);
+            for (int32_t k = 0; k < kColumnLanes; ++k)
+                if (w[(e + k) / channels] == 0.0f) f[e + k] = sums[k];
+        }
+        for (; e < elements; ++e)
+            if (w[e / channels] == 0.0f) f[e] = ColumnOutput(*at.values, e, i, kernel, taps, r);
+    }
+}
+
+template <kqmp_worker* Baseline, kqmp_worker* Avx2, kqmp_worker* Avx512>
+kqmp_worker* ForIsa() {
+    switch (PLActiveIsa()) {
+        case PLIsaAvx512:
+            return Avx512;
+        case PLIsaAvx2:
+            return Avx2;
+        default:
+            return Baseline;
+    }
+}
+
+void HoleRowsBaseline(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    HoleRows<4>(threadIndex, first, last, args);
+}
+PL_TARGET_AVX2 void HoleRowsAvx2(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    HoleRows<8>(threadIndex, first, last, args);
+}
+PL_TARGET_AVX512 void HoleRowsAvx512(int32_t threadIndex, bool, int32_t first, int32_t last,
+                                     kqmp_args* args) {
+    HoleRows<16>(threadIndex, first, last, args);
+}
+void HoleColumnsBaseline(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    HoleColumns<4>(threadIndex, first, last, args);
+}
+PL_TARGET_AVX2 void HoleColumnsAvx2(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    HoleColumns<8>(threadIndex, first, last, args);
+}
+PL_TARGET_AVX512 void HoleColumnsAvx512(int32_t threadIndex, bool, int32_t first, int32_t last,
+                                        kqmp_args* args) {
+    HoleColumns<16>(threadIndex, first, last, args);
+}
+
 // The row pass reads `source`; the column pass then works on the image.
 template <typename P>
 void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, int32_t taps, int32_t r,
@@ -273,9 +502,9 @@ void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, 
 }
 
 // Builds a kernel of 2r + 1 taps from weight(d) for d = |i - r|, normalised by its
-// float sum taken in tap order, and runs the filter with it.
-template <typename Weight>
-void NormalisedBlur(float radius, int32_t r, PLImage* image, int32_t axes, Weight weight) {
+// float sum taken in tap order, and hands it to apply(kernel, taps).
+template <typename Weight, typename Apply>
+void WithNormalisedKernel(int32_t r, Weight weight, Apply apply) {
     const int32_t taps = 2 * r + 1;
     QVMemBlock<float> kernel(static_cast<size_t>(taps));
     float* k = kernel.get();
@@ -283,7 +512,22 @@ void NormalisedBlur(float radius, int32_t r, PLImage* image, int32_t axes, Weigh
     float sum = 0.0f;
     for (int32_t i = 0; i < taps; ++i) sum += k[i];
     for (int32_t i = 0; i < taps; ++i) k[i] = k[i] / sum;
-    PLSeparableFilter(radius, image, taps, k, axes);
+    apply(k, taps);
+}
+
+template <typename Weight>
+void NormalisedBlur(float radius, int32_t r, PLImage* image, int32_t axes, Weight weight) {
+    WithNormalisedKernel(
+        r, weight, [&](const float* k, int32_t taps) { PLSeparableFilter(radius, image, taps, k, axes); });
+}
+
+// The Gaussian's weights: 2^(-d^2 / s^2) for s a third of the radius.
+auto GaussianWeight(float radius) {
+    const float s = radius / 3.0f;
+    return [s](int32_t d) {
+        const float q = static_cast<float>(-static_cast<int64_t>(d) * d) / (s * s);
+        return static_cast<float>(std::pow(2.0, static_cast<double>(q)));
+    };
 }
 
 // Truncated radius of a maker, or -1 below the threshold or for a radius too
@@ -334,10 +578,34 @@ void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
     const int32_t r = MakerRadius(radius);
     if (r < 0) return;
-    const float s = radius / 3.0f;
-    NormalisedBlur(radius, r, image, axes, [s](int32_t d) {
-        const float q = static_cast<float>(-static_cast<int64_t>(d) * d) / (s * s);
-        return static_cast<float>(std::pow(2.0, static_cast<double>(q)));
+    NormalisedBlur(radius, r, image, axes, GaussianWeight(radius));
+}
+
+void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PLImage* weights) {
+    if (!image || !values || !weights) return;
+    auto denseFloats = [](const PLImage* of) {
+        return of->pixelType == PLPixelFloat &&
+               of->pixelStride == of->numChannels * static_cast<int32_t>(sizeof(float));
+    };
+    if (PLDimensionsDiffer(image, values) || PLDimensionsDiffer(image, weights) || !denseFloats(image) ||
+        !denseFloats(values) || !denseFloats(weights) || values->numChannels != image->numChannels ||
+        weights->numChannels != 1 || image->width < 1 || image->height < 1)
+        throw PLErrFailed;
+    const int32_t r = MakerRadius(radius);
+    if (r < 0) throw PLErrFailed;
+    if (image->width + int64_t{kLineSlack} + 2 * static_cast<int64_t>(r) > INT32_MAX) throw PLErrOutOfMemory;
+    const int32_t threads = kqmp_threadsfor(image->height);
+    // A row's line and its slack; taps never reach past the line here.
+    const size_t bufferFloats =
+        (static_cast<size_t>(image->width) + kLineSlack + 2 * static_cast<size_t>(r)) *
+        static_cast<size_t>(image->numChannels);
+    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
+    const HoleImages at{image, values, weights};
+    WithNormalisedKernel(r, GaussianWeight(radius), [&](const float* kernel, int32_t taps) {
+        kqmp_runrows(image->height, ForIsa<HoleRowsBaseline, HoleRowsAvx2, HoleRowsAvx512>(), &at, kernel,
+                     taps, r, &bufferFloats, buffers.get());
+        kqmp_runrows(image->height, ForIsa<HoleColumnsBaseline, HoleColumnsAvx2, HoleColumnsAvx512>(), &at,
+                     kernel, taps, r);
     });
 }
 

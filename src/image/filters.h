@@ -14,6 +14,14 @@
 void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes);
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes);
+// The hole fill's finest level: the same image as setting every pixel whose
+// weight is non-zero to values / weights, PLGaussianBlur of both axes, and
+// setting those pixels again, but only the holes are smoothed. `values` is
+// the smoothing's work space and is left undefined. Float images of one
+// size, without gaps between pixels, `weights` of one channel and `values`
+// of the image's channels; anything else, or a radius that makes no kernel,
+// throws PLErrFailed.
+void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PLImage* weights);
 void PLBinomial5Blur(PLImage* image, int32_t axes);
 // Both axes of `source` into `image`, which must match it in size and format:
 // the same values as a copy blurred in place, without the copy.

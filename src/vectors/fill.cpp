@@ -268,17 +268,21 @@ void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* prog
     for (int32_t l = top; l >= 0; --l) {
         PLImage level = FilledLevel(flow, scratch, levels, l, 2);
         PLImage* filled = l == 0 ? flow : &level;
-        const PLImage v = values(l);
+        PLImage v = values(l);
         const PLImage w = weights(l);
-        if (l == top)
-            DivideFlow<true>(filled, &v, &w);
-        else
-            DivideFlow<false>(filled, &v, &w);
-        PLSmoothLevel(filled, 0, 1);
-        local.reportCurrent();
         if (l == 0) {
-            DivideFlow<false>(flow, &v, &w);
+            // Known pixels take their value back after the smoothing, so only
+            // the holes are smoothed, in two passes with the divisions inside;
+            // level 0's values are not needed after it.
+            PLGaussianBlurHoles(5.0f, flow, &v, &w);
+            local.reportCurrent();
         } else {
+            if (l == top)
+                DivideFlow<true>(filled, &v, &w);
+            else
+                DivideFlow<false>(filled, &v, &w);
+            PLSmoothLevel(filled, 0, 1);
+            local.reportCurrent();
             PLImage finer = FilledLevel(flow, scratch, levels, l - 1, 2);
             Push(l == 1 ? flow : &finer, filled);
         }

@@ -8,6 +8,7 @@
 #include <limits>
 #include <vector>
 
+#include "base/isa.h"
 #include "base/plerr.h"
 #include "common/library.h"
 
@@ -103,6 +104,100 @@ TEST(SeparableFilter, MatchesTheLineAtATimeFilterOnOneAndTwoThreads) {
                                     << axes << " threads " << threads;
                             }
     }
+}
+
+// The fill's finest level the long way: known pixels set to value / weight,
+// both axes smoothed, known pixels set again.
+void SetKnown(PLImage* im, const PLImage& values, const PLImage& weights) {
+    for (int32_t y = 0; y < im->height; ++y)
+        for (int32_t x = 0; x < im->width; ++x) {
+            const float w = Get<float>(weights, x, y, 0);
+            if (w != 0.0f)
+                for (int32_t c = 0; c < im->numChannels; ++c)
+                    Set<float>(*im, x, y, c, Get<float>(values, x, y, c) / w);
+        }
+}
+
+// Bit for bit, except that a NaN may have either sign: which NaN an addition
+// of two returns is the compiler's choice of operand order, and the flow's
+// NaNs walk one sample whatever their sign.
+bool SameUpToNaNSigns(const PLImage& a, const PLImage& b) {
+    for (int32_t y = 0; y < a.height; ++y)
+        for (int32_t x = 0; x < a.width; ++x)
+            for (int32_t c = 0; c < a.numChannels; ++c) {
+                const float p = Get<float>(a, x, y, c), q = Get<float>(b, x, y, c);
+                if (Bits(p) != Bits(q) && !(std::isnan(p) && std::isnan(q))) return false;
+            }
+    return true;
+}
+
+TEST(GaussianBlurHoles, MatchesDivideSmoothDivideOnEveryPathAndThreadCount) {
+    // Weights: holes (0, -0) in 4 x 4 blocks or scattered, none, all; known
+    // weights 1, fractions and NaN; values and image with NaN, infinities and
+    // huge values. Lines shorter than the radius, one pixel, and a width whose
+    // elements leave a partial column block.
+    const int32_t sizes[][2] = {{1, 40}, {40, 1}, {2, 2}, {37, 53}, {5, 30}, {9, 70}};
+    uint32_t seed = 5;
+    for (const auto& size : sizes)
+        for (int32_t channels : {1, 2, 3})
+            for (int32_t layout = 0; layout < 3; ++layout)  // plain, flipped, flipped and padded
+                for (int32_t holes = 0; holes < 4; ++holes)
+                    for (float radius : {5.0f, 2.0f, 0.5f}) {
+                        const int32_t w = size[0], h = size[1], padding = layout / 2 * 12;
+                        OutsideImage image(w, h, channels, PLPixelFloat, layout > 0, padding),
+                            values(w, h, channels, PLPixelFloat, layout > 0, padding),
+                            weights(w, h, 1, PLPixelFloat, layout > 0, padding);
+                        FillNoise(image.image, ++seed);
+                        FillNoise(values.image, ++seed);
+                        const float specials[] = {kNaN, -kNaN, kInf, -kInf, 3e38f, -0.0f};
+                        for (int32_t y = 0; y < h; ++y)
+                            for (int32_t x = 0; x < w; ++x) {
+                                const float n = Noise(seed);
+                                const bool hole = holes == 0   ? ((x / 4 + y / 4) % 3 == 0)
+                                                  : holes == 1 ? n < 0.3f
+                                                               : holes == 3;
+                                const float known = n < 0.8f ? 1.0f : n < 0.9f ? 0.37f : kNaN;
+                                Set<float>(weights.image, x, y, 0, hole ? (n < 0.15f ? -0.0f : 0.0f) : known);
+                                if (Noise(seed) < 0.05f)
+                                    Set<float>(values.image, x, y, (x + y) % channels,
+                                               specials[(x * 7 + y) % 6]);
+                                if (Noise(seed) < 0.05f)
+                                    Set<float>(image.image, x, y, (x + 2 * y) % channels,
+                                               specials[(x + y * 5) % 6]);
+                            }
+                        ImagePtr expected = CopyOf(image.image);
+                        SetKnown(expected.get(), values.image, weights.image);
+                        PLGaussianBlur(radius, expected.get(), 0);
+                        SetKnown(expected.get(), values.image, weights.image);
+                        for (int32_t isa = PLIsaBaseline; isa <= PLMachineIsa(); ++isa)
+                            for (int32_t threads : {1, 2}) {
+                                PLUseIsa(static_cast<PLIsa>(isa));
+                                ThreadLimit limit(threads);
+                                OutsideImage out(w, h, channels, PLPixelFloat, layout > 0, padding);
+                                OutsideImage work(w, h, channels, PLPixelFloat, layout > 0, padding);
+                                out.bytes = image.bytes;
+                                work.bytes = values.bytes;
+                                PLGaussianBlurHoles(radius, &out.image, &work.image, &weights.image);
+                                ASSERT_TRUE(SameUpToNaNSigns(out.image, *expected))
+                                    << w << "x" << h << " channels " << channels << " layout " << layout
+                                    << " holes " << holes << " radius " << radius << " "
+                                    << PLIsaName(static_cast<PLIsa>(isa)) << ", " << threads << " threads";
+                                ASSERT_TRUE(out.GuardsIntact() && work.GuardsIntact());
+                            }
+                        PLUseIsa(PLMachineIsa());
+                    }
+}
+
+TEST(GaussianBlurHoles, RefusesWhatItCannotSmooth) {
+    ImagePtr image = MakeImage(8, 6, 2, PLPixelFloat), values = MakeImage(8, 6, 2, PLPixelFloat),
+             weights = MakeImage(8, 6, 1, PLPixelFloat);
+    ImagePtr narrow = MakeImage(7, 6, 1, PLPixelFloat), bytes = MakeImage(8, 6, 1, PLPixelUChar),
+             three = MakeImage(8, 6, 3, PLPixelFloat);
+    EXPECT_THROW(PLGaussianBlurHoles(5.0f, image.get(), values.get(), narrow.get()), PLErr);
+    EXPECT_THROW(PLGaussianBlurHoles(5.0f, image.get(), values.get(), bytes.get()), PLErr);
+    EXPECT_THROW(PLGaussianBlurHoles(5.0f, image.get(), three.get(), weights.get()), PLErr);
+    EXPECT_THROW(PLGaussianBlurHoles(kNaN, image.get(), values.get(), weights.get()), PLErr);
+    EXPECT_NO_THROW(PLGaussianBlurHoles(5.0f, image.get(), values.get(), nullptr));
 }
 
 }  // namespace
