@@ -32,7 +32,8 @@ static void BM_GaussianFlowHD(benchmark::State& state) {
     PLImage image(1920, 1080, 2, PLPixelFloat, 0);
     for (int32_t y = 0; y < image.height; ++y) {
         float* row = reinterpret_cast<float*>(image.Row(y));
-        for (int32_t x = 0; x < 2 * image.width; ++x) row[x] = static_cast<float>((x * 7 + y * 13) % 64) - 32.0f;
+        for (int32_t x = 0; x < 2 * image.width; ++x)
+            row[x] = static_cast<float>((x * 7 + y * 13) % 64) - 32.0f;
     }
     for (auto _ : state) {
         PLGaussianBlur(5.0f, &image, static_cast<int32_t>(state.range(1)));
@@ -41,9 +42,6 @@ static void BM_GaussianFlowHD(benchmark::State& state) {
     }
     setThreadCount(0);
 }
-BENCHMARK(BM_GaussianFlowHD)
-    ->ArgsProduct({{1, 2}, {0, 2, 3}})
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime();
+BENCHMARK(BM_GaussianFlowHD)->ArgsProduct({{1, 2}, {0, 2, 3}})->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_MAIN();
