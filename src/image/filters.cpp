@@ -214,39 +214,47 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
     }
 }
 
-// The pass built for each path.
-template <typename P, bool Columns, bool Packed>
-void FilterLinesBaseline(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
-    FilterLines<P, Columns, Packed, 4>(threadIndex, firstLine, lastLine, args);
+// Every pass is built for each path from one body, Pass::Run<W> with W
+// floats to a register: 4 (SSE2), 8 (AVX2) or 16 (AVX-512). Run is inlined,
+// so it compiles for the path of the function it is built into.
+template <typename Pass>
+void OnBaseline(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    Pass::template Run<4>(threadIndex, first, last, args);
 }
-template <typename P, bool Columns, bool Packed>
-PL_TARGET_AVX2 void FilterLinesAvx2(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
-                                    kqmp_args* args) {
-    FilterLines<P, Columns, Packed, 8>(threadIndex, firstLine, lastLine, args);
+template <typename Pass>
+PL_TARGET_AVX2 void OnAvx2(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    Pass::template Run<8>(threadIndex, first, last, args);
 }
-template <typename P, bool Columns, bool Packed>
-PL_TARGET_AVX512 void FilterLinesAvx512(int32_t threadIndex, bool, int32_t firstLine, int32_t lastLine,
-                                        kqmp_args* args) {
-    FilterLines<P, Columns, Packed, 16>(threadIndex, firstLine, lastLine, args);
+template <typename Pass>
+PL_TARGET_AVX512 void OnAvx512(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
+    Pass::template Run<16>(threadIndex, first, last, args);
+}
+
+template <typename Pass>
+kqmp_worker* ForPath() {
+    switch (PLActiveIsa()) {
+        case PLIsaAvx512:
+            return OnAvx512<Pass>;
+        case PLIsaAvx2:
+            return OnAvx2<Pass>;
+        default:
+            return OnBaseline<Pass>;
+    }
 }
 
 template <typename P, bool Columns, bool Packed>
-kqmp_worker* LinePassFor(PLIsa isa) {
-    switch (isa) {
-        case PLIsaAvx512:
-            return FilterLinesAvx512<P, Columns, Packed>;
-        case PLIsaAvx2:
-            return FilterLinesAvx2<P, Columns, Packed>;
-        default:
-            return FilterLinesBaseline<P, Columns, Packed>;
+struct LinePassOf {
+    template <int32_t W>
+    PL_INLINE_HOT static void Run(int32_t threadIndex, int32_t first, int32_t last, kqmp_args* args) {
+        FilterLines<P, Columns, Packed, W>(threadIndex, first, last, args);
     }
-}
+};
 
 template <typename P, bool Columns>
 kqmp_worker* LinePass(const PLImage* image) {
     return image->pixelStride == static_cast<int32_t>(sizeof(typename P::Element))
-               ? LinePassFor<P, Columns, true>(PLActiveIsa())
-               : LinePassFor<P, Columns, false>(PLActiveIsa());
+               ? ForPath<LinePassOf<P, Columns, true>>()
+               : ForPath<LinePassOf<P, Columns, false>>();
 }
 
 // The hole smoothing's two passes (PLGaussianBlurHoles) on float images, a
@@ -445,38 +453,18 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
     }
 }
 
-template <kqmp_worker* Baseline, kqmp_worker* Avx2, kqmp_worker* Avx512>
-kqmp_worker* ForIsa() {
-    switch (PLActiveIsa()) {
-        case PLIsaAvx512:
-            return Avx512;
-        case PLIsaAvx2:
-            return Avx2;
-        default:
-            return Baseline;
+struct HoleRowPass {
+    template <int32_t W>
+    PL_INLINE_HOT static void Run(int32_t threadIndex, int32_t first, int32_t last, kqmp_args* args) {
+        HoleRows<W>(threadIndex, first, last, args);
     }
-}
-
-void HoleRowsBaseline(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
-    HoleRows<4>(threadIndex, first, last, args);
-}
-PL_TARGET_AVX2 void HoleRowsAvx2(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
-    HoleRows<8>(threadIndex, first, last, args);
-}
-PL_TARGET_AVX512 void HoleRowsAvx512(int32_t threadIndex, bool, int32_t first, int32_t last,
-                                     kqmp_args* args) {
-    HoleRows<16>(threadIndex, first, last, args);
-}
-void HoleColumnsBaseline(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
-    HoleColumns<4>(threadIndex, first, last, args);
-}
-PL_TARGET_AVX2 void HoleColumnsAvx2(int32_t threadIndex, bool, int32_t first, int32_t last, kqmp_args* args) {
-    HoleColumns<8>(threadIndex, first, last, args);
-}
-PL_TARGET_AVX512 void HoleColumnsAvx512(int32_t threadIndex, bool, int32_t first, int32_t last,
-                                        kqmp_args* args) {
-    HoleColumns<16>(threadIndex, first, last, args);
-}
+};
+struct HoleColumnPass {
+    template <int32_t W>
+    PL_INLINE_HOT static void Run(int32_t threadIndex, int32_t first, int32_t last, kqmp_args* args) {
+        HoleColumns<W>(threadIndex, first, last, args);
+    }
+};
 
 // The row pass reads `source`; the column pass then works on the image.
 template <typename P>
@@ -602,10 +590,9 @@ void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PL
     QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
     const HoleImages at{image, values, weights};
     WithNormalisedKernel(r, GaussianWeight(radius), [&](const float* kernel, int32_t taps) {
-        kqmp_runrows(image->height, ForIsa<HoleRowsBaseline, HoleRowsAvx2, HoleRowsAvx512>(), &at, kernel,
-                     taps, r, &bufferFloats, buffers.get());
-        kqmp_runrows(image->height, ForIsa<HoleColumnsBaseline, HoleColumnsAvx2, HoleColumnsAvx512>(), &at,
-                     kernel, taps, r);
+        kqmp_runrows(image->height, ForPath<HoleRowPass>(), &at, kernel, taps, r, &bufferFloats,
+                     buffers.get());
+        kqmp_runrows(image->height, ForPath<HoleColumnPass>(), &at, kernel, taps, r);
     });
 }
 
