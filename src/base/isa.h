@@ -30,3 +30,6 @@ const char* PLIsaName(PLIsa isa);
 #define PL_TARGET_AVX512
 #endif
 #define PL_INLINE_HOT inline __attribute__((always_inline))
+// The same for a lambda in such a body: a lambda is a function of its own,
+// built for the baseline unless it is inlined.
+#define PL_LAMBDA_INLINE __attribute__((always_inline))

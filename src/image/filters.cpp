@@ -10,6 +10,7 @@
 
 #include "base/isa.h"
 #include "base/qvmem.h"
+#include "image/bilinear.h"
 #include "image/pixel_format.h"
 #include "mp/kqmp.h"
 
@@ -298,19 +299,14 @@ PL_INLINE_HOT void KnownOrPairs(const float* w, const float* value, const float*
 }
 
 template <int32_t W>
-PL_INLINE_HOT void HoleRows(int32_t threadIndex, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+PL_INLINE_HOT void HoleRows(int32_t, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     const HoleImages& at = *args->next<const HoleImages*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
     const int32_t r = args->next<int32_t>();
-    const size_t bufferFloats = *args->next<const size_t*>();
-    float* buffers = args->next<float*>();
 
-    float* in = buffers + 2 * bufferFloats * static_cast<size_t>(threadIndex);
-    float* out = in + bufferFloats;
     const int32_t n = at.image->width;
     const int32_t lanes = at.image->numChannels;
-    const size_t rowBytes = static_cast<size_t>(n) * static_cast<size_t>(lanes) * sizeof(float);
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         float* f = reinterpret_cast<float*>(at.image->Row(y));
         float* v = reinterpret_cast<float*>(at.values->Row(y));
@@ -318,36 +314,35 @@ PL_INLINE_HOT void HoleRows(int32_t threadIndex, int32_t firstRow, int32_t lastR
         int32_t x = 0;
         if (lanes == 2)
             for (; x + kColumnLanes / 2 <= n; x += kColumnLanes / 2)
-                KnownOrPairs(w + x, v + 2 * x, f + 2 * x, in + 2 * x);
+                KnownOrPairs(w + x, v + 2 * x, f + 2 * x, f + 2 * x);
         for (; x < n; ++x)
             for (int32_t c = 0; c < lanes; ++c) {
                 const ptrdiff_t m = static_cast<ptrdiff_t>(x) * lanes + c;
-                in[m] = KnownOr(w[x], v[m], f[m]);
+                f[m] = KnownOr(w[x], v[m], f[m]);
             }
-        FilterLine<W>(in, out, n, lanes, kernel, taps, r);
-        std::memcpy(f, in, rowBytes);
-        std::memcpy(v, out, rowBytes);
+        // The row's values are read; its filtered row goes in their place.
+        FilterLine<W>(f, v, n, lanes, kernel, taps, r);
     }
 }
 
-// Output row i of kColumnLanes elements from element `e` of the filtered rows,
-// as FilterLine gives it along a column: the right edge, summed from the far
-// end, wins over the left; the interior sums its taps from 0 in tap order.
-template <int32_t W>
-PL_INLINE_HOT void ColumnOutputs(const PLImage& filtered, ptrdiff_t e, int32_t i, const float* kernel,
+// Output row i of kColumnLanes elements from element `e` of the n filtered
+// rows rowOf(j), as FilterLine gives it along a column: the right edge,
+// summed from the far end, wins over the left; the interior sums its taps
+// from 0 in tap order.
+template <int32_t W, typename RowOf>
+PL_INLINE_HOT void ColumnOutputs(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i, const float* kernel,
                                  int32_t taps, int32_t r, float* out) {
     constexpr int32_t kVectors = kColumnLanes / W;
     FloatVector<W> sum[kVectors];
     for (FloatVector<W>& v : sum) v = FloatVector<W>{};
-    auto add = [&](int32_t row, float weight) {
-        const float* p = reinterpret_cast<const float*>(filtered.Row(row)) + e;
+    auto add = [&](int32_t row, float weight) PL_LAMBDA_INLINE {
+        const float* p = rowOf(row) + e;
         for (int32_t q = 0; q < kVectors; ++q) {
             FloatVector<W> v;
             std::memcpy(&v, p + W * q, sizeof v);
             sum[q] += v * weight;
         }
     };
-    const int32_t n = filtered.height;
     const bool right = n - r >= 0 && i >= n - r;
     if (right || i < r) {
         float norm = 0.0f;
@@ -367,10 +362,9 @@ PL_INLINE_HOT void ColumnOutputs(const PLImage& filtered, ptrdiff_t e, int32_t i
 }
 
 // The same for one element, the tail of a row.
-PL_INLINE_HOT float ColumnOutput(const PLImage& filtered, ptrdiff_t e, int32_t i, const float* kernel,
+template <typename RowOf>
+PL_INLINE_HOT float ColumnOutput(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i, const float* kernel,
                                  int32_t taps, int32_t r) {
-    auto at = [&](int32_t row) { return reinterpret_cast<const float*>(filtered.Row(row))[e]; };
-    const int32_t n = filtered.height;
     const bool right = n - r >= 0 && i >= n - r;
     float sum = 0.0f;
     if (right || i < r) {
@@ -380,12 +374,12 @@ PL_INLINE_HOT float ColumnOutput(const PLImage& filtered, ptrdiff_t e, int32_t i
         const int32_t step = right ? -1 : 1;
         for (int32_t j = first;; j += step) {
             norm += kernel[r + j - i];
-            sum += at(j) * kernel[r + j - i];
+            sum += rowOf(j)[e] * kernel[r + j - i];
             if (j == last) break;
         }
         return sum / norm;
     }
-    for (int32_t t = 0; t < taps; ++t) sum += at(i - r + t) * kernel[t];
+    for (int32_t t = 0; t < taps; ++t) sum += rowOf(i - r + t)[e] * kernel[t];
     return sum;
 }
 
@@ -415,6 +409,9 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
     const int32_t channels = at.image->numChannels;
     const ptrdiff_t elements = static_cast<ptrdiff_t>(width) * channels;
     constexpr int32_t kAhead = 2;
+    const int32_t n = at.values->height;
+    auto rowOf = [&](int32_t row)
+                     PL_LAMBDA_INLINE { return reinterpret_cast<const float*>(at.values->Row(row)); };
     for (int32_t i = firstRow; i <= lastRow; ++i) {
         float* f = reinterpret_cast<float*>(at.image->Row(i));
         const float* w = reinterpret_cast<const float*>(at.weights->Row(i));
@@ -429,7 +426,7 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
                 PixelWeights pixels;
                 std::memcpy(&pixels, w + e / 2, sizeof pixels);
                 if (!AnyHole(pixels)) continue;
-                ColumnOutputs<W>(*at.values, e, i, kernel, taps, r, sums);
+                ColumnOutputs<W>(rowOf, n, e, i, kernel, taps, r, sums);
                 const Lanes weight =
                     __builtin_shufflevector(pixels, pixels, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7);
                 Lanes kept, smoothed;
@@ -444,14 +441,116 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
             bool hole = false;
             for (int32_t x = firstPixel; x <= lastPixel; ++x) hole |= w[x] == 0.0f;
             if (!hole) continue;
-            ColumnOutputs<W>(*at.values, e, i, kernel, taps, r, sums);
+            ColumnOutputs<W>(rowOf, n, e, i, kernel, taps, r, sums);
             for (int32_t k = 0; k < kColumnLanes; ++k)
                 if (w[(e + k) / channels] == 0.0f) f[e + k] = sums[k];
         }
         for (; e < elements; ++e)
-            if (w[e / channels] == 0.0f) f[e] = ColumnOutput(*at.values, e, i, kernel, taps, r);
+            if (w[e / channels] == 0.0f) f[e] = ColumnOutput(rowOf, n, e, i, kernel, taps, r);
     }
 }
+
+// The reduce (PLBinomial5Reduce): each worker walks its destination rows
+// down. Source rows are row-filtered once each into a ring of the 2r + 1 the
+// column filter reads, the column filter makes each source row the resampler
+// reads when it first needs it, and the resampler's two steps follow, as
+// PLResample takes them for fewer than four channels. No full-size image is
+// written between the steps.
+struct ReduceJob {
+    PLImage* to;
+    const PLImage* from;
+    const PLCellTap* columns;  // the resampler's horizontal taps, one per destination column
+    float stepY;
+    bool scaled;
+    float ratio;
+    const float* kernel;
+    int32_t taps;
+    int32_t r;
+    size_t threadFloats;
+    float* scratch;
+};
+
+PL_INLINE_HOT float StoredFloat(float v) {
+    return PLPixel<PLPixelFloat>::Round(v);
+}
+
+template <int32_t W>
+PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    const ReduceJob& job = *args->next<const ReduceJob*>();
+    const PLImage& from = *job.from;
+    const PLImage& to = *job.to;
+    const int32_t channels = from.numChannels;
+    const int32_t n = from.width;
+    const int32_t rows = from.height;
+    const int32_t r = job.r;
+    const ptrdiff_t elements = static_cast<ptrdiff_t>(n) * channels;
+    const ptrdiff_t outElements = static_cast<ptrdiff_t>(to.width) * channels;
+    const int32_t ringRows = 2 * r + 1;
+
+    float* ring = job.scratch + job.threadFloats * static_cast<size_t>(threadIndex);
+    float* blurred = ring + ringRows * elements;
+    float* across[2] = {blurred + elements, blurred + elements + outElements};
+    auto ringRow = [&](int32_t j)
+                       PL_LAMBDA_INLINE -> const float* { return ring + (j % ringRows) * elements; };
+
+    int32_t filteredTo = -1;  // the last source row in the ring
+    auto filterRows = [&](int32_t lo, int32_t hi) PL_LAMBDA_INLINE {
+        for (int32_t j = filteredTo + 1 > lo ? filteredTo + 1 : lo; j <= hi; ++j) {
+            // Five taps for radius 2 read no further than the line. The blur
+            // stores each sum plus 0, which is left out here and below: a sum
+            // that starts from +0 never comes out -0.
+            FilterLine<W>(reinterpret_cast<const float*>(from.Row(j)), ring + (j % ringRows) * elements, n,
+                          channels, job.kernel, job.taps, r);
+        }
+        if (hi > filteredTo) filteredTo = hi;
+    };
+    int32_t held[2] = {-1, -1};
+    // Source row `row` blurred and interpolated across, evicting the slot
+    // that does not hold `keep`.
+    auto interpolated = [&](int32_t row, int32_t keep) PL_LAMBDA_INLINE -> const float* {
+        for (int32_t slot = 0; slot < 2; ++slot)
+            if (held[slot] == row) return across[slot];
+        filterRows(row - r > 0 ? row - r : 0, row + r < rows ? row + r : rows - 1);
+        ptrdiff_t e = 0;
+        for (; e + kColumnLanes <= elements; e += kColumnLanes)
+            ColumnOutputs<W>(ringRow, rows, e, row, job.kernel, job.taps, r, blurred + e);
+        for (; e < elements; ++e) blurred[e] = ColumnOutput(ringRow, rows, e, row, job.kernel, job.taps, r);
+        const int32_t slot = held[0] == keep ? 1 : 0;
+        float* line = across[slot];
+        for (int32_t x = 0; x < to.width; ++x) {
+            const PLCellTap& tx = job.columns[x];
+            const ptrdiff_t left = static_cast<ptrdiff_t>(tx.index) * channels;
+            const ptrdiff_t right = left + static_cast<ptrdiff_t>(tx.next) * channels;
+            for (int32_t c = 0; c < channels; ++c) {
+                const float a = blurred[left + c];
+                const float b = blurred[right + c];
+                line[static_cast<ptrdiff_t>(x) * channels + c] = (b - a) * tx.fraction + a;
+            }
+        }
+        held[slot] = row;
+        return line;
+    };
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        const PLCellTap ty =
+            PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(y) * job.stepY, from.lastRow);
+        const int32_t lowerRow = ty.index + ty.next;
+        const float* top = interpolated(ty.index, lowerRow);
+        const float* bottom = interpolated(lowerRow, ty.index);
+        float* out = reinterpret_cast<float*>(to.Row(y));
+        for (ptrdiff_t m = 0; m < outElements; ++m) {
+            float value = (bottom[m] - top[m]) * ty.fraction + top[m];
+            if (job.scaled) value = value * job.ratio;
+            out[m] = StoredFloat(value);
+        }
+    }
+}
+
+struct ReducePass {
+    template <int32_t W>
+    PL_INLINE_HOT static void Run(int32_t threadIndex, int32_t first, int32_t last, kqmp_args* args) {
+        ReduceRows<W>(threadIndex, first, last, args);
+    }
+};
 
 struct HoleRowPass {
     template <int32_t W>
@@ -581,17 +680,10 @@ void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PL
         throw PLErrFailed;
     const int32_t r = MakerRadius(radius);
     if (r < 0) throw PLErrFailed;
-    if (image->width + int64_t{kLineSlack} + 2 * static_cast<int64_t>(r) > INT32_MAX) throw PLErrOutOfMemory;
-    const int32_t threads = kqmp_threadsfor(image->height);
-    // A row's line and its slack; taps never reach past the line here.
-    const size_t bufferFloats =
-        (static_cast<size_t>(image->width) + kLineSlack + 2 * static_cast<size_t>(r)) *
-        static_cast<size_t>(image->numChannels);
-    QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
     const HoleImages at{image, values, weights};
     WithNormalisedKernel(r, GaussianWeight(radius), [&](const float* kernel, int32_t taps) {
-        kqmp_runrows(image->height, ForPath<HoleRowPass>(), &at, kernel, taps, r, &bufferFloats,
-                     buffers.get());
+        // 2r + 1 taps read no further than the line: each row is filtered where it lies.
+        kqmp_runrows(image->height, ForPath<HoleRowPass>(), &at, kernel, taps, r);
         kqmp_runrows(image->height, ForPath<HoleColumnPass>(), &at, kernel, taps, r);
     });
 }
@@ -632,6 +724,47 @@ void PLBinomial3Blur(PLImage* image, int32_t axes) {
 
 void PLBinomial5Blur(PLImage* image, int32_t axes) {
     PLSeparableFilter(2.0f, image, 5, kBinomial5, axes);
+}
+
+void PLBinomial5Reduce(PLImage* to, const PLImage* from) {
+    if (!to || !from) return;
+    auto denseFloats = [](const PLImage* of) {
+        return of->pixelType == PLPixelFloat &&
+               of->pixelStride == of->numChannels * static_cast<int32_t>(sizeof(float));
+    };
+    if (!denseFloats(to) || !denseFloats(from) || to->numChannels != from->numChannels ||
+        from->numChannels > 3 || to->width < 1 || to->height < 1 || from->width < 1 || from->height < 1)
+        throw PLErrFailed;
+    const int32_t r = 2;
+    if (from->width + int64_t{kLineSlack} + 2 * r > INT32_MAX) throw PLErrOutOfMemory;
+    // Corner pixels meet corner pixels, as in PLResample.
+    const float stepX =
+        to->width == 1 ? 0.0f : static_cast<float>(from->width - 1) / static_cast<float>(to->width - 1);
+    const float stepY =
+        to->height == 1 ? 0.0f : static_cast<float>(from->height - 1) / static_cast<float>(to->height - 1);
+    QVMemBlock<PLCellTap> columns(static_cast<size_t>(to->width));
+    for (int32_t x = 0; x < to->width; ++x)
+        columns.get()[x] =
+            PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(x) * stepX, from->lastColumn);
+    // A thread's ring, its blurred row and two interpolated rows.
+    const size_t channels = static_cast<size_t>(from->numChannels);
+    const size_t elements = static_cast<size_t>(from->width) * channels;
+    const size_t threadFloats =
+        (2 * r + 1) * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
+    const int32_t threads = kqmp_threadsfor(to->height);
+    QVMemBlock<float> scratch(static_cast<size_t>(threads) * threadFloats);
+    const ReduceJob job{to,
+                        from,
+                        columns.get(),
+                        stepY,
+                        to->whitePoint != from->whitePoint,
+                        to->whitePoint / from->whitePoint,
+                        kBinomial5,
+                        5,
+                        r,
+                        threadFloats,
+                        scratch.get()};
+    kqmp_runrows(to->height, ForPath<ReducePass>(), &job);
 }
 
 void PLBinomial5BlurInto(PLImage* image, const PLImage* source) {

@@ -245,19 +245,13 @@ void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* prog
             kqmp_runrows(flow->height, kqmp_forisa<LoadFlowRows<decltype(maskPixel)>>(), &v, &w, flow, mask);
         });
     }
-    // The flow's values now live in level 0, so the flow's memory is free to
-    // smooth level 0 in, as each filled level is for the level it belongs to.
     for (int32_t l = 1; l <= top; ++l) {
         const PLImage fromValues = values(l - 1);
         const PLImage fromWeights = weights(l - 1);
         PLImage toValues = values(l);
         PLImage toWeights = weights(l);
-        PLImage workValues = FilledLevel(flow, scratch, levels, l - 1, 2);
-        PLBinomial5BlurInto(&workValues, &fromValues);
-        PLResample(&toValues, &workValues);
-        PLImage workWeights = FilledLevel(flow, scratch, levels, l - 1, 1);
-        PLBinomial5BlurInto(&workWeights, &fromWeights);
-        PLResample(&toWeights, &workWeights);
+        PLBinomial5Reduce(&toValues, &fromValues);
+        PLBinomial5Reduce(&toWeights, &fromWeights);
     }
 
     QVIdleAndProgressClass local(progress);

@@ -11,6 +11,7 @@
 #include "base/isa.h"
 #include "base/plerr.h"
 #include "common/library.h"
+#include "image/resample.h"
 
 namespace {
 
@@ -198,6 +199,46 @@ TEST(GaussianBlurHoles, RefusesWhatItCannotSmooth) {
     EXPECT_THROW(PLGaussianBlurHoles(5.0f, image.get(), three.get(), weights.get()), PLErr);
     EXPECT_THROW(PLGaussianBlurHoles(kNaN, image.get(), values.get(), weights.get()), PLErr);
     EXPECT_NO_THROW(PLGaussianBlurHoles(5.0f, image.get(), values.get(), nullptr));
+}
+
+TEST(Binomial5Reduce, MatchesBlurThenResampleOnEveryPathAndThreadCount) {
+    // Halving as the fill does, odd and even; lines shorter than the kernel;
+    // one-pixel sides; a destination no smaller than its source.
+    const int32_t sizes[][4] = {{37, 53, 18, 26}, {40, 1, 20, 2}, {1, 40, 2, 20}, {2, 2, 2, 2},
+                                {5, 30, 2, 15},   {71, 9, 35, 4}, {3, 3, 7, 5},   {300, 7, 150, 3}};
+    uint32_t seed = 40;
+    for (const auto& size : sizes)
+        for (int32_t channels : {1, 2, 3})
+            for (int32_t layout = 0; layout < 3; ++layout) {  // plain, flipped, flipped and padded
+                const int32_t padding = layout / 2 * 12;
+                OutsideImage from(size[0], size[1], channels, PLPixelFloat, layout > 0, padding);
+                FillNoise(from.image, ++seed);
+                const float specials[] = {kNaN, kInf, -kInf, 3e38f, -0.0f};
+                for (int32_t k = 0; k < 4; ++k)
+                    Set<float>(from.image, (k * 7) % size[0], (k * 5) % size[1], k % channels,
+                               specials[(seed + k) % 5]);
+                ImagePtr blurred = CopyOf(from.image);
+                PLBinomial5Blur(blurred.get(), 0);
+                ImagePtr expected = MakeImage(size[2], size[3], channels, PLPixelFloat);
+                PLResample(expected.get(), blurred.get());
+                for (int32_t isa = PLIsaBaseline; isa <= PLMachineIsa(); ++isa)
+                    for (int32_t threads : {1, 2}) {
+                        PLUseIsa(static_cast<PLIsa>(isa));
+                        ThreadLimit limit(threads);
+                        OutsideImage to(size[2], size[3], channels, PLPixelFloat, layout > 0, padding);
+                        PLBinomial5Reduce(&to.image, &from.image);
+                        ASSERT_TRUE(SameUpToNaNSigns(to.image, *expected))
+                            << size[0] << "x" << size[1] << " to " << size[2] << "x" << size[3]
+                            << " channels " << channels << " layout " << layout << " "
+                            << PLIsaName(static_cast<PLIsa>(isa)) << ", " << threads << " threads";
+                        ASSERT_TRUE(to.GuardsIntact());
+                    }
+                PLUseIsa(PLMachineIsa());
+            }
+    ImagePtr four = MakeImage(8, 8, 4, PLPixelFloat), half = MakeImage(4, 4, 4, PLPixelFloat),
+             bytes = MakeImage(8, 8, 2, PLPixelUChar), two = MakeImage(4, 4, 2, PLPixelFloat);
+    EXPECT_THROW(PLBinomial5Reduce(half.get(), four.get()), PLErr);
+    EXPECT_THROW(PLBinomial5Reduce(two.get(), bytes.get()), PLErr);
 }
 
 }  // namespace
