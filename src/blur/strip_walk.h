@@ -1,0 +1,192 @@
+// The AVX-512 walk for float sources, in strips of 16 pixels: each pixel's
+// position, step, count and liveness in one lane of a register, so the taps,
+// the edge test, the offsets and the steps are taken once for 16 pixels
+// instead of once in each of a pixel's four lanes. The sums stay as the wide
+// walk keeps them (a pixel's four channels in four lanes, four pixels to a
+// register), each pixel's fractions and liveness spread to its lanes, so every
+// lane still does exactly its channel's operations of the one-pixel body.
+//
+// Included by kernels.cpp after wide_walk.h, in the AVX-512 region only (it
+// uses that file's helpers with kPixels = 4). No include guard, no includes.
+
+static_assert(kPixels == 4, "a strip register holds one lane per pixel of four wide registers");
+
+constexpr int kStripPixels = 4 * kPixels;
+constexpr int kQuads = kStripPixels / kPixels;
+
+// One strip's walk in one direction. Lane j of px, py, stepX, stepY, m and
+// count is pixel j; sums[q] holds pixels 4q to 4q + 3 as the wide walk does.
+struct Strip {
+    F px, py, stepX, stepY;
+    I m;
+    F count;
+    F sums[kQuads];
+};
+
+// Pixels 4q to 4q + 3 of a strip vector, each in its four lanes.
+template <typename V>
+PL_INLINE_HOT V QuadOf(const V& v, int q) {
+    const I index = I{0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3} + 4 * q;
+    return reinterpret_cast<V>(
+        _mm512_permutexvar_ps(reinterpret_cast<__m512i>(index), reinterpret_cast<__m512>(v)));
+}
+
+// The first lane of each pixel of four wide registers, in pixel order.
+template <typename V>
+PL_INLINE_HOT V StripOf(const V (&quads)[kQuads]) {
+    const __m512i firsts = _mm512_setr_epi32(0, 4, 8, 12, 16, 20, 24, 28, 0, 4, 8, 12, 16, 20, 24, 28);
+    const __m512 low = _mm512_permutex2var_ps(reinterpret_cast<__m512>(quads[0]), firsts,
+                                              reinterpret_cast<__m512>(quads[1]));
+    const __m512 high = _mm512_permutex2var_ps(reinterpret_cast<__m512>(quads[2]), firsts,
+                                               reinterpret_cast<__m512>(quads[3]));
+    return reinterpret_cast<V>(_mm512_shuffle_f32x4(low, high, _MM_SHUFFLE(1, 0, 1, 0)));
+}
+
+// kStrips strips walk together, for the same reason as the wide walk's groups.
+template <int kStrips>
+PL_INLINE_HOT void WalkStrips(const SourceView<PLPixel<PLPixelFloat>, 4>& src, Strip (&strips)[kStrips]) {
+    const __m512 zero = _mm512_setzero_ps();
+    const __m512 width = _mm512_set1_ps(src.fWidth);
+    const __m512 height = _mm512_set1_ps(src.fHeight);
+    __mmask16 alive[kStrips];
+    F px[kStrips], py[kStrips];
+    for (int s = 0; s < kStrips; ++s) {
+        alive[s] = _mm512_cmpgt_epi32_mask(reinterpret_cast<__m512i>(strips[s].m), _mm512_setzero_si512());
+        px[s] = strips[s].px;
+        py[s] = strips[s].py;
+    }
+    for (int32_t k = 0;; ++k) {
+        __mmask16 any = 0;
+        for (int s = 0; s < kStrips; ++s) {
+            __mmask16 a = _mm512_mask_cmplt_epi32_mask(alive[s], _mm512_set1_epi32(k),
+                                                       reinterpret_cast<__m512i>(strips[s].m));
+            const __m512 x = reinterpret_cast<__m512>(px[s]);
+            const __m512 y = reinterpret_cast<__m512>(py[s]);
+            a = _mm512_mask_cmp_ps_mask(a, x, zero, _CMP_GE_OQ);
+            a = _mm512_mask_cmp_ps_mask(a, x, width, _CMP_LT_OQ);
+            a = _mm512_mask_cmp_ps_mask(a, y, zero, _CMP_GE_OQ);
+            a = _mm512_mask_cmp_ps_mask(a, y, height, _CMP_LT_OQ);
+            alive[s] = a;
+            any |= a;
+        }
+        if (!any) return;
+        for (int s = 0; s < kStrips; ++s) {
+            Strip& w = strips[s];
+            // Lanes that have stopped read a pixel inside, and throw it away.
+            I ix, iy;
+            F fx, fy;
+            Tap(px[s], src.lastColumn, ix, fx);
+            Tap(py[s], src.lastRow, iy, fy);
+            const I offset = iy * src.rowStep + ix * src.kPixelBytes;
+            int32_t at[kStripPixels];
+            std::memcpy(at, &offset, sizeof at);
+            const I live = reinterpret_cast<I>(_mm512_movm_epi32(alive[s]));
+            for (int q = 0; q < kQuads; ++q) {
+                const uint8_t *upper[kPixels], *lower[kPixels];
+                for (int j = 0; j < kPixels; ++j) {
+                    upper[j] = src.row0 + at[kPixels * q + j];
+                    lower[j] = upper[j] + src.down;
+                }
+                F top, topRight, bottom, bottomRight;
+                LoadPairs<float>(upper, top, topRight);
+                LoadPairs<float>(lower, bottom, bottomRight);
+                const F qfx = QuadOf(fx, q);
+                const F qfy = QuadOf(fy, q);
+                const F a = AddKeepingFirstNaN((topRight - top) * qfx, top);
+                const F b = AddKeepingFirstNaN((bottomRight - bottom) * qfx, bottom);
+                const F sample = AddKeepingFirstNaN((b - a) * qfy, a) + 0.0f;
+                w.sums[q] = QuadOf(live, q) ? AddKeepingFirstNaN(w.sums[q], sample) : w.sums[q];
+            }
+            w.count = reinterpret_cast<F>(_mm512_mask_add_ps(reinterpret_cast<__m512>(w.count), alive[s],
+                                                             reinterpret_cast<__m512>(w.count),
+                                                             _mm512_set1_ps(1.0f)));
+            px[s] += w.stepX;
+            py[s] += w.stepY;
+        }
+    }
+}
+
+// The wide walk's rows for float sources, a strip at a time: the same plan
+// (PlanGroup, four pixels at a time) and the same average and stores.
+template <typename P, int kStrips = 1>
+void StripRows(const BlurCall& call) {
+    static_assert(std::is_same_v<typename P::Element, float>, "strips walk float sources");
+    const PLImage& source = *call.source;
+    const Scales scales(source, *call.flow, call.amount);
+    QVIdleAndProgressClass rowProgress(call.progress);
+    const SourceView<P, 4> src(source);
+    constexpr int32_t kPixelBytes = SourceView<P, 4>::kPixelBytes;
+    const int32_t span = call.last - call.first;
+    const float stillBelow = StillBelow();
+
+    float y = static_cast<float>(call.first);
+    for (int32_t row = call.first; row <= call.last; ++row, y += 1.0f) {
+        if (span > 0)
+            rowProgress.ProgressIdle((y - static_cast<float>(call.first)) / static_cast<float>(span));
+        uint8_t* out = call.output->Row(row) + PLOffset(call.x0, call.output->pixelStride);
+        const uint8_t* sourceRow = source.Row(row) + PLOffset(call.x0, kPixelBytes);
+        const float fy = y * scales.invY;
+        const FlowRow flow = FlowRowAt(*call.flow, fy);
+        float x = static_cast<float>(call.x0);
+        for (int32_t column = call.x0; column <= call.x1; column += kStrips * kStripPixels) {
+            Strip strips[kStrips];
+            int32_t pixels[kStrips];
+            bool walks = false;
+            for (int s = 0; s < kStrips; ++s) {
+                const int32_t left = call.x1 - column - s * kStripPixels + 1;
+                pixels[s] = left < 0 ? 0 : left < kStripPixels ? left : kStripPixels;
+                float xs[kStripPixels];
+                for (int j = 0; j < kStripPixels; ++j, x += 1.0f) xs[j] = x;
+                I n[kQuads];
+                F stepX[kQuads], stepY[kQuads];
+                for (int q = 0; q < kQuads; ++q) {
+                    const float(&quad)[kPixels] =
+                        *reinterpret_cast<const float(*)[kPixels]>(xs + kPixels * q);
+                    PlanGroup(flow, scales.invX * Spread<F>(quad), scales.kx, scales.ky, stillBelow, n[q],
+                              stepX[q], stepY[q]);
+                }
+                Strip& w = strips[s];
+                std::memcpy(&w.px, xs, sizeof w.px);
+                w.py = F{} + y;
+                w.m = StripOf(n);
+                w.stepX = StripOf(stepX);
+                w.stepY = StripOf(stepY);
+                // Lanes past the row take no samples.
+                for (int lane = pixels[s]; lane < kStripPixels; ++lane) w.m[lane] = 0;
+                w.count = F{};
+                for (F& sums : w.sums) sums = F{};
+                walks = walks || Any(w.m);
+            }
+            if (walks) {
+                WalkStrips(src, strips);
+                for (Strip& w : strips) {
+                    w.px -= w.stepX;
+                    w.py -= w.stepY;
+                    w.stepX = -w.stepX;
+                    w.stepY = -w.stepY;
+                    w.m -= 1;
+                }
+                WalkStrips(src, strips);
+            }
+            for (int s = 0; s < kStrips; ++s) {
+                const Strip& w = strips[s];
+                for (int q = 0; q < kQuads; ++q) {
+                    const F average = w.sums[q] * (1.0f / QuadOf(w.count, q));
+                    for (int j = 0; j < kPixels; ++j) {
+                        const int lane = kPixels * q + j;
+                        if (lane >= pixels[s]) break;
+                        if (!walks || w.m[lane] < 0) {  // still: no samples either way
+                            std::memcpy(out, sourceRow, kPixelBytes);
+                        } else {
+                            for (int c = 0; c < 4; ++c)
+                                P::Store(out + c * static_cast<int32_t>(sizeof(float)),
+                                         P::RoundClamp(average[4 * j + c]));
+                        }
+                        out += kPixelBytes;
+                        sourceRow += kPixelBytes;
+                    }
+                }
+            }
+        }
+    }
+}
