@@ -42,6 +42,57 @@ PL_INLINE_HOT V StripOf(const V (&quads)[kQuads]) {
     return reinterpret_cast<V>(_mm512_shuffle_f32x4(low, high, _MM_SHUFFLE(1, 0, 1, 0)));
 }
 
+// The flow at two neighbouring columns of one row for every pixel of a strip,
+// one 16-byte read per pixel: u and v at each pixel's column, then at the next.
+PL_INLINE_HOT void FlowPairs(const uint8_t* row, const I& column, F (&uv)[4]) {
+    const auto at = [&](int j) {
+        return _mm_loadu_ps(reinterpret_cast<const float*>(row + static_cast<ptrdiff_t>(column[j]) * 8));
+    };
+    __m512 z[4];
+    for (int q = 0; q < 4; ++q) {
+        z[q] = _mm512_castps128_ps512(at(q));
+        z[q] = _mm512_insertf32x4(z[q], at(q + 4), 1);
+        z[q] = _mm512_insertf32x4(z[q], at(q + 8), 2);
+        z[q] = _mm512_insertf32x4(z[q], at(q + 12), 3);
+    }
+    const __m512d t0 = _mm512_castps_pd(_mm512_unpacklo_ps(z[0], z[1]));
+    const __m512d t1 = _mm512_castps_pd(_mm512_unpackhi_ps(z[0], z[1]));
+    const __m512d t2 = _mm512_castps_pd(_mm512_unpacklo_ps(z[2], z[3]));
+    const __m512d t3 = _mm512_castps_pd(_mm512_unpackhi_ps(z[2], z[3]));
+    uv[0] = reinterpret_cast<F>(_mm512_unpacklo_pd(t0, t2));
+    uv[1] = reinterpret_cast<F>(_mm512_unpackhi_pd(t0, t2));
+    uv[2] = reinterpret_cast<F>(_mm512_unpacklo_pd(t1, t3));
+    uv[3] = reinterpret_cast<F>(_mm512_unpackhi_pd(t1, t3));
+}
+
+// PlanGroup for a strip, one lane per pixel: the same operations lane by
+// lane. The flow must be two columns wide.
+PL_INLINE_HOT void PlanStrip(const FlowRow& flow, const F& fx, float kx, float ky, float stillBelow, I& n,
+                             F& stepX, F& stepY) {
+    I ix;
+    F f;
+    Tap(fx, flow.lastColumn, ix, f);
+    F top[4], bottom[4];
+    FlowPairs(flow.row, ix, top);
+    FlowPairs(flow.row + flow.down, ix, bottom);
+    // A NaN vector walks one sample whatever its sign, so these additions may
+    // take their operands in either order.
+    const F aU = (top[2] - top[0]) * f + top[0];
+    const F aV = (top[3] - top[1]) * f + top[1];
+    const F bU = (bottom[2] - bottom[0]) * f + bottom[0];
+    const F bV = (bottom[3] - bottom[1]) * f + bottom[1];
+    const F du = (((bU - aU) * flow.fraction + aU) + 0.0f) * kx;
+    const F dv = (((bV - aV) * flow.fraction + aV) + 0.0f) * ky;
+    const F d2 = du * du + dv * dv;
+    const I still = d2 < stillBelow;
+    const I whole = Truncate(SquareRoot(d2) + 1.0f);
+    const I one = whole < 2;
+    n = one ? (I{} + 2) : whole;
+    stepX = one ? du : du / __builtin_convertvector(n - 1, F);
+    stepY = one ? dv : dv / __builtin_convertvector(n - 1, F);
+    n = still ? I{} : n;
+}
+
 // kStrips strips walk together, for the same reason as the wide walk's groups.
 template <int kStrips>
 PL_INLINE_HOT void WalkStrips(const SourceView<PLPixel<PLPixelFloat>, 4>& src, Strip (&strips)[kStrips]) {
@@ -137,20 +188,25 @@ void StripRows(const BlurCall& call) {
                 pixels[s] = left < 0 ? 0 : left < kStripPixels ? left : kStripPixels;
                 float xs[kStripPixels];
                 for (int j = 0; j < kStripPixels; ++j, x += 1.0f) xs[j] = x;
-                I n[kQuads];
-                F stepX[kQuads], stepY[kQuads];
-                for (int q = 0; q < kQuads; ++q) {
-                    const float(&quad)[kPixels] =
-                        *reinterpret_cast<const float(*)[kPixels]>(xs + kPixels * q);
-                    PlanGroup(flow, scales.invX * Spread<F>(quad), scales.kx, scales.ky, stillBelow, n[q],
-                              stepX[q], stepY[q]);
-                }
                 Strip& w = strips[s];
                 std::memcpy(&w.px, xs, sizeof w.px);
                 w.py = F{} + y;
-                w.m = StripOf(n);
-                w.stepX = StripOf(stepX);
-                w.stepY = StripOf(stepY);
+                if (flow.right == 2 * static_cast<int32_t>(sizeof(float))) {
+                    PlanStrip(flow, scales.invX * w.px, scales.kx, scales.ky, stillBelow, w.m, w.stepX,
+                              w.stepY);
+                } else {  // a flow one column wide: four pixels at a time
+                    I n[kQuads];
+                    F stepX[kQuads], stepY[kQuads];
+                    for (int q = 0; q < kQuads; ++q) {
+                        const float(&quad)[kPixels] =
+                            *reinterpret_cast<const float(*)[kPixels]>(xs + kPixels * q);
+                        PlanGroup(flow, scales.invX * Spread<F>(quad), scales.kx, scales.ky, stillBelow, n[q],
+                                  stepX[q], stepY[q]);
+                    }
+                    w.m = StripOf(n);
+                    w.stepX = StripOf(stepX);
+                    w.stepY = StripOf(stepY);
+                }
                 // Lanes past the row take no samples.
                 for (int lane = pixels[s]; lane < kStripPixels; ++lane) w.m[lane] = 0;
                 w.count = F{};

@@ -245,9 +245,10 @@ TEST(BlurKernel, EveryPathWalksFloatsAsTheOnePixelBody) {
         floatOf(0x7fc00123), floatOf(0xffc00456), floatOf(0x7f800001), inf, -inf, 3e38f, -0.0f};
     const float lengths[] = {0.0f, 0.3f, -1.7f, 3.4f, -6.1f, 25.0f, -90.0f, 1e30f, floatOf(0xffc00001)};
     const struct {
-        int32_t w, h, flipped, x0, x1;
-    } cases[] = {{37, 9, 0, 0, 36}, {37, 9, 0, 3, 20}, {37, 9, 1, 1, 33}, {37, 9, 0, 5, 5},
-                 {40, 1, 0, 2, 39}, {19, 2, 1, 0, 18}, {2, 5, 0, 0, 1}};
+        int32_t w, h, flipped, x0, x1, flowW, flowH;  // a flow of 0 columns: the source's size
+    } cases[] = {{37, 9, 0, 0, 36, 0, 0}, {37, 9, 0, 3, 20, 0, 0}, {37, 9, 1, 1, 33, 0, 0},
+                 {37, 9, 0, 5, 5, 0, 0},  {40, 1, 0, 2, 39, 0, 0}, {19, 2, 1, 0, 18, 0, 0},
+                 {2, 5, 0, 0, 1, 0, 0},   {37, 9, 0, 0, 36, 6, 4}, {37, 9, 0, 2, 30, 1, 4}};
     for (const auto& c : cases) {
         uint32_t seed = static_cast<uint32_t>(c.w * 131 + c.h * 7 + c.x0);
         ImagePtr src = MakeImage(c.w, c.h, 4, PLPixelFloat, c.flipped);
@@ -255,7 +256,8 @@ TEST(BlurKernel, EveryPathWalksFloatsAsTheOnePixelBody) {
         for (int32_t i = 0; i < c.w * c.h / 3; ++i)
             Set<float>(*src, static_cast<int32_t>(Noise(seed) * c.w), static_cast<int32_t>(Noise(seed) * c.h),
                        static_cast<int32_t>(Noise(seed) * 4), specials[static_cast<int>(Noise(seed) * 7)]);
-        ImagePtr flow = MakeImage(c.w, c.h, 2, PLPixelFloat);
+        ImagePtr flow =
+            c.flowW ? MakeImage(c.flowW, c.flowH, 2, PLPixelFloat) : MakeImage(c.w, c.h, 2, PLPixelFloat);
         // Half the vectors as listed: at the amount 0.8, 25 steps by whole
         // pixels from a whole pixel, onto the right edge.
         FillWith(*flow, [&](int32_t, int32_t, int32_t) {
