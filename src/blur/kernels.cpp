@@ -271,6 +271,8 @@ namespace avx512 {
 constexpr int kPixels = 4;
 constexpr int kGroups = 4;
 #include "blur/wide_walk.h"
+// Float sources walk in strips, with the helpers above.
+#include "blur/strip_walk.h"
 }  // namespace avx512
 #if defined(__clang__)
 #pragma clang attribute pop
@@ -298,7 +300,10 @@ void BlurMember(const BlurCall& call, bool countOutside, bool bilinear) {
         if (bilinear && !countOutside && WalksWide(*call.source)) {
             switch (PLActiveIsa()) {
                 case PLIsaAvx512:
-                    return avx512::BlurRows<P>(call);
+                    if constexpr (std::is_same_v<typename P::Element, float>)
+                        return avx512::StripRows<P>(call);
+                    else
+                        return avx512::BlurRows<P>(call);
                 case PLIsaAvx2:
                     return avx2::BlurRows<P>(call);
                 default:

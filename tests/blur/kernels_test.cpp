@@ -1,7 +1,9 @@
 // The blur along the vectors: sample rule by hand, edges, members, threads, hostile input.
 #include <cmath>
+#include <cstring>
 #include <limits>
 
+#include "base/isa.h"
 #include "blur/motion_blur.h"
 #include "common/library.h"
 
@@ -225,6 +227,58 @@ TEST(BlurKernel, ThreadsAgreeReportOncePerRowAndAbortKeepsTheRowsWritten) {
             for (int32_t i = 0; i < w * 4; ++i)
                 ASSERT_EQ(out->Row(y)[i], y < 4 ? expected->Row(y)[i] : 0xAB)
                     << threads << " threads, row " << y;
+    }
+}
+
+// Every path's walk against the one-pixel body's, bit for bit (NaN signs and
+// payloads included): regions that start and end inside a wide path's group,
+// one- and two-row sources, a flipped one, and walks that stop at different
+// steps, pixel by pixel.
+TEST(BlurKernel, EveryPathWalksFloatsAsTheOnePixelBody) {
+    const auto floatOf = [](uint32_t bits) {
+        float v;
+        std::memcpy(&v, &bits, sizeof v);
+        return v;
+    };
+    const float inf = std::numeric_limits<float>::infinity();
+    const float specials[] = {
+        floatOf(0x7fc00123), floatOf(0xffc00456), floatOf(0x7f800001), inf, -inf, 3e38f, -0.0f};
+    const float lengths[] = {0.0f, 0.3f, -1.7f, 3.4f, -6.1f, 25.0f, -90.0f, 1e30f, floatOf(0xffc00001)};
+    const struct {
+        int32_t w, h, flipped, x0, x1, flowW, flowH;  // a flow of 0 columns: the source's size
+    } cases[] = {{37, 9, 0, 0, 36, 0, 0}, {37, 9, 0, 3, 20, 0, 0}, {37, 9, 1, 1, 33, 0, 0},
+                 {37, 9, 0, 5, 5, 0, 0},  {40, 1, 0, 2, 39, 0, 0}, {19, 2, 1, 0, 18, 0, 0},
+                 {2, 5, 0, 0, 1, 0, 0},   {37, 9, 0, 0, 36, 6, 4}, {37, 9, 0, 2, 30, 1, 4}};
+    for (const auto& c : cases) {
+        uint32_t seed = static_cast<uint32_t>(c.w * 131 + c.h * 7 + c.x0);
+        ImagePtr src = MakeImage(c.w, c.h, 4, PLPixelFloat, c.flipped);
+        FillNoise(*src, seed);
+        for (int32_t i = 0; i < c.w * c.h / 3; ++i)
+            Set<float>(*src, static_cast<int32_t>(Noise(seed) * c.w), static_cast<int32_t>(Noise(seed) * c.h),
+                       static_cast<int32_t>(Noise(seed) * 4), specials[static_cast<int>(Noise(seed) * 7)]);
+        ImagePtr flow =
+            c.flowW ? MakeImage(c.flowW, c.flowH, 2, PLPixelFloat) : MakeImage(c.w, c.h, 2, PLPixelFloat);
+        // Half the vectors as listed: at the amount 0.8, 25 steps by whole
+        // pixels from a whole pixel, onto the right edge.
+        FillWith(*flow, [&](int32_t, int32_t, int32_t) {
+            const int pick = static_cast<int>(Noise(seed) * 9);
+            const float scale = 0.5f + Noise(seed);
+            return lengths[pick] * (pick % 2 ? scale : 1.0f);
+        });
+        std::vector<uint8_t> want;
+        for (int32_t isa = PLIsaBaseline; isa <= PLMachineIsa(); ++isa) {
+            PLUseIsa(static_cast<PLIsa>(isa));
+            ImagePtr out = MakeImage(c.w, c.h, 4, PLPixelFloat, c.flipped);
+            FillBytes(*out, 0xAB);
+            PLMotionBlurRegion(out.get(), src.get(), flow.get(), 0.8f, PLBlurBilinear, nullptr, false, c.x0,
+                               c.x1, 0, c.h - 1);
+            if (isa == PLIsaBaseline)
+                want = RowBytes(*out);
+            else
+                EXPECT_EQ(RowBytes(*out), want) << PLIsaName(static_cast<PLIsa>(isa)) << ", " << c.w << "x"
+                                                << c.h << ", columns " << c.x0 << " to " << c.x1;
+        }
+        PLUseIsa(PLMachineIsa());
     }
 }
 
