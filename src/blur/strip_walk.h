@@ -158,8 +158,9 @@ PL_INLINE_HOT void WalkStrips(const SourceView<PLPixel<PLPixelFloat>, 4>& src, S
     }
 }
 
-// The wide walk's rows for float sources, a strip at a time: the same plan
-// (PlanGroup, four pixels at a time) and the same average and stores.
+// The wide walk's rows for float sources, a strip at a time: the same plan,
+// one lane per pixel (PlanStrip, or PlanGroup four pixels at a time for a
+// flow one column wide), and the same average and stores.
 template <typename P, int kStrips = 1>
 void StripRows(const BlurCall& call) {
     static_assert(std::is_same_v<typename P::Element, float>, "strips walk float sources");
