@@ -1,7 +1,5 @@
-// Decoding of the vector clip into the flow image. Red and green hold the two
-// components as a signed fraction of the maximum displacement, alpha says
-// whether the pixel carries a vector. Integer codes are decoded in double so
-// that 127 and 32767 give exactly zero motion; float samples stay in float.
+// Decoding of the vector clip into the flow image, a pixel at a time by
+// PLDecodeVector.
 #include "vectors/decode.h"
 
 #include <memory>
@@ -27,46 +25,16 @@ int32_t DecodablePixels(const PLImage* flow, const PLImage* vectors) {
     return static_cast<int32_t>(n);
 }
 
-// The divisor is one below white (254, 65534), so that the middle codes 127
-// and 32767 stand for exactly zero motion.
 template <typename P>
-PL_INLINE_HOT void DecodeIntegerRows(const PLImage* flow, const PLImage* vectors, double m, int32_t n,
-                                     int32_t firstRow, int32_t lastRow) {
-    using T = typename P::Element;
-    const double span = static_cast<double>(P::kWhite) - 1.0;
-    for (int32_t y = firstRow; y <= lastRow; ++y) {
-        uint8_t* out = flow->Row(y);
-        const uint8_t* in = vectors->Row(y);
-        for (int32_t x = 0; x < n; ++x, out += 2 * sizeof(float), in += 4 * sizeof(T)) {
-            float dx = 0.0f;
-            float dy = 0.0f;
-            if (P::Load(in + 3 * sizeof(T)) != 0) {
-                const int32_t r = P::Load(in);
-                const int32_t g = P::Load(in + sizeof(T));
-                dx = static_cast<float>((static_cast<double>(r + r) / span - 1.0) * m);
-                dy = static_cast<float>((static_cast<double>(g + g) / span - 1.0) * m);
-            }
-            PLStoreElement<float>(out, dx);
-            PLStoreElement<float>(out + sizeof(float), dy);
-        }
-    }
-}
-
-PL_INLINE_HOT void DecodeFloatRows(const PLImage* flow, const PLImage* vectors, float m, int32_t n,
+PL_INLINE_HOT void DecodePixelRows(const PLImage* flow, const PLImage* vectors, float maxDisplace, int32_t n,
                                    int32_t firstRow, int32_t lastRow) {
+    constexpr size_t kVectorPixel = 4 * sizeof(typename P::Element);
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         uint8_t* out = flow->Row(y);
         const uint8_t* in = vectors->Row(y);
-        for (int32_t x = 0; x < n; ++x, out += 2 * sizeof(float), in += 4 * sizeof(float)) {
-            float dx = 0.0f;
-            float dy = 0.0f;
-            // NaN alpha compares unequal and is decoded; -0.0 equals zero.
-            if (PLLoadElement<float>(in + 3 * sizeof(float)) != 0.0f) {
-                const float r = PLLoadElement<float>(in);
-                const float g = PLLoadElement<float>(in + sizeof(float));
-                dx = ((r + r) - 1.0f) * m;
-                dy = ((g + g) - 1.0f) * m;
-            }
+        for (int32_t x = 0; x < n; ++x, out += 2 * sizeof(float), in += kVectorPixel) {
+            float dx, dy;
+            PLDecodeVector<P>(in, maxDisplace, dx, dy);
             PLStoreElement<float>(out, dx);
             PLStoreElement<float>(out + sizeof(float), dy);
         }
@@ -79,11 +47,7 @@ PL_INLINE_HOT void DecodeRows(int32_t, bool, int32_t firstRow, int32_t lastRow, 
     const float maxDisplace = *args->next<const float*>();
     const int32_t n = DecodablePixels(flow, vectors);
     PLVisitPixelType(vectors->pixelType, [&](auto pixel) {
-        using P = decltype(pixel);
-        if constexpr (P::kIsFloat)
-            DecodeFloatRows(flow, vectors, maxDisplace, n, firstRow, lastRow);
-        else
-            DecodeIntegerRows<P>(flow, vectors, maxDisplace, n, firstRow, lastRow);
+        DecodePixelRows<decltype(pixel)>(flow, vectors, maxDisplace, n, firstRow, lastRow);
     });
 }
 

@@ -11,7 +11,7 @@
 #include "image/resample.h"
 #include "mp/isa_rows.h"
 #include "mp/kqmp.h"
-#include "vectors/fill.h"
+#include "vectors/decode.h"
 
 namespace {
 
@@ -230,21 +230,73 @@ size_t PLFlowFillBytes(int32_t width, int32_t height) {
     return LayOut(width, height).bytes;
 }
 
+namespace {
+
+// Level 0 straight from the vector clip: the flow PLDecodeMotionVectors would
+// give and the mask the engine makes (alpha complemented), loaded as
+// LoadFlowRows loads them, without either image.
+template <typename VectorPixel>
+PL_INLINE_HOT void LoadVectorRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
+    using T = typename VectorPixel::Element;
+    const PLImage* values = args->next<PLImage*>();
+    const PLImage* weights = args->next<PLImage*>();
+    const PLImage* vectors = args->next<const PLImage*>();
+    const float maxDisplace = *args->next<const float*>();
+    for (int32_t y = firstRow; y <= lastRow; ++y) {
+        float* v = reinterpret_cast<float*>(values->Row(y));
+        float* w = reinterpret_cast<float*>(weights->Row(y));
+        const uint8_t* in = vectors->Row(y);
+        for (int32_t x = 0; x < values->width; ++x, in += 4 * sizeof(T)) {
+            float dx, dy;
+            PLDecodeVector<VectorPixel>(in, maxDisplace, dx, dy);
+            const T hole = VectorPixel::Complement(VectorPixel::Load(in + 3 * sizeof(T)));
+            const bool known = hole == 0;
+            w[x] = known ? 1.0f : 0.0f;
+            v[2 * x] = known ? dx : 0.0f;
+            v[2 * x + 1] = known ? dy : 0.0f;
+        }
+    }
+}
+
+// The fill from a loaded level 0 on.
+void FillLoaded(PLImage* flow, const FlowLevels& levels, QVIdleAndProgressClass* progress, uint8_t* scratch);
+
+}  // namespace
+
 void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* progress, uint8_t* scratch) {
     if (!flow || !mask || !scratch || PLDimensionsDiffer(flow, mask)) return;
     if (flow->numChannels != 2 || flow->pixelType != PLPixelFloat || !PLIsPathType(mask->pixelType)) return;
     const FlowLevels levels = LayOut(flow->width, flow->height);
+    PLImage v = LevelImage(scratch, levels.values[0], levels, 0, 2);
+    PLImage w = LevelImage(scratch, levels.weights[0], levels, 0, 1);
+    PLVisitPixelType(mask->pixelType, [&](auto maskPixel) {
+        kqmp_runrows(flow->height, kqmp_forisa<LoadFlowRows<decltype(maskPixel)>>(), &v, &w, flow, mask);
+    });
+    FillLoaded(flow, levels, progress, scratch);
+}
+
+void PLDecodeAndFillFlow(float maxDisplace, PLImage* flow, const PLImage* vectors,
+                         QVIdleAndProgressClass* progress, uint8_t* scratch) {
+    if (!flow || !vectors || !scratch || PLDimensionsDiffer(flow, vectors)) return;
+    if (flow->numChannels != 2 || flow->pixelType != PLPixelFloat || vectors->numChannels != 4 ||
+        !PLIsPathType(vectors->pixelType))
+        return;
+    const FlowLevels levels = LayOut(flow->width, flow->height);
+    PLImage v = LevelImage(scratch, levels.values[0], levels, 0, 2);
+    PLImage w = LevelImage(scratch, levels.weights[0], levels, 0, 1);
+    PLVisitPixelType(vectors->pixelType, [&](auto vectorPixel) {
+        kqmp_runrows(flow->height, kqmp_forisa<LoadVectorRows<decltype(vectorPixel)>>(), &v, &w, vectors,
+                     &maxDisplace);
+    });
+    FillLoaded(flow, levels, progress, scratch);
+}
+
+namespace {
+
+void FillLoaded(PLImage* flow, const FlowLevels& levels, QVIdleAndProgressClass* progress, uint8_t* scratch) {
     const int32_t top = levels.count - 1;
     auto values = [&](int32_t l) { return LevelImage(scratch, levels.values[l], levels, l, 2); };
     auto weights = [&](int32_t l) { return LevelImage(scratch, levels.weights[l], levels, l, 1); };
-
-    {
-        PLImage v = values(0);
-        PLImage w = weights(0);
-        PLVisitPixelType(mask->pixelType, [&](auto maskPixel) {
-            kqmp_runrows(flow->height, kqmp_forisa<LoadFlowRows<decltype(maskPixel)>>(), &v, &w, flow, mask);
-        });
-    }
     for (int32_t l = 1; l <= top; ++l) {
         const PLImage fromValues = values(l - 1);
         const PLImage fromWeights = weights(l - 1);
@@ -284,6 +336,8 @@ void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* prog
         local.ProgressIdle(done / total);
     }
 }
+
+}  // namespace
 
 PLSingleChannelFill::PLSingleChannelFill(int32_t throwOnError, int32_t w, int32_t h) : width(w), height(h) {
     build(throwOnError);

@@ -68,3 +68,12 @@ size_t PLFlowFillBytes(int32_t width, int32_t height);
 // A mask of another size or type, or a flow that isn't two float channels, is
 // left alone.
 void PLFillFlow(PLImage* flow, const PLImage* mask, QVIdleAndProgressClass* progress, uint8_t* scratch);
+
+// PLFillFlow of the flow PLDecodeMotionVectors makes from `vectors`, with a
+// hole wherever alpha is not white (the mask the engine makes by taking alpha
+// and complementing it), to the bit, in one pass less and without either
+// image: the flow's own memory is only the fill's. A flow that isn't two
+// float channels, or vectors of another size or not four channels, leave
+// the flow alone.
+void PLDecodeAndFillFlow(float maxDisplace, PLImage* flow, const PLImage* vectors,
+                         QVIdleAndProgressClass* progress, uint8_t* scratch);

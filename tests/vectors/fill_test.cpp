@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "common/library.h"
+#include "image/image_ops.h"
+#include "vectors/decode.h"
 
 namespace {
 
@@ -149,6 +151,51 @@ TEST(SingleChannelFill, FailureWhileBuildingThrowsOutOfMemory) {
         setMemoryHooks(nullptr, nullptr, nullptr);
         EXPECT_EQ(thrown, allowed < 28 ? PLErrOutOfMemory : 0) << allowed;
     }
+}
+
+// The engine's one call against its steps written out: decode, alpha into a
+// mask, complement it, fill. Alphas at white, zero, in between, and for
+// float NaN, -0 and above one; vector samples anywhere in their range.
+TEST(DecodeAndFillFlow, MatchesDecodeMaskAndFillToTheBit) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float floatAlphas[] = {1.0f, 1.0f, 0.0f, -0.0f, nan, 0.999f, 2.0f};
+    const int32_t sizes[][2] = {{37, 23}, {1, 9}, {9, 1}, {2, 2}};
+    uint32_t seed = 77;
+    for (const auto& size : sizes)
+        for (int32_t type : {PLPixelUChar, PLPixelUShort, PLPixelFloat})
+            for (int32_t flipped : {0, 1}) {
+                const int32_t w = size[0], h = size[1];
+                ImagePtr vectors = MakeImage(w, h, 4, type, flipped);
+                FillNoise(*vectors, ++seed);
+                const float white = type == PLPixelUChar ? 255.0f : type == PLPixelUShort ? 65535.0f : 1.0f;
+                for (int32_t y = 0; y < h; ++y)
+                    for (int32_t x = 0; x < w; ++x) {
+                        const int32_t pick = static_cast<int32_t>(Noise(seed) * 7);
+                        const float alpha = type == PLPixelFloat ? floatAlphas[pick]
+                                            : pick < 3           ? white
+                                            : pick < 5           ? 0.0f
+                                                                 : white - 1.0f;
+                        PLFloatToElement(type,
+                                         vectors->Row(y) + PLOffset(x, vectors->pixelStride) +
+                                             3 * vectors->bytesPerElement,
+                                         alpha);
+                    }
+                QVMemBlock<uint8_t> levels(PLFlowFillBytes(w, h));
+                ImagePtr expected = MakeImage(w, h, 2, PLPixelFloat), mask = MakeImage(w, h, 1, type);
+                PLDecodeMotionVectors(12.0f, expected.get(), vectors.get());
+                PLCopyChannelIntoChannel(mask.get(), 0, vectors.get(), 3);
+                PLInvertImage(mask.get());
+                PLFillFlow(expected.get(), mask.get(), nullptr, levels.get());
+                for (int32_t threads : {1, 2}) {
+                    ThreadLimit limit(threads);
+                    ImagePtr flow = MakeImage(w, h, 2, PLPixelFloat);
+                    FillBytes(*flow, 0xAB);
+                    PLDecodeAndFillFlow(12.0f, flow.get(), vectors.get(), nullptr, levels.get());
+                    ASSERT_EQ(RowBytes(*flow), RowBytes(*expected))
+                        << w << "x" << h << " type " << type << " flipped " << flipped << " threads "
+                        << threads;
+                }
+            }
 }
 
 }  // namespace
