@@ -14,6 +14,13 @@
 // in double over one below white (254, 65534), so that the middle codes 127
 // and 32767 stand for exactly zero motion; float samples stay in float.
 template <typename P>
+PL_INLINE_HOT float PLDecodeCode(int32_t code, float maxDisplace) {
+    const double span = static_cast<double>(P::kWhite) - 1.0;
+    return static_cast<float>((static_cast<double>(code + code) / span - 1.0) *
+                              static_cast<double>(maxDisplace));
+}
+
+template <typename P>
 PL_INLINE_HOT void PLDecodeVector(const uint8_t* in, float maxDisplace, float& dx, float& dy) {
     using T = typename P::Element;
     dx = 0.0f;
@@ -27,12 +34,8 @@ PL_INLINE_HOT void PLDecodeVector(const uint8_t* in, float maxDisplace, float& d
         }
     } else {
         if (P::Load(in + 3 * sizeof(T)) != 0) {
-            const double span = static_cast<double>(P::kWhite) - 1.0;
-            const double m = maxDisplace;
-            const int32_t r = P::Load(in);
-            const int32_t g = P::Load(in + sizeof(T));
-            dx = static_cast<float>((static_cast<double>(r + r) / span - 1.0) * m);
-            dy = static_cast<float>((static_cast<double>(g + g) / span - 1.0) * m);
+            dx = PLDecodeCode<P>(P::Load(in), maxDisplace);
+            dy = PLDecodeCode<P>(P::Load(in + sizeof(T)), maxDisplace);
         }
     }
 }

@@ -234,7 +234,9 @@ namespace {
 
 // Level 0 straight from the vector clip: the flow PLDecodeMotionVectors would
 // give and the mask the engine makes (alpha complemented), loaded as
-// LoadFlowRows loads them, without either image.
+// LoadFlowRows loads them, without either image. A known pixel's alpha is
+// white, never zero, so it is always decoded; integer codes are looked up in
+// `codes`, made by PLDecodeCode.
 template <typename VectorPixel>
 PL_INLINE_HOT void LoadVectorRows(int32_t, bool, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
     using T = typename VectorPixel::Element;
@@ -242,13 +244,19 @@ PL_INLINE_HOT void LoadVectorRows(int32_t, bool, int32_t firstRow, int32_t lastR
     const PLImage* weights = args->next<PLImage*>();
     const PLImage* vectors = args->next<const PLImage*>();
     const float maxDisplace = *args->next<const float*>();
+    const float* codes = args->next<const float*>();
     for (int32_t y = firstRow; y <= lastRow; ++y) {
         float* v = reinterpret_cast<float*>(values->Row(y));
         float* w = reinterpret_cast<float*>(weights->Row(y));
         const uint8_t* in = vectors->Row(y);
         for (int32_t x = 0; x < values->width; ++x, in += 4 * sizeof(T)) {
             float dx, dy;
-            PLDecodeVector<VectorPixel>(in, maxDisplace, dx, dy);
+            if constexpr (VectorPixel::kIsFloat) {
+                PLDecodeVector<VectorPixel>(in, maxDisplace, dx, dy);
+            } else {
+                dx = codes[VectorPixel::Load(in)];
+                dy = codes[VectorPixel::Load(in + sizeof(T))];
+            }
             const T hole = VectorPixel::Complement(VectorPixel::Load(in + 3 * sizeof(T)));
             const bool known = hole == 0;
             w[x] = known ? 1.0f : 0.0f;
@@ -285,8 +293,14 @@ void PLDecodeAndFillFlow(float maxDisplace, PLImage* flow, const PLImage* vector
     PLImage v = LevelImage(scratch, levels.values[0], levels, 0, 2);
     PLImage w = LevelImage(scratch, levels.weights[0], levels, 0, 1);
     PLVisitPixelType(vectors->pixelType, [&](auto vectorPixel) {
-        kqmp_runrows(flow->height, kqmp_forisa<LoadVectorRows<decltype(vectorPixel)>>(), &v, &w, vectors,
-                     &maxDisplace);
+        using P = decltype(vectorPixel);
+        // Every code's motion, once: a division in double per sample otherwise.
+        QVMemBlock<float> codes(P::kIsFloat ? 1 : static_cast<size_t>(P::kWhite) + 1);
+        if constexpr (!P::kIsFloat)
+            for (int32_t c = 0; c <= static_cast<int32_t>(P::kWhite); ++c)
+                codes.get()[c] = PLDecodeCode<P>(c, maxDisplace);
+        kqmp_runrows(flow->height, kqmp_forisa<LoadVectorRows<P>>(), &v, &w, vectors, &maxDisplace,
+                     static_cast<const float*>(codes.get()));
     });
     FillLoaded(flow, levels, progress, scratch);
 }
