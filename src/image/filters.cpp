@@ -766,11 +766,3 @@ void PLBinomial5Reduce(PLImage* to, const PLImage* from) {
                         scratch.get()};
     kqmp_runrows(to->height, ForPath<ReducePass>(), &job);
 }
-
-void PLBinomial5BlurInto(PLImage* image, const PLImage* source) {
-    if (!image || !source) return;
-    if (PLDimensionsDiffer(image, source) || image->numChannels != source->numChannels ||
-        image->pixelType != source->pixelType)
-        throw PLErrFailed;
-    SeparableFilter(2.0f, image, source, 5, kBinomial5, 0);
-}

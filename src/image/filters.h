@@ -23,9 +23,6 @@ void PLGaussianBlur(float radius, PLImage* image, int32_t axes);
 // throws PLErrFailed.
 void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PLImage* weights);
 void PLBinomial5Blur(PLImage* image, int32_t axes);
-// Both axes of `source` into `image`, which must match it in size and format:
-// the same values as a copy blurred in place, without the copy.
-void PLBinomial5BlurInto(PLImage* image, const PLImage* source);
 // The hole fill's reduce: PLResample(to, x) for x `from` blurred as
 // PLBinomial5Blur(x, 0) would, without x. Float images of one to three
 // channels without gaps between pixels; anything else throws PLErrFailed.

@@ -44,6 +44,6 @@ PL_INLINE_HOT void PLDecodeVector(const uint8_t* in, float maxDisplace, float& d
 void PLDecodeMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vectors);
 
 // The decoding followed by the mask and the hole fill, with no progress and no
-// scale: the engine's first steps in one call. Kept for completeness; the
-// engine writes the steps out itself.
+// scale, a channel at a time. Kept for completeness; the engine calls
+// PLDecodeAndFillFlow (vectors/fill.h).
 void PLDecodeAndFillMotionVectors(float maxDisplace, PLImage* flow, const PLImage* vectors);

@@ -54,7 +54,7 @@ class PLSingleChannelFill : public QVMem {
 void PLSmoothLevel(PLImage* image, int32_t variant, int32_t strength);
 
 // Fills the holes of every channel of image, one channel at a time; a vector
-// is known where mask is zero. Kept for completeness: the engine fills with PLFillFlow.
+// is known where mask is zero. Kept for completeness: the engine fills with PLDecodeAndFillFlow.
 void PLFillFlowHoles(PLImage* image, const PLImage* mask, QVIdleAndProgressClass* progress);
 
 // Bytes of the scratch PLFillFlow carves its levels from for a width x height
