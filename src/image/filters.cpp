@@ -264,10 +264,13 @@ kqmp_worker* LinePass(const PLImage* image) {
 // filtered in `values`; the column pass then runs along rows, reading the
 // filtered rows around each output row, and writes only the holes. Every
 // image is read and written in row order.
-struct HoleImages {
+struct HoleJob {
     PLImage* image;
     PLImage* values;
     const PLImage* weights;
+    const float* kernel;
+    int32_t taps;
+    int32_t r;
 };
 
 // The quotient is taken by 1 where the weight is zero and thrown away, so
@@ -300,10 +303,10 @@ PL_INLINE_HOT void KnownOrPairs(const float* w, const float* value, const float*
 
 template <int32_t W>
 PL_INLINE_HOT void HoleRows(int32_t, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
-    const HoleImages& at = *args->next<const HoleImages*>();
-    const float* kernel = args->next<const float*>();
-    const int32_t taps = args->next<int32_t>();
-    const int32_t r = args->next<int32_t>();
+    const HoleJob& at = *args->next<const HoleJob*>();
+    const float* kernel = at.kernel;
+    const int32_t taps = at.taps;
+    const int32_t r = at.r;
 
     const int32_t n = at.image->width;
     const int32_t lanes = at.image->numChannels;
@@ -400,10 +403,10 @@ PL_INLINE_HOT bool AnyHole(const PixelWeights& pixels) {
 // are too scattered for the hardware to see a stream.
 template <int32_t W>
 PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_args* args) {
-    const HoleImages& at = *args->next<const HoleImages*>();
-    const float* kernel = args->next<const float*>();
-    const int32_t taps = args->next<int32_t>();
-    const int32_t r = args->next<int32_t>();
+    const HoleJob& at = *args->next<const HoleJob*>();
+    const float* kernel = at.kernel;
+    const int32_t taps = at.taps;
+    const int32_t r = at.r;
 
     const int32_t width = at.image->width;
     const int32_t channels = at.image->numChannels;
@@ -680,11 +683,11 @@ void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PL
         throw PLErrFailed;
     const int32_t r = MakerRadius(radius);
     if (r < 0) throw PLErrFailed;
-    const HoleImages at{image, values, weights};
     WithNormalisedKernel(r, GaussianWeight(radius), [&](const float* kernel, int32_t taps) {
+        const HoleJob at{image, values, weights, kernel, taps, r};
         // 2r + 1 taps read no further than the line: each row is filtered where it lies.
-        kqmp_runrows(image->height, ForPath<HoleRowPass>(), &at, kernel, taps, r);
-        kqmp_runrows(image->height, ForPath<HoleColumnPass>(), &at, kernel, taps, r);
+        kqmp_runrows(image->height, ForPath<HoleRowPass>(), &at);
+        kqmp_runrows(image->height, ForPath<HoleColumnPass>(), &at);
     });
 }
 
