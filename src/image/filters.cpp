@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
+#include <new>
+#include <optional>
 
 #include "base/isa.h"
 #include "base/qvmem.h"
@@ -729,7 +731,38 @@ void PLBinomial5Blur(PLImage* image, int32_t axes) {
     PLSeparableFilter(2.0f, image, 5, kBinomial5, axes);
 }
 
-void PLBinomial5Reduce(PLImage* to, const PLImage* from) {
+namespace {
+
+// The reduce's work space: the resampler's column taps, then for each thread
+// its ring, its blurred row and two interpolated rows.
+struct ReduceLayout {
+    size_t threadFloats;
+    size_t columnBytes;
+    size_t bytes;
+};
+
+constexpr int32_t kReduceRadius = 2;
+
+ReduceLayout ReduceLayoutOf(const PLImage* to, const PLImage* from) {
+    ReduceLayout layout;
+    const size_t channels = static_cast<size_t>(from->numChannels);
+    const size_t elements = static_cast<size_t>(from->width) * channels;
+    layout.threadFloats =
+        (2 * kReduceRadius + 1) * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
+    layout.columnBytes = (static_cast<size_t>(to->width) * sizeof(PLCellTap) + 63) / 64 * 64;
+    layout.bytes = layout.columnBytes +
+                   static_cast<size_t>(kqmp_threadsfor(to->height)) * layout.threadFloats * sizeof(float);
+    return layout;
+}
+
+}  // namespace
+
+size_t PLBinomial5ReduceBytes(const PLImage* to, const PLImage* from) {
+    if (!to || !from) return 0;
+    return ReduceLayoutOf(to, from).bytes;
+}
+
+void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work, size_t workBytes) {
     if (!to || !from) return;
     auto denseFloats = [](const PLImage* of) {
         return of->pixelType == PLPixelFloat &&
@@ -738,34 +771,33 @@ void PLBinomial5Reduce(PLImage* to, const PLImage* from) {
     if (!denseFloats(to) || !denseFloats(from) || to->numChannels != from->numChannels ||
         from->numChannels > 3 || to->width < 1 || to->height < 1 || from->width < 1 || from->height < 1)
         throw PLErrFailed;
-    const int32_t r = 2;
+    const int32_t r = kReduceRadius;
     if (from->width + int64_t{kLineSlack} + 2 * r > INT32_MAX) throw PLErrOutOfMemory;
+    const ReduceLayout layout = ReduceLayoutOf(to, from);
+    std::optional<QVMemBlock<uint8_t>> own;
+    if (!work || workBytes < layout.bytes) {
+        own.emplace(layout.bytes);
+        work = own->get();
+    }
     // Corner pixels meet corner pixels, as in PLResample.
     const float stepX =
         to->width == 1 ? 0.0f : static_cast<float>(from->width - 1) / static_cast<float>(to->width - 1);
     const float stepY =
         to->height == 1 ? 0.0f : static_cast<float>(from->height - 1) / static_cast<float>(to->height - 1);
-    QVMemBlock<PLCellTap> columns(static_cast<size_t>(to->width));
+    PLCellTap* columns = reinterpret_cast<PLCellTap*>(work);
     for (int32_t x = 0; x < to->width; ++x)
-        columns.get()[x] =
-            PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(x) * stepX, from->lastColumn);
-    // A thread's ring, its blurred row and two interpolated rows.
-    const size_t channels = static_cast<size_t>(from->numChannels);
-    const size_t elements = static_cast<size_t>(from->width) * channels;
-    const size_t threadFloats =
-        (2 * r + 1) * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
-    const int32_t threads = kqmp_threadsfor(to->height);
-    QVMemBlock<float> scratch(static_cast<size_t>(threads) * threadFloats);
+        new (columns + x) PLCellTap(
+            PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(x) * stepX, from->lastColumn));
     const ReduceJob job{to,
                         from,
-                        columns.get(),
+                        columns,
                         stepY,
                         to->whitePoint != from->whitePoint,
                         to->whitePoint / from->whitePoint,
                         kBinomial5,
                         5,
                         r,
-                        threadFloats,
-                        scratch.get()};
+                        layout.threadFloats,
+                        reinterpret_cast<float*>(work + layout.columnBytes)};
     kqmp_runrows(to->height, ForPath<ReducePass>(), &job);
 }

@@ -4,6 +4,7 @@
 // take 1 to 4 channels of uchar, ushort or float.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "image/plimage.h"
@@ -26,7 +27,10 @@ void PLBinomial5Blur(PLImage* image, int32_t axes);
 // The hole fill's reduce: PLResample(to, x) for x `from` blurred as
 // PLBinomial5Blur(x, 0) would, without x. Float images of one to three
 // channels without gaps between pixels; anything else throws PLErrFailed.
-void PLBinomial5Reduce(PLImage* to, const PLImage* from);
+// Its work space is `work` if that holds PLBinomial5ReduceBytes(to, from),
+// else a block of its own.
+void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work = nullptr, size_t workBytes = 0);
+size_t PLBinomial5ReduceBytes(const PLImage* to, const PLImage* from);
 
 // Kept for completeness: nothing on the plug-in's path makes these kernels.
 void PLBoxBlur(float radius, PLImage* image, int32_t axes);

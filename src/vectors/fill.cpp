@@ -311,13 +311,19 @@ void FillLoaded(PLImage* flow, const FlowLevels& levels, QVIdleAndProgressClass*
     const int32_t top = levels.count - 1;
     auto values = [&](int32_t l) { return LevelImage(scratch, levels.values[l], levels, l, 2); };
     auto weights = [&](int32_t l) { return LevelImage(scratch, levels.weights[l], levels, l, 1); };
-    for (int32_t l = 1; l <= top; ++l) {
-        const PLImage fromValues = values(l - 1);
-        const PLImage fromWeights = weights(l - 1);
-        PLImage toValues = values(l);
-        PLImage toWeights = weights(l);
-        PLBinomial5Reduce(&toValues, &fromValues);
-        PLBinomial5Reduce(&toWeights, &fromWeights);
+    {
+        // One work block for every reduce: level 0's values ask the most.
+        const PLImage finest = values(0), next = values(1);
+        const size_t workBytes = PLBinomial5ReduceBytes(&next, &finest);
+        QVMemBlock<uint8_t> work(workBytes);
+        for (int32_t l = 1; l <= top; ++l) {
+            const PLImage fromValues = values(l - 1);
+            const PLImage fromWeights = weights(l - 1);
+            PLImage toValues = values(l);
+            PLImage toWeights = weights(l);
+            PLBinomial5Reduce(&toValues, &fromValues, work.get(), workBytes);
+            PLBinomial5Reduce(&toWeights, &fromWeights, work.get(), workBytes);
+        }
     }
 
     QVIdleAndProgressClass local(progress);
