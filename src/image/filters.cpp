@@ -14,6 +14,7 @@
 #include "base/qvmem.h"
 #include "image/bilinear.h"
 #include "image/pixel_format.h"
+#include "image/resample.h"
 #include "mp/kqmp.h"
 
 namespace {
@@ -140,13 +141,11 @@ PL_INLINE_HOT void FilterLine(const float* in, float* out, int32_t n, int32_t la
 // interleaved, so that it reads along rows. Every element is the same sum in
 // the same order as when each channel is filtered alone. Packed images (one
 // channel) have adjacent elements along a row, which lets the moves between
-// image and buffer vectorise. Lines are read from `source` (of the image's
-// size and format, or the image itself) and written to the image.
+// image and buffer vectorise.
 template <typename P, bool Columns, bool Packed, int32_t W>
 PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t lastLine, kqmp_args* args) {
     using T = typename P::Element;
     const PLImage* image = args->next<PLImage*>();
-    const PLImage* source = args->next<const PLImage*>();
     const float* kernel = args->next<const float*>();
     const int32_t taps = args->next<int32_t>();
     const int32_t r = args->next<int32_t>();
@@ -161,11 +160,11 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
     // Lanes of a block: a row's channels, or neighbouring columns.
     const ptrdiff_t laneStep = Columns ? pixel : static_cast<ptrdiff_t>(sizeof(T));
     // Sample i of a line, from the line's first sample; a column's rows honour `flipped`.
-    auto along = [=](const PLImage* of, int32_t i) -> ptrdiff_t {
-        return Columns ? PLOffset(i, of->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
+    auto along = [=](int32_t i) -> ptrdiff_t {
+        return Columns ? PLOffset(i, image->rowStep) : static_cast<ptrdiff_t>(i) * pixel;
     };
-    auto lineStart = [=](const PLImage* of, int32_t line) -> uint8_t* {
-        return Columns ? of->Row(0) + PLOffset(line, of->pixelStride) : of->Row(line);
+    auto lineStart = [=](int32_t line) -> uint8_t* {
+        return Columns ? image->Row(0) + PLOffset(line, image->pixelStride) : image->Row(line);
     };
     for (int32_t line = firstLine; line <= lastLine;) {
         const int32_t remaining = lastLine - line + 1;
@@ -176,19 +175,19 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
         // elements whose length the compiler knows, so the moves vectorise.
         const bool denseRow = !Columns && pixel == lanes * static_cast<ptrdiff_t>(sizeof(T));
         const bool fullBlock = Columns && Packed && lanes == kColumnLanes;
-        const uint8_t* read = lineStart(source, line);
+        const uint8_t* read = lineStart(line);
         if (denseRow) {
             for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(n) * lanes; ++m)
                 in[m] = P::LoadFloat(read + m * static_cast<ptrdiff_t>(sizeof(T)));
         } else if (fullBlock) {
             for (int32_t i = 0; i < n; ++i) {
-                const uint8_t* from = read + along(source, i);
+                const uint8_t* from = read + along(i);
                 float* to = in + static_cast<ptrdiff_t>(i) * kColumnLanes;
                 for (int32_t k = 0; k < kColumnLanes; ++k) to[k] = P::LoadFloat(from + k * sizeof(T));
             }
         } else {
             for (int32_t i = 0; i < n; ++i) {
-                const uint8_t* from = read + along(source, i);
+                const uint8_t* from = read + along(i);
                 float* to = in + static_cast<ptrdiff_t>(i) * lanes;
                 for (int32_t k = 0; k < lanes; ++k) to[k] = P::LoadFloat(from + k * laneStep);
             }
@@ -196,19 +195,19 @@ PL_INLINE_HOT void FilterLines(int32_t threadIndex, int32_t firstLine, int32_t l
         for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(pastLine) * lanes; ++m)
             in[static_cast<ptrdiff_t>(n) * lanes + m] = 0.0f;
         FilterLine<W>(in, out, n, lanes, kernel, taps, r);
-        uint8_t* start = lineStart(image, line);
+        uint8_t* start = lineStart(line);
         if (denseRow) {
             for (ptrdiff_t m = 0; m < static_cast<ptrdiff_t>(n) * lanes; ++m)
                 P::Store(start + m * static_cast<ptrdiff_t>(sizeof(T)), P::Round(out[m]));
         } else if (fullBlock) {
             for (int32_t i = 0; i < n; ++i) {
-                uint8_t* to = start + along(image, i);
+                uint8_t* to = start + along(i);
                 const float* from = out + static_cast<ptrdiff_t>(i) * kColumnLanes;
                 for (int32_t k = 0; k < kColumnLanes; ++k) P::Store(to + k * sizeof(T), P::Round(from[k]));
             }
         } else {
             for (int32_t i = 0; i < n; ++i) {
-                uint8_t* to = start + along(image, i);
+                uint8_t* to = start + along(i);
                 const float* from = out + static_cast<ptrdiff_t>(i) * lanes;
                 for (int32_t k = 0; k < lanes; ++k) P::Store(to + k * laneStep, P::Round(from[k]));
             }
@@ -330,6 +329,31 @@ PL_INLINE_HOT void HoleRows(int32_t, int32_t firstRow, int32_t lastRow, kqmp_arg
     }
 }
 
+// The taps of output i of a column of n filtered rows, as FilterLine takes
+// them: add(row, weight) for each. An edge output (true), whose taps are
+// summed from the line's end inward and the right edge winning over the
+// left, is then divided by `norm`; the interior sums its taps from 0 in tap
+// order and is not divided.
+template <typename Add>
+PL_INLINE_HOT bool ColumnTaps(int32_t n, int32_t i, const float* kernel, int32_t taps, int32_t r, float& norm,
+                              Add add) {
+    norm = 0.0f;
+    const bool right = n - r >= 0 && i >= n - r;
+    if (!right && i >= r) {
+        for (int32_t t = 0; t < taps; ++t) add(i - r + t, kernel[t]);
+        return false;
+    }
+    const int32_t first = right ? n - 1 : 0;
+    const int32_t last = right ? (i - r > 0 ? i - r : 0) : (i + r < n ? i + r : n - 1);
+    const int32_t step = right ? -1 : 1;
+    for (int32_t j = first;; j += step) {
+        norm += kernel[r + j - i];
+        add(j, kernel[r + j - i]);
+        if (j == last) break;
+    }
+    return true;
+}
+
 // Output row i of kColumnLanes elements from element `e` of the n filtered
 // rows rowOf(j), as FilterLine gives it along a column: the right edge,
 // summed from the far end, wins over the left; the interior sums its taps
@@ -340,29 +364,18 @@ PL_INLINE_HOT void ColumnOutputs(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i,
     constexpr int32_t kVectors = kColumnLanes / W;
     FloatVector<W> sum[kVectors];
     for (FloatVector<W>& v : sum) v = FloatVector<W>{};
-    auto add = [&](int32_t row, float weight) PL_LAMBDA_INLINE {
-        const float* p = rowOf(row) + e;
-        for (int32_t q = 0; q < kVectors; ++q) {
-            FloatVector<W> v;
-            std::memcpy(&v, p + W * q, sizeof v);
-            sum[q] += v * weight;
-        }
-    };
-    const bool right = n - r >= 0 && i >= n - r;
-    if (right || i < r) {
-        float norm = 0.0f;
-        const int32_t first = right ? n - 1 : 0;
-        const int32_t last = right ? (i - r > 0 ? i - r : 0) : (i + r < n ? i + r : n - 1);
-        const int32_t step = right ? -1 : 1;
-        for (int32_t j = first;; j += step) {
-            norm += kernel[r + j - i];
-            add(j, kernel[r + j - i]);
-            if (j == last) break;
-        }
+    float norm;
+    const bool edge =
+        ColumnTaps(n, i, kernel, taps, r, norm, [&](int32_t row, float weight) PL_LAMBDA_INLINE {
+            const float* p = rowOf(row) + e;
+            for (int32_t q = 0; q < kVectors; ++q) {
+                FloatVector<W> v;
+                std::memcpy(&v, p + W * q, sizeof v);
+                sum[q] += v * weight;
+            }
+        });
+    if (edge)
         for (FloatVector<W>& v : sum) v = v / norm;
-    } else {
-        for (int32_t t = 0; t < taps; ++t) add(i - r + t, kernel[t]);
-    }
     std::memcpy(out, sum, sizeof sum);
 }
 
@@ -370,22 +383,12 @@ PL_INLINE_HOT void ColumnOutputs(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i,
 template <typename RowOf>
 PL_INLINE_HOT float ColumnOutput(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i, const float* kernel,
                                  int32_t taps, int32_t r) {
-    const bool right = n - r >= 0 && i >= n - r;
     float sum = 0.0f;
-    if (right || i < r) {
-        float norm = 0.0f;
-        const int32_t first = right ? n - 1 : 0;
-        const int32_t last = right ? (i - r > 0 ? i - r : 0) : (i + r < n ? i + r : n - 1);
-        const int32_t step = right ? -1 : 1;
-        for (int32_t j = first;; j += step) {
-            norm += kernel[r + j - i];
-            sum += rowOf(j)[e] * kernel[r + j - i];
-            if (j == last) break;
-        }
-        return sum / norm;
-    }
-    for (int32_t t = 0; t < taps; ++t) sum += rowOf(i - r + t)[e] * kernel[t];
-    return sum;
+    float norm;
+    const bool edge =
+        ColumnTaps(n, i, kernel, taps, r, norm,
+                   [&](int32_t row, float weight) PL_LAMBDA_INLINE { sum += rowOf(row)[e] * weight; });
+    return edge ? sum / norm : sum;
 }
 
 // Whether any of kColumnLanes / 2 pixels is a hole, through whole words:
@@ -570,26 +573,19 @@ struct HoleColumnPass {
     }
 };
 
-// The row pass reads `source`; the column pass then works on the image.
 template <typename P>
-void FilterChannels(PLImage* image, const PLImage* source, const float* kernel, int32_t taps, int32_t r,
-                    int32_t axes, size_t bufferFloats, float* buffers) {
+void FilterChannels(PLImage* image, const float* kernel, int32_t taps, int32_t r, int32_t axes,
+                    size_t bufferFloats, float* buffers) {
     const bool rows = axes == 0 || axes == 2;
     const bool columns = axes != 1 && axes != 2;
     if (rows)
-        kqmp_runrows(image->height, LinePass<P, false>(image), image, source, kernel, taps, r, &bufferFloats,
+        kqmp_runrows(image->height, LinePass<P, false>(image), image, kernel, taps, r, &bufferFloats,
                      buffers);
     if (columns) {
-        const PLImage* columnSource = rows ? image : source;
         // Channels are adjacent in a pixel, so the elements of a row are one channel's row.
-        auto elements = [](const PLImage* of) {
-            return PLImage(of->data, of->width * of->numChannels, of->height, of->rowBytes, 1, of->pixelType,
-                           of->flipped);
-        };
-        PLImage view = elements(image);
-        const PLImage sourceView = elements(columnSource);
-        kqmp_runrows(view.width, LinePass<P, true>(&view), &view, &sourceView, kernel, taps, r, &bufferFloats,
-                     buffers);
+        PLImage view(image->data, image->width * image->numChannels, image->height, image->rowBytes, 1,
+                     image->pixelType, image->flipped);
+        kqmp_runrows(view.width, LinePass<P, true>(&view), &view, kernel, taps, r, &bufferFloats, buffers);
     }
 }
 
@@ -634,8 +630,17 @@ int32_t MakerRadius(float radius) {
 
 namespace {
 
-void SeparableFilter(float radius, PLImage* image, const PLImage* source, int32_t taps, const float* kernel,
-                     int32_t axes) {
+// Float pixels without gaps between them, as the fill's own passes take them.
+bool DenseFloats(const PLImage* image) {
+    return image->pixelType == PLPixelFloat &&
+           image->pixelStride == image->numChannels * static_cast<int32_t>(sizeof(float));
+}
+
+const float kBinomial5[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
+
+}  // namespace
+
+void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
     if (radius < 0.001f) return;
     const int32_t r = PLTruncI32(radius);
     // A kernel must cover the 2r + 1 taps the edges index, and may reach at
@@ -655,16 +660,8 @@ void SeparableFilter(float radius, PLImage* image, const PLImage* source, int32_
     QVMemBlock<float> buffers(2 * static_cast<size_t>(threads) * bufferFloats);
 
     PLVisitPixelType(image->pixelType, [&](auto pixel) {
-        FilterChannels<decltype(pixel)>(image, source, kernel, taps, r, axes, bufferFloats, buffers.get());
+        FilterChannels<decltype(pixel)>(image, kernel, taps, r, axes, bufferFloats, buffers.get());
     });
-}
-
-const float kBinomial5[5] = {1.0f / 16.0f, 0.25f, 0.375f, 0.25f, 1.0f / 16.0f};
-
-}  // namespace
-
-void PLSeparableFilter(float radius, PLImage* image, int32_t taps, const float* kernel, int32_t axes) {
-    SeparableFilter(radius, image, image, taps, kernel, axes);
 }
 
 void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
@@ -675,12 +672,8 @@ void PLGaussianBlur(float radius, PLImage* image, int32_t axes) {
 
 void PLGaussianBlurHoles(float radius, PLImage* image, PLImage* values, const PLImage* weights) {
     if (!image || !values || !weights) return;
-    auto denseFloats = [](const PLImage* of) {
-        return of->pixelType == PLPixelFloat &&
-               of->pixelStride == of->numChannels * static_cast<int32_t>(sizeof(float));
-    };
-    if (PLDimensionsDiffer(image, values) || PLDimensionsDiffer(image, weights) || !denseFloats(image) ||
-        !denseFloats(values) || !denseFloats(weights) || values->numChannels != image->numChannels ||
+    if (PLDimensionsDiffer(image, values) || PLDimensionsDiffer(image, weights) || !DenseFloats(image) ||
+        !DenseFloats(values) || !DenseFloats(weights) || values->numChannels != image->numChannels ||
         weights->numChannels != 1 || image->width < 1 || image->height < 1)
         throw PLErrFailed;
     const int32_t r = MakerRadius(radius);
@@ -764,11 +757,7 @@ size_t PLBinomial5ReduceBytes(const PLImage* to, const PLImage* from) {
 
 void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work, size_t workBytes) {
     if (!to || !from) return;
-    auto denseFloats = [](const PLImage* of) {
-        return of->pixelType == PLPixelFloat &&
-               of->pixelStride == of->numChannels * static_cast<int32_t>(sizeof(float));
-    };
-    if (!denseFloats(to) || !denseFloats(from) || to->numChannels != from->numChannels ||
+    if (!DenseFloats(to) || !DenseFloats(from) || to->numChannels != from->numChannels ||
         from->numChannels > 3 || to->width < 1 || to->height < 1 || from->width < 1 || from->height < 1)
         throw PLErrFailed;
     const int32_t r = kReduceRadius;
@@ -779,11 +768,8 @@ void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work, size_t w
         own.emplace(layout.bytes);
         work = own->get();
     }
-    // Corner pixels meet corner pixels, as in PLResample.
-    const float stepX =
-        to->width == 1 ? 0.0f : static_cast<float>(from->width - 1) / static_cast<float>(to->width - 1);
-    const float stepY =
-        to->height == 1 ? 0.0f : static_cast<float>(from->height - 1) / static_cast<float>(to->height - 1);
+    const float stepX = PLCornerStep(to->width, from->width);
+    const float stepY = PLCornerStep(to->height, from->height);
     PLCellTap* columns = reinterpret_cast<PLCellTap*>(work);
     for (int32_t x = 0; x < to->width; ++x)
         new (columns + x) PLCellTap(

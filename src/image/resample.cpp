@@ -139,11 +139,12 @@ void PLResampleWithSteps(PLImage* dst, const PLImage* src, float stepX, float st
 void PLResample(PLImage* dst, const PLImage* src) {
     if (!dst || !src) return;
     if (dst->numChannels != src->numChannels) throw PLErrFailed;
-    // Corner pixels meet corner pixels. A destination one pixel wide has no
-    // span to divide by; its only column takes the source's first.
-    const float stepX =
-        dst->width == 1 ? 0.0f : static_cast<float>(src->width - 1) / static_cast<float>(dst->width - 1);
-    const float stepY =
-        dst->height == 1 ? 0.0f : static_cast<float>(src->height - 1) / static_cast<float>(dst->height - 1);
-    PLResampleWithSteps(dst, src, stepX, stepY);
+    PLResampleWithSteps(dst, src, PLCornerStep(dst->width, src->width),
+                        PLCornerStep(dst->height, src->height));
+}
+
+float PLCornerStep(int32_t dst, int32_t src) {
+    // A destination one pixel long has no span to divide by; its only pixel
+    // takes the source's first.
+    return dst == 1 ? 0.0f : static_cast<float>(src - 1) / static_cast<float>(dst - 1);
 }

@@ -14,3 +14,7 @@ void PLResample(PLImage* dst, const PLImage* src);
 // The resampler's loops with the caller's source step per destination pixel
 // on each axis, for an enlargement whose steps are derived differently.
 void PLResampleWithSteps(PLImage* dst, const PLImage* src, float stepX, float stepY);
+
+// PLResample's step along one axis, source samples per destination sample,
+// corner pixels meeting corner pixels.
+float PLCornerStep(int32_t dst, int32_t src);
