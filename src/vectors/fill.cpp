@@ -4,6 +4,7 @@
 #include "vectors/fill.h"
 
 #include <memory>
+#include <optional>
 
 #include "image/filters.h"
 #include "image/image_ops.h"
@@ -295,12 +296,14 @@ void PLDecodeAndFillFlow(float maxDisplace, PLImage* flow, const PLImage* vector
     PLVisitPixelType(vectors->pixelType, [&](auto vectorPixel) {
         using P = decltype(vectorPixel);
         // Every code's motion, once: a division in double per sample otherwise.
-        QVMemBlock<float> codes(P::kIsFloat ? 1 : static_cast<size_t>(P::kWhite) + 1);
-        if constexpr (!P::kIsFloat)
+        std::optional<QVMemBlock<float>> codes;
+        if constexpr (!P::kIsFloat) {
+            codes.emplace(static_cast<size_t>(P::kWhite) + 1);
             for (int32_t c = 0; c <= static_cast<int32_t>(P::kWhite); ++c)
-                codes.get()[c] = PLDecodeCode<P>(c, maxDisplace);
+                codes->get()[c] = PLDecodeCode<P>(c, maxDisplace);
+        }
         kqmp_runrows(flow->height, kqmp_forisa<LoadVectorRows<P>>(), &v, &w, vectors, &maxDisplace,
-                     static_cast<const float*>(codes.get()));
+                     static_cast<const float*>(codes ? codes->get() : nullptr));
     });
     FillLoaded(flow, levels, progress, scratch);
 }
