@@ -464,6 +464,8 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
 // reads when it first needs it, and the resampler's two steps follow, as
 // PLResample takes them for fewer than four channels. No full-size image is
 // written between the steps.
+constexpr int32_t kReduceRadius = 2;
+
 struct ReduceJob {
     PLImage* to;
     const PLImage* from;
@@ -471,15 +473,27 @@ struct ReduceJob {
     float stepY;
     bool scaled;
     float ratio;
-    const float* kernel;
-    int32_t taps;
-    int32_t r;
+    const float* kernel;  // 2 * kReduceRadius + 1 taps
     size_t threadFloats;
     float* scratch;
 };
 
 PL_INLINE_HOT float StoredFloat(float v) {
     return PLPixel<PLPixelFloat>::Round(v);
+}
+
+// Source row `blurred` interpolated across into `line` at the resampler's
+// horizontal taps, C channels a pixel.
+template <int32_t C>
+PL_INLINE_HOT void InterpolateAcross(const float* blurred, const PLCellTap* columns, int32_t width,
+                                     float* line) {
+    for (int32_t x = 0; x < width; ++x) {
+        const PLCellTap& tx = columns[x];
+        const float* a = blurred + static_cast<ptrdiff_t>(tx.index) * C;
+        const float* b = a + static_cast<ptrdiff_t>(tx.next) * C;
+        for (int32_t c = 0; c < C; ++c)
+            line[static_cast<ptrdiff_t>(x) * C + c] = (b[c] - a[c]) * tx.fraction + a[c];
+    }
 }
 
 template <int32_t W>
@@ -490,16 +504,15 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
     const int32_t channels = from.numChannels;
     const int32_t n = from.width;
     const int32_t rows = from.height;
-    const int32_t r = job.r;
+    constexpr int32_t r = kReduceRadius;
+    constexpr int32_t taps = 2 * r + 1;
+    constexpr int32_t ringRows = taps;
     const ptrdiff_t elements = static_cast<ptrdiff_t>(n) * channels;
     const ptrdiff_t outElements = static_cast<ptrdiff_t>(to.width) * channels;
-    const int32_t ringRows = 2 * r + 1;
 
     float* ring = job.scratch + job.threadFloats * static_cast<size_t>(threadIndex);
     float* blurred = ring + ringRows * elements;
     float* across[2] = {blurred + elements, blurred + elements + outElements};
-    auto ringRow = [&](int32_t j)
-                       PL_LAMBDA_INLINE -> const float* { return ring + (j % ringRows) * elements; };
 
     int32_t filteredTo = -1;  // the last source row in the ring
     auto filterRows = [&](int32_t lo, int32_t hi) PL_LAMBDA_INLINE {
@@ -508,7 +521,7 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
             // stores each sum plus 0, which is left out here and below: a sum
             // that starts from +0 never comes out -0.
             FilterLine<W>(reinterpret_cast<const float*>(from.Row(j)), ring + (j % ringRows) * elements, n,
-                          channels, job.kernel, job.taps, r);
+                          channels, job.kernel, taps, r);
         }
         if (hi > filteredTo) filteredTo = hi;
     };
@@ -519,22 +532,25 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
         for (int32_t slot = 0; slot < 2; ++slot)
             if (held[slot] == row) return across[slot];
         filterRows(row - r > 0 ? row - r : 0, row + r < rows ? row + r : rows - 1);
+        // The ring rows around `row`, found once rather than per run of lanes.
+        const float* near[taps];
+        for (int32_t k = 0; k < taps; ++k) {
+            const int32_t j = row - r + k;
+            near[k] = j >= 0 && j < rows ? ring + (j % ringRows) * elements : nullptr;
+        }
+        auto ringRow = [&](int32_t j) PL_LAMBDA_INLINE -> const float* { return near[j - row + r]; };
         ptrdiff_t e = 0;
         for (; e + kColumnLanes <= elements; e += kColumnLanes)
-            ColumnOutputs<W>(ringRow, rows, e, row, job.kernel, job.taps, r, blurred + e);
-        for (; e < elements; ++e) blurred[e] = ColumnOutput(ringRow, rows, e, row, job.kernel, job.taps, r);
+            ColumnOutputs<W>(ringRow, rows, e, row, job.kernel, taps, r, blurred + e);
+        for (; e < elements; ++e) blurred[e] = ColumnOutput(ringRow, rows, e, row, job.kernel, taps, r);
         const int32_t slot = held[0] == keep ? 1 : 0;
         float* line = across[slot];
-        for (int32_t x = 0; x < to.width; ++x) {
-            const PLCellTap& tx = job.columns[x];
-            const ptrdiff_t left = static_cast<ptrdiff_t>(tx.index) * channels;
-            const ptrdiff_t right = left + static_cast<ptrdiff_t>(tx.next) * channels;
-            for (int32_t c = 0; c < channels; ++c) {
-                const float a = blurred[left + c];
-                const float b = blurred[right + c];
-                line[static_cast<ptrdiff_t>(x) * channels + c] = (b - a) * tx.fraction + a;
-            }
-        }
+        if (channels == 2)
+            InterpolateAcross<2>(blurred, job.columns, to.width, line);
+        else if (channels == 1)
+            InterpolateAcross<1>(blurred, job.columns, to.width, line);
+        else
+            InterpolateAcross<3>(blurred, job.columns, to.width, line);
         held[slot] = row;
         return line;
     };
@@ -734,8 +750,6 @@ struct ReduceLayout {
     size_t bytes;
 };
 
-constexpr int32_t kReduceRadius = 2;
-
 ReduceLayout ReduceLayoutOf(const PLImage* to, const PLImage* from) {
     ReduceLayout layout;
     const size_t channels = static_cast<size_t>(from->numChannels);
@@ -781,8 +795,6 @@ void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work, size_t w
                         to->whitePoint != from->whitePoint,
                         to->whitePoint / from->whitePoint,
                         kBinomial5,
-                        5,
-                        r,
                         layout.threadFloats,
                         reinterpret_cast<float*>(work + layout.columnBytes)};
     kqmp_runrows(to->height, ForPath<ReducePass>(), &job);
