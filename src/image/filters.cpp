@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "base/isa.h"
 #include "base/qvmem.h"
@@ -470,6 +471,8 @@ struct ReduceJob {
     PLImage* to;
     const PLImage* from;
     const PLCellTap* columns;  // the resampler's horizontal taps, one per destination column
+    const float* fractions;    // their fractions again, side by side, with a register's slack
+    const int32_t* evenTo;     // the last column of the run of taps two pixels apart that each starts
     float stepY;
     bool scaled;
     float ratio;
@@ -483,16 +486,50 @@ PL_INLINE_HOT float StoredFloat(float v) {
 }
 
 // Source row `blurred` interpolated across into `line` at the resampler's
-// horizontal taps, C channels a pixel.
-template <int32_t C>
-PL_INLINE_HOT void InterpolateAcross(const float* blurred, const PLCellTap* columns, int32_t width,
-                                     float* line) {
-    for (int32_t x = 0; x < width; ++x) {
-        const PLCellTap& tx = columns[x];
+// horizontal taps, C channels a pixel. Where W / C taps in a row read pixels
+// two apart, as a halving mostly does, they take two registers of the row
+// and sort them into the left and right pixels.
+template <int32_t W, int32_t C, size_t... I>
+PL_INLINE_HOT void InterpolateRun(const float* from, const float* fractions, float* to,
+                                  std::index_sequence<I...>) {
+    FloatVector<W> first, second, fraction;
+    std::memcpy(&first, from, sizeof first);
+    std::memcpy(&second, from + W, sizeof second);
+    std::memcpy(&fraction, fractions, sizeof fraction);
+    FloatVector<W> a, b, f;
+    if constexpr (C == 1) {
+        a = __builtin_shufflevector(first, second, (2 * I)...);
+        b = __builtin_shufflevector(first, second, (2 * I + 1)...);
+        f = fraction;
+    } else {
+        a = __builtin_shufflevector(first, second, (4 * (I / 2) + I % 2)...);
+        b = __builtin_shufflevector(first, second, (4 * (I / 2) + 2 + I % 2)...);
+        f = __builtin_shufflevector(fraction, fraction, (I / 2)...);
+    }
+    const FloatVector<W> result = (b - a) * f + a;
+    std::memcpy(to, &result, sizeof result);
+}
+
+template <int32_t W, int32_t C>
+PL_INLINE_HOT void InterpolateAcross(const float* blurred, const ReduceJob& job, int32_t width, float* line) {
+    constexpr int32_t kRun = W / C;
+    int32_t x = 0;
+    while (x < width) {
+        if constexpr (C <= 2) {
+            if (job.evenTo[x] - x >= kRun - 1) {
+                InterpolateRun<W, C>(blurred + static_cast<ptrdiff_t>(job.columns[x].index) * C,
+                                     job.fractions + x, line + static_cast<ptrdiff_t>(x) * C,
+                                     std::make_index_sequence<W>());
+                x += kRun;
+                continue;
+            }
+        }
+        const PLCellTap& tx = job.columns[x];
         const float* a = blurred + static_cast<ptrdiff_t>(tx.index) * C;
         const float* b = a + static_cast<ptrdiff_t>(tx.next) * C;
         for (int32_t c = 0; c < C; ++c)
             line[static_cast<ptrdiff_t>(x) * C + c] = (b[c] - a[c]) * tx.fraction + a[c];
+        ++x;
     }
 }
 
@@ -546,11 +583,11 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
         const int32_t slot = held[0] == keep ? 1 : 0;
         float* line = across[slot];
         if (channels == 2)
-            InterpolateAcross<2>(blurred, job.columns, to.width, line);
+            InterpolateAcross<W, 2>(blurred, job, to.width, line);
         else if (channels == 1)
-            InterpolateAcross<1>(blurred, job.columns, to.width, line);
+            InterpolateAcross<W, 1>(blurred, job, to.width, line);
         else
-            InterpolateAcross<3>(blurred, job.columns, to.width, line);
+            InterpolateAcross<W, 3>(blurred, job, to.width, line);
         held[slot] = row;
         return line;
     };
@@ -756,7 +793,11 @@ ReduceLayout ReduceLayoutOf(const PLImage* to, const PLImage* from) {
     const size_t elements = static_cast<size_t>(from->width) * channels;
     layout.threadFloats =
         (2 * kReduceRadius + 1) * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
-    layout.columnBytes = (static_cast<size_t>(to->width) * sizeof(PLCellTap) + 63) / 64 * 64;
+    // Each column's tap, fraction and run end, with a register of slack after the fractions.
+    layout.columnBytes =
+        (static_cast<size_t>(to->width) * (sizeof(PLCellTap) + sizeof(float) + sizeof(int32_t)) +
+         kColumnLanes * sizeof(float) + 63) /
+        64 * 64;
     layout.bytes = layout.columnBytes +
                    static_cast<size_t>(kqmp_threadsfor(to->height)) * layout.threadFloats * sizeof(float);
     return layout;
@@ -784,13 +825,27 @@ void PLBinomial5Reduce(PLImage* to, const PLImage* from, uint8_t* work, size_t w
     }
     const float stepX = PLCornerStep(to->width, from->width);
     const float stepY = PLCornerStep(to->height, from->height);
+    const int32_t width = to->width;
     PLCellTap* columns = reinterpret_cast<PLCellTap*>(work);
-    for (int32_t x = 0; x < to->width; ++x)
+    float* fractions = reinterpret_cast<float*>(columns + width);
+    int32_t* evenTo = reinterpret_cast<int32_t*>(fractions + width + kColumnLanes);
+    for (int32_t x = 0; x < width; ++x) {
         new (columns + x) PLCellTap(
             PLLastCellTap<PLBeforeFirst::kRepeatFirst>(static_cast<float>(x) * stepX, from->lastColumn));
+        fractions[x] = columns[x].fraction;
+    }
+    for (int32_t k = 0; k < kColumnLanes; ++k) fractions[width + k] = 0.0f;
+    // A tap whose right pixel is itself starts no run (evenTo x - 1).
+    for (int32_t x = width - 1; x >= 0; --x) {
+        const bool chained =
+            x + 1 < width && columns[x + 1].next == 1 && columns[x + 1].index == columns[x].index + 2;
+        evenTo[x] = columns[x].next != 1 ? x - 1 : chained ? evenTo[x + 1] : x;
+    }
     const ReduceJob job{to,
                         from,
                         columns,
+                        fractions,
+                        evenTo,
                         stepY,
                         to->whitePoint != from->whitePoint,
                         to->whitePoint / from->whitePoint,
