@@ -29,8 +29,9 @@ constexpr int32_t kMaxRadius = (INT32_MAX - 2 * kLineSlack - 3) / 2;
 // Adjacent columns the column pass filters together: a row of the block is
 // read from one or two cache lines instead of one line per column.
 constexpr int32_t kColumnLanes = 16;
-// Interior outputs summed together in registers, tap by tap; a multiple of 4.
-constexpr int32_t kInteriorBlock = 16;
+// Registers of interior outputs summed together, tap by tap: four chains of
+// additions under way at once rather than one waiting on the last.
+constexpr int32_t kInteriorVectors = 4;
 
 // Floats in each of a thread's two line buffers: room for a row of all
 // channels, or for a block of up to kColumnLanes interleaved element columns,
@@ -86,13 +87,12 @@ struct FloatVectorOf<16> {
 template <int32_t W>
 using FloatVector = typename FloatVectorOf<W>::Type;
 
-// Interior outputs m to m + kInteriorBlock - 1 of interleaved lines: each
+// Interior outputs m to m + kVectors * W - 1 of interleaved lines: each
 // sums its taps from 0 in tap order, without a division, in registers.
-template <int32_t W>
+template <int32_t W, int32_t kVectors>
 PL_INLINE_HOT void FilterInteriorBlock(const float* in, float* out, ptrdiff_t m, int32_t lanes,
                                        const float* w, int32_t taps, int32_t r) {
-    static_assert(kInteriorBlock % W == 0 && sizeof(FloatVector<W>) == W * sizeof(float), "whole registers");
-    constexpr int32_t kVectors = kInteriorBlock / W;
+    static_assert(sizeof(FloatVector<W>) == W * sizeof(float), "whole registers");
     FloatVector<W> sum[kVectors];
     for (FloatVector<W>& v : sum) v = FloatVector<W>{};
     const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
@@ -125,8 +125,9 @@ PL_INLINE_HOT void FilterLine(const float* in, float* out, int32_t n, int32_t la
     // keep their sums in registers and vectorise.
     const ptrdiff_t end = static_cast<ptrdiff_t>(n - r) * lanes;
     ptrdiff_t m = static_cast<ptrdiff_t>(r) * lanes;
-    for (; end - m >= kInteriorBlock; m += kInteriorBlock)
-        FilterInteriorBlock<W>(in, out, m, lanes, w, taps, r);
+    for (; end - m >= kInteriorVectors * W; m += kInteriorVectors * W)
+        FilterInteriorBlock<W, kInteriorVectors>(in, out, m, lanes, w, taps, r);
+    for (; end - m >= W; m += W) FilterInteriorBlock<W, 1>(in, out, m, lanes, w, taps, r);
     for (; m < end; ++m) {
         float sum = 0.0f;
         const float* p = in + m - static_cast<ptrdiff_t>(r) * lanes;
@@ -355,14 +356,14 @@ PL_INLINE_HOT bool ColumnTaps(int32_t n, int32_t i, const float* kernel, int32_t
     return true;
 }
 
-// Output row i of kColumnLanes elements from element `e` of the n filtered
+// Output row i of kLanes elements from element `e` of the n filtered
 // rows rowOf(j), as FilterLine gives it along a column: the right edge,
 // summed from the far end, wins over the left; the interior sums its taps
 // from 0 in tap order.
-template <int32_t W, typename RowOf>
+template <int32_t W, int32_t kLanes = kColumnLanes, typename RowOf>
 PL_INLINE_HOT void ColumnOutputs(RowOf rowOf, int32_t n, ptrdiff_t e, int32_t i, const float* kernel,
                                  int32_t taps, int32_t r, float* out) {
-    constexpr int32_t kVectors = kColumnLanes / W;
+    constexpr int32_t kVectors = kLanes / W;
     FloatVector<W> sum[kVectors];
     for (FloatVector<W>& v : sum) v = FloatVector<W>{};
     float norm;
@@ -577,6 +578,9 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
         }
         auto ringRow = [&](int32_t j) PL_LAMBDA_INLINE -> const float* { return near[j - row + r]; };
         ptrdiff_t e = 0;
+        // Several registers at once: their chains of additions overlap.
+        for (; e + kInteriorVectors * W <= elements; e += kInteriorVectors * W)
+            ColumnOutputs<W, kInteriorVectors * W>(ringRow, rows, e, row, job.kernel, taps, r, blurred + e);
         for (; e + kColumnLanes <= elements; e += kColumnLanes)
             ColumnOutputs<W>(ringRow, rows, e, row, job.kernel, taps, r, blurred + e);
         for (; e < elements; ++e) blurred[e] = ColumnOutput(ringRow, rows, e, row, job.kernel, taps, r);
