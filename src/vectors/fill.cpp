@@ -3,6 +3,7 @@
 // near-linear time; known pixels get their exact value back at the end.
 #include "vectors/fill.h"
 
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -233,6 +234,18 @@ size_t PLFlowFillBytes(int32_t width, int32_t height) {
 
 namespace {
 
+PL_INLINE_HOT uint32_t FloatBits(float f) {
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+PL_INLINE_HOT float BitsFloat(uint32_t bits) {
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
 // Level 0 straight from the vector clip: the flow PLDecodeMotionVectors would
 // give and the mask the engine makes (alpha complemented), loaded as
 // LoadFlowRows loads them, without either image. A known pixel's alpha is
@@ -259,10 +272,12 @@ PL_INLINE_HOT void LoadVectorRows(int32_t, bool, int32_t firstRow, int32_t lastR
                 dy = codes[VectorPixel::Load(in + sizeof(T))];
             }
             const T hole = VectorPixel::Complement(VectorPixel::Load(in + 3 * sizeof(T)));
-            const bool known = hole == 0;
-            w[x] = known ? 1.0f : 0.0f;
-            v[2 * x] = known ? dx : 0.0f;
-            v[2 * x + 1] = known ? dy : 0.0f;
+            // The choice as a mask on the bits, so that it takes no branch:
+            // holes come and go too often along a row to be predicted.
+            const uint32_t keep = 0u - static_cast<uint32_t>(hole == 0);
+            w[x] = BitsFloat(FloatBits(1.0f) & keep);
+            v[2 * x] = BitsFloat(FloatBits(dx) & keep);
+            v[2 * x + 1] = BitsFloat(FloatBits(dy) & keep);
         }
     }
 }
