@@ -1,7 +1,7 @@
 // The engine against the plain rendition of its stages, bit for bit: odd
 // sizes, vector frames of another size, flipped and padded host images, NaN,
-// infinities and huge values, every depth, both amount branches; one thread
-// and two; every instruction-set path this machine has.
+// infinities and huge values, every depth, both amount branches, vector
+// scales; one thread and two; every instruction-set path this machine has.
 #include <cmath>
 #include <limits>
 
@@ -35,16 +35,17 @@ struct Case {
     int32_t padding;
     bool specials;  // NaN, infinities and huge values among float vectors and source
     bool allHoles;  // no known vector: no level has any weight
+    float scaleX, scaleY;
 };
 
 const Case kCases[] = {
-    {1, 37, 1, 37, PLPixelFloat, PLPixelFloat, 2.0f, false, 0, true, false},
-    {41, 1, 41, 1, PLPixelUChar, PLPixelUChar, 0.5f, true, 3, false, false},
-    {2, 2, 2, 2, PLPixelUShort, PLPixelUShort, -1.0f, false, 1, false, false},
-    {67, 45, 33, 23, PLPixelFloat, PLPixelUChar, 0.5f, true, 5, false, false},
-    {53, 38, 53, 38, PLPixelFloat, PLPixelFloat, -0.5f, true, 7, true, false},
-    {90, 70, 90, 70, PLPixelUChar, PLPixelFloat, 1.0f, false, 2, false, true},
-    {1919, 1079, 1919, 1079, PLPixelFloat, PLPixelUChar, 0.5f, false, 0, false, false},
+    {1, 37, 1, 37, PLPixelFloat, PLPixelFloat, 2.0f, false, 0, true, false, 1.0f, 1.0f},
+    {41, 1, 41, 1, PLPixelUChar, PLPixelUChar, 0.5f, true, 3, false, false, -2.0f, 0.5f},
+    {2, 2, 2, 2, PLPixelUShort, PLPixelUShort, -1.0f, false, 1, false, false, 1.0f, 1.0f},
+    {67, 45, 33, 23, PLPixelFloat, PLPixelUChar, 0.5f, true, 5, false, false, 0.37f, 1.5f},
+    {53, 38, 53, 38, PLPixelFloat, PLPixelFloat, -0.5f, true, 7, true, false, -1.25f, 0.0f},
+    {90, 70, 90, 70, PLPixelUChar, PLPixelFloat, 1.0f, false, 2, false, true, 1.0f, 1.0f},
+    {1919, 1079, 1919, 1079, PLPixelFloat, PLPixelUChar, 0.5f, false, 0, false, false, 1.0f, 1.0f},
 };
 
 float Special(uint32_t k) {
@@ -77,14 +78,14 @@ TEST(FastPaths, EngineMatchesThePlainRenditionBitForBit) {
         Fill(vec, 12, true, c.specials && c.vecType == PLPixelFloat, c.allHoles);
         Frame expected(c.w, c.h, c.type, c.flipped, c.padding);
         plain::Engine(&expected.image(), &src.image(), &vec.image(), PLBlurBilinear, false, c.amount, 8.0f,
-                      1.0f, 1.0f);
+                      c.scaleX, c.scaleY);
         for (int32_t isa = PLIsaBaseline; isa <= PLMachineIsa(); ++isa) {
             PLUseIsa(static_cast<PLIsa>(isa));
             for (int32_t threads : {1, 2}) {
                 ThreadLimit limit(threads);
                 Frame out(c.w, c.h, c.type, c.flipped, c.padding);
                 ASSERT_EQ(TrelvoVectorsBlur(&out.wrapper, &src.wrapper, &vec.wrapper, PLBlurBilinear, 0,
-                                            nullptr, c.amount, 8.0f, 1.0f, 1.0f),
+                                            nullptr, c.amount, 8.0f, c.scaleX, c.scaleY),
                           PLErrNone);
                 ASSERT_EQ(RowBytes(out.image()), RowBytes(expected.image()))
                     << PLIsaName(static_cast<PLIsa>(isa)) << ", " << threads << " threads";
