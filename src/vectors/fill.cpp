@@ -162,6 +162,29 @@ PLImage FilledLevel(const PLImage* flow, uint8_t* scratch, const FlowLevels& lev
     return LevelImage(scratch, levels.filled[l], levels, l, channels);
 }
 
+PL_INLINE_HOT uint32_t FloatBits(float f) {
+    uint32_t bits;
+    std::memcpy(&bits, &f, sizeof bits);
+    return bits;
+}
+
+PL_INLINE_HOT float BitsFloat(uint32_t bits) {
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
+// Pixel x of level 0: weight 1 and the vector (dx, dy) where it is known,
+// weight 0 and a cleared vector elsewhere. The choice is a mask on the bits,
+// so that it takes no branch: holes come and go too often along a row to be
+// predicted.
+PL_INLINE_HOT void StoreLevelPixel(bool known, float dx, float dy, float* v, float* w, int32_t x) {
+    const uint32_t keep = 0u - static_cast<uint32_t>(known);
+    w[x] = BitsFloat(FloatBits(1.0f) & keep);
+    v[2 * x] = BitsFloat(FloatBits(dx) & keep);
+    v[2 * x + 1] = BitsFloat(FloatBits(dy) & keep);
+}
+
 // Level 0 of both pyramids at once: weight 1 and the vector where the mask is
 // zero, weight 0 and a cleared vector elsewhere.
 template <typename MaskPixel>
@@ -177,9 +200,7 @@ PL_INLINE_HOT void LoadFlowRows(int32_t, bool, int32_t firstRow, int32_t lastRow
         const uint8_t* m = mask->Row(y);
         for (int32_t x = 0; x < values->width; ++x) {
             const bool known = MaskPixel::Load(m + PLOffset(x, mask->pixelStride)) == 0;
-            w[x] = known ? 1.0f : 0.0f;
-            v[2 * x] = known ? f[2 * x] : 0.0f;
-            v[2 * x + 1] = known ? f[2 * x + 1] : 0.0f;
+            StoreLevelPixel(known, f[2 * x], f[2 * x + 1], v, w, x);
         }
     }
 }
@@ -234,18 +255,6 @@ size_t PLFlowFillBytes(int32_t width, int32_t height) {
 
 namespace {
 
-PL_INLINE_HOT uint32_t FloatBits(float f) {
-    uint32_t bits;
-    std::memcpy(&bits, &f, sizeof bits);
-    return bits;
-}
-
-PL_INLINE_HOT float BitsFloat(uint32_t bits) {
-    float f;
-    std::memcpy(&f, &bits, sizeof f);
-    return f;
-}
-
 // Level 0 straight from the vector clip: the flow PLDecodeMotionVectors would
 // give and the mask the engine makes (alpha complemented), loaded as
 // LoadFlowRows loads them, without either image. A known pixel's alpha is
@@ -272,12 +281,7 @@ PL_INLINE_HOT void LoadVectorRows(int32_t, bool, int32_t firstRow, int32_t lastR
                 dy = codes[VectorPixel::Load(in + sizeof(T))];
             }
             const T hole = VectorPixel::Complement(VectorPixel::Load(in + 3 * sizeof(T)));
-            // The choice as a mask on the bits, so that it takes no branch:
-            // holes come and go too often along a row to be predicted.
-            const uint32_t keep = 0u - static_cast<uint32_t>(hole == 0);
-            w[x] = BitsFloat(FloatBits(1.0f) & keep);
-            v[2 * x] = BitsFloat(FloatBits(dx) & keep);
-            v[2 * x + 1] = BitsFloat(FloatBits(dy) & keep);
+            StoreLevelPixel(hole == 0, dx, dy, v, w, x);
         }
     }
 }
