@@ -467,6 +467,7 @@ PL_INLINE_HOT void HoleColumns(int32_t, int32_t firstRow, int32_t lastRow, kqmp_
 // PLResample takes them for fewer than four channels. No full-size image is
 // written between the steps.
 constexpr int32_t kReduceRadius = 2;
+constexpr int32_t kReduceTaps = 2 * kReduceRadius + 1;
 
 struct ReduceJob {
     PLImage* to;
@@ -477,7 +478,7 @@ struct ReduceJob {
     float stepY;
     bool scaled;
     float ratio;
-    const float* kernel;  // 2 * kReduceRadius + 1 taps
+    const float* kernel;  // kReduceTaps taps
     size_t threadFloats;
     float* scratch;
 };
@@ -543,13 +544,12 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
     const int32_t n = from.width;
     const int32_t rows = from.height;
     constexpr int32_t r = kReduceRadius;
-    constexpr int32_t taps = 2 * r + 1;
-    constexpr int32_t ringRows = taps;
+    constexpr int32_t taps = kReduceTaps;  // also the rows of the ring
     const ptrdiff_t elements = static_cast<ptrdiff_t>(n) * channels;
     const ptrdiff_t outElements = static_cast<ptrdiff_t>(to.width) * channels;
 
     float* ring = job.scratch + job.threadFloats * static_cast<size_t>(threadIndex);
-    float* blurred = ring + ringRows * elements;
+    float* blurred = ring + taps * elements;
     float* across[2] = {blurred + elements, blurred + elements + outElements};
 
     int32_t filteredTo = -1;  // the last source row in the ring
@@ -558,7 +558,7 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
             // Five taps for radius 2 read no further than the line. The blur
             // stores each sum plus 0, which is left out here and below: a sum
             // that starts from +0 never comes out -0.
-            FilterLine<W>(reinterpret_cast<const float*>(from.Row(j)), ring + (j % ringRows) * elements, n,
+            FilterLine<W>(reinterpret_cast<const float*>(from.Row(j)), ring + (j % taps) * elements, n,
                           channels, job.kernel, taps, r);
         }
         if (hi > filteredTo) filteredTo = hi;
@@ -574,7 +574,7 @@ PL_INLINE_HOT void ReduceRows(int32_t threadIndex, int32_t firstRow, int32_t las
         const float* near[taps];
         for (int32_t k = 0; k < taps; ++k) {
             const int32_t j = row - r + k;
-            near[k] = j >= 0 && j < rows ? ring + (j % ringRows) * elements : nullptr;
+            near[k] = j >= 0 && j < rows ? ring + (j % taps) * elements : nullptr;
         }
         auto ringRow = [&](int32_t j) PL_LAMBDA_INLINE -> const float* { return near[j - row + r]; };
         ptrdiff_t e = 0;
@@ -795,8 +795,7 @@ ReduceLayout ReduceLayoutOf(const PLImage* to, const PLImage* from) {
     ReduceLayout layout;
     const size_t channels = static_cast<size_t>(from->numChannels);
     const size_t elements = static_cast<size_t>(from->width) * channels;
-    layout.threadFloats =
-        (2 * kReduceRadius + 1) * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
+    layout.threadFloats = kReduceTaps * elements + elements + 2 * static_cast<size_t>(to->width) * channels;
     // Each column's tap, fraction and run end, with a register of slack after the fractions.
     layout.columnBytes =
         (static_cast<size_t>(to->width) * (sizeof(PLCellTap) + sizeof(float) + sizeof(int32_t)) +
